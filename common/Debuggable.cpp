@@ -1,0 +1,93 @@
+#include "Debuggable.h"
+
+#include <algorithm>
+#include <cstdio>
+
+Mutex Debuggable::m_listLock(true);
+std::list<Debuggable*> Debuggable::m_list;
+
+void Named::SetName(const char* format, va_list args)
+{
+    char buffer[400];
+    vsnprintf(buffer, sizeof buffer, format, args);
+    buffer[sizeof buffer - 1] = '\0';
+    m_name = buffer;
+}
+
+void Named::Rename(const char* format, va_list args)
+{
+    SetName(format, args);
+    NameUpdated();
+}
+
+void Named::Rename(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    Rename(format, args);
+    va_end(args);
+}
+
+Debuggable::Debuggable(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    Register(format, args);
+    va_end(args);
+}
+
+Debuggable::Debuggable(const char* format, va_list args) { Register(format, args); }
+
+Debuggable::Debuggable(const Debuggable& other) : Named(other), m_debug(other.m_debug)
+{
+    safe_mem_object("Debuggable.cpp", __LINE__, "Debuggable", this);
+    m_listLock.Lock(__FILE__, __LINE__);
+    m_list.push_back(this);
+    m_listLock.Unlock();
+}
+
+Debuggable& Debuggable::operator=(const Debuggable& other)
+{
+    if (this != &other) {
+        Rename("%s", other.Name());
+        Debug(other.m_debug);
+    }
+    return *this;
+}
+
+void Debuggable::Register(const char* format, va_list args)
+{
+    safe_mem_object("Debuggable.cpp", __LINE__, "Debuggable", this);
+    // Virtual dispatch reaches only Named's hook while constructing.
+    Rename(format, args);
+    m_listLock.Lock(__FILE__, __LINE__);
+    m_list.push_back(this);
+    m_listLock.Unlock();
+}
+
+Debuggable::~Debuggable()
+{
+    safe_mem_object("Debuggable.cpp", __LINE__, "~Debuggable", this);
+    m_listLock.Lock(__FILE__, __LINE__);
+    auto it = std::find(m_list.begin(), m_list.end(), this);
+    if (it != m_list.end()) m_list.erase(it);
+    m_listLock.Unlock();
+}
+
+bool Debuggable::Debug(void* object, bool /*on*/)
+{
+    m_listLock.Lock(__FILE__, __LINE__);
+    auto it = std::find(m_list.begin(), m_list.end(), static_cast<Debuggable*>(object));
+    bool found = it != m_list.end();
+    if (found) m_list.erase(it);
+    m_listLock.Unlock();
+    return found;
+}
+
+size_t Debuggable::Count()
+{
+    m_listLock.Lock(__FILE__, __LINE__);
+    size_t n = m_list.size();
+    m_listLock.Unlock();
+    return n;
+}

@@ -1,0 +1,160 @@
+// A pthread mutex that remembers who holds it and, while a caller waits,
+// reports every m_reportSeconds who is in the way.
+#pragma once
+
+#include <pthread.h>
+
+#include <cerrno>
+#include <ctime>
+
+#include "debugger.h"
+#include "utils.h"
+
+class Mutex {
+public:
+    explicit Mutex(bool recursive)
+        : m_recursive(recursive),
+          m_lock_count(0),
+          m_lock_file(nullptr),
+          m_lock_line(0),
+          m_step_file(nullptr),
+          m_step_line(0),
+          m_lock_tid(0)
+    {
+        safe_mem_object("Mutex.hpp", __LINE__, "Mutex", this);
+        pthread_mutexattr_init(&m_attributes);
+        if (m_recursive) pthread_mutexattr_settype(&m_attributes, PTHREAD_MUTEX_RECURSIVE);
+        pthread_mutex_init(&m_mutex, &m_attributes);
+    }
+    ~Mutex()
+    {
+        safe_mem_object("Mutex.hpp", __LINE__, "~Mutex", this);
+        pthread_mutex_destroy(&m_mutex);
+        pthread_mutexattr_destroy(&m_attributes);
+    }
+    Mutex(const Mutex&) = delete;
+    Mutex& operator=(const Mutex&) = delete;
+
+    // Blocks until taken; never gives up, only reports. `file` must be a
+    // string literal (the caller's __FILE__): it is kept, not copied.
+    void Lock(const char* file, int line)
+    {
+        for (;;) {
+            timespec deadline = {time(nullptr) + m_reportSeconds, 0};
+            int rv = pthread_mutex_timedlock(&m_mutex, &deadline);
+            if (rv == 0) break;
+            if (rv != ETIMEDOUT) {
+                syslog_safe(7, "DBG %s:%d Mutex::Lock() error: rv=%d this=%p.", file, line, rv,
+                            static_cast<void*>(this));
+                return;
+            }
+            syslog_safe(7, "DBG %s:%d Mutex::Lock() blocked ([%d] %s:%d still holds). <--------------- [%s:%d]",
+                        file, line, static_cast<int>(m_lock_tid), Text(m_lock_file), m_lock_line,
+                        Text(m_step_file), m_step_line);
+        }
+        GotLock(file, line, "Lock");
+    }
+
+    // Takes the lock only if it is free (or already ours); with `flag` a
+    // refusal is logged at level 7.
+    bool TryLock(const char* file, int line, bool flag)
+    {
+        if (pthread_mutex_trylock(&m_mutex) != 0) {
+            if (flag) syslog_safe(7, "DBG %s:%d Mutex::TryLock() busy ([%d] %s:%d holds).", file, line,
+                                  static_cast<int>(m_lock_tid), Text(m_lock_file), m_lock_line);
+            return false;
+        }
+        GotLock(file, line, "TryLock");
+        return true;
+    }
+
+    // Waits at most `timeout` milliseconds; with `flag` a time-out is logged
+    // at level 7.
+    bool TimedLock(const char* file, int line, int timeout, bool flag)
+    {
+        timespec deadline;
+        clock_gettime(CLOCK_REALTIME, &deadline);
+        long long ns = deadline.tv_nsec + (timeout % 1000) * 1000000LL;
+        deadline.tv_sec += timeout / 1000 + static_cast<time_t>(ns / 1000000000LL);
+        deadline.tv_nsec = static_cast<long>(ns % 1000000000LL);
+        int rv = pthread_mutex_timedlock(&m_mutex, &deadline);
+        if (rv != 0) {
+            if (flag) syslog_safe(7, "DBG %s:%d Mutex::TimedLock() failed: rv=%d ([%d] %s:%d holds).", file, line,
+                                  rv, static_cast<int>(m_lock_tid), Text(m_lock_file), m_lock_line);
+            return false;
+        }
+        GotLock(file, line, "TimedLock");
+        return true;
+    }
+
+    // The holder id is cleared on every unlock, even when a recursive holder
+    // keeps the lock at a lower depth; the reports only need "who took it".
+    void Unlock()
+    {
+        m_lock_count--;
+        m_lock_tid = 0;
+        pthread_mutex_unlock(&m_mutex);
+    }
+
+    // Marks progress inside a long critical section for waiters' reports.
+    void Step(const char* file, int line)
+    {
+        m_step_file = file;
+        m_step_line = line;
+    }
+
+    bool IsLocked() const { return m_lock_count > 0; }
+    int Recursed() const { return m_lock_count; }
+    pid_t LockTid() const { return m_lock_tid; }
+    const char* LockFile() const { return m_lock_file; }
+    int LockLine() const { return m_lock_line; }
+    const char* StepFile() const { return m_step_file; }
+    int StepLine() const { return m_step_line; }
+    pthread_mutex_t* PthreadMutex() { return &m_mutex; }
+
+    // Seconds between "blocked" reports of a waiting Lock().
+    static int m_reportSeconds;
+
+private:
+    static const char* Text(const char* s) { return s ? s : "?"; }
+
+    void GotLock(const char* file, int line, const char* func)
+    {
+        if (!file) syslog_safe(7, "DBG %s:%d %s() Lock from unknown location.", "Mutex.hpp", 142, func);
+        if (m_lock_count == 0) {
+            m_lock_file = file;
+            m_lock_line = line;
+            m_lock_tid = dbg_gettid();
+        }
+        m_lock_count++;
+        m_step_file = file;
+        m_step_line = line;
+    }
+
+    bool m_recursive;
+    pthread_mutexattr_t m_attributes;
+    pthread_mutex_t m_mutex;
+    int m_lock_count;
+    const char* m_lock_file;
+    int m_lock_line;
+    const char* m_step_file;
+    int m_step_line;
+    volatile pid_t m_lock_tid;
+};
+
+inline int Mutex::m_reportSeconds = 5;
+
+// Holds a Mutex for a scope; every path out unlocks.
+class MutexGuard {
+public:
+    MutexGuard(Mutex& m, const char* file, int line) : m_mutex(m) { m_mutex.Lock(file, line); }
+    ~MutexGuard() { m_mutex.Unlock(); }
+    MutexGuard(const MutexGuard&) = delete;
+    MutexGuard& operator=(const MutexGuard&) = delete;
+
+private:
+    Mutex& m_mutex;
+};
+
+#define MUTEX_LOCK(m) (m).Lock(__FILE__, __LINE__)
+#define MUTEX_GUARD(m) MutexGuard mutexGuard_##__LINE__((m), __FILE__, __LINE__)

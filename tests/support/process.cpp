@@ -1,0 +1,160 @@
+#include "process.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+int DecodeStatus(int status)
+{
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+    return -1;
+}
+
+// Waits for pid with a deadline; kills it when the deadline passes.
+int WaitBounded(pid_t pid, int timeoutMs, bool& timedOut)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    int status = 0;
+    for (;;) {
+        pid_t r = waitpid(pid, &status, WNOHANG);
+        if (r == pid) return DecodeStatus(status);
+        if (r < 0 && errno != EINTR) return -1;
+        if (std::chrono::steady_clock::now() > deadline) {
+            timedOut = true;
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            return DecodeStatus(status);
+        }
+        usleep(2000);
+    }
+}
+
+}  // namespace
+
+int ScaledMs(int ms)
+{
+    const char* s = getenv("VTEST_TIME_SCALE");
+    int scale = s ? atoi(s) : 1;
+    return ms * (scale > 0 ? scale : 1);
+}
+
+RunResult RunProgram(const std::vector<std::string>& argv, const std::string& input, int timeoutMs)
+{
+    RunResult result;
+    int in[2], out[2], err[2];
+    if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC) || pipe2(err, O_CLOEXEC)) return result;
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(in[0], 0);
+        dup2(out[1], 1);
+        dup2(err[1], 2);
+        std::vector<char*> args;
+        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    close(err[1]);
+    // Feed standard input while draining both outputs, all with one deadline.
+    size_t written = 0;
+    if (input.empty()) close(in[1]);
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ScaledMs(timeoutMs));
+    bool outOpen = true, errOpen = true, inOpen = !input.empty();
+    while ((outOpen || errOpen) && std::chrono::steady_clock::now() < deadline) {
+        pollfd fds[3] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}, {inOpen ? in[1] : -1, POLLOUT, 0}};
+        if (poll(fds, 3, 50) <= 0) continue;
+        char buf[4096];
+        for (int i = 0; i < 2; i++) {
+            if (!(fds[i].revents & (POLLIN | POLLHUP))) continue;
+            ssize_t n = read(fds[i].fd, buf, sizeof buf);
+            if (n > 0)
+                (i == 0 ? result.out : result.err).append(buf, static_cast<size_t>(n));
+            else
+                (i == 0 ? outOpen : errOpen) = false;
+        }
+        if (inOpen && (fds[2].revents & (POLLOUT | POLLERR))) {
+            ssize_t n = write(in[1], input.data() + written, input.size() - written);
+            if (n > 0) written += static_cast<size_t>(n);
+            if (n < 0 || written == input.size()) {
+                close(in[1]);
+                inOpen = false;
+            }
+        }
+    }
+    if (inOpen) close(in[1]);
+    close(out[0]);
+    close(err[0]);
+    int remaining = static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                         deadline - std::chrono::steady_clock::now()).count());
+    result.status = WaitBounded(pid, remaining > 0 ? remaining : 1, result.timedOut);
+    return result;
+}
+
+RunResult RunVtest(const std::vector<std::string>& args, const std::string& input, int timeoutMs)
+{
+    std::vector<std::string> argv{VTEST_BINARY};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return RunProgram(argv, input, timeoutMs);
+}
+
+std::string NamespacesUnavailableReason(int flags)
+{
+    pid_t pid = fork();
+    if (pid == 0) _exit(unshare(flags) == 0 ? 0 : 1);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 0) return "";
+    return "cannot create namespaces here (needs root and unshare(2); not available under user-mode emulation)";
+}
+
+int RunInNamespaces(int flags, const std::function<int()>& body, int timeoutMs)
+{
+    pid_t pid = fork();
+    if (pid < 0) return -1;
+    if (pid == 0) {
+        if (unshare(flags) != 0) _exit(250);
+        if (flags & CLONE_NEWNS) {
+            if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(251);
+            mkdir("/var/local", 0755);
+            if (mount("tmpfs", "/var/local", "tmpfs", 0, "mode=0755") != 0) _exit(252);
+            // /etc stays readable but writes land in a throw-away upper layer.
+            if (mount("tmpfs", "/run/vtest-etc", "tmpfs", 0, "mode=0755") != 0 &&
+                (mkdir("/run/vtest-etc", 0755), mount("tmpfs", "/run/vtest-etc", "tmpfs", 0, "mode=0755") != 0))
+                _exit(252);
+            mkdir("/run/vtest-etc/up", 0755);
+            mkdir("/run/vtest-etc/work", 0755);
+            if (mount("overlay", "/etc", "overlay", 0,
+                      "lowerdir=/etc,upperdir=/run/vtest-etc/up,workdir=/run/vtest-etc/work") != 0)
+                _exit(252);
+        }
+        if (flags & CLONE_NEWNET) {
+            if (system("ip link set lo up") != 0) _exit(253);
+        }
+        _exit(body() & 0xff);
+    }
+    bool timedOut = false;
+    int rv = WaitBounded(pid, ScaledMs(timeoutMs), timedOut);
+    return timedOut || rv >= 250 ? -1 : rv;
+}
+
+std::string MakeTempDir()
+{
+    char tmpl[] = "/tmp/vtest-test-XXXXXX";
+    const char* dir = mkdtemp(tmpl);
+    return dir ? dir : "";
+}

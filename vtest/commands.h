@@ -1,0 +1,24 @@
+// The tool's command handlers. Each takes the whole argument vector (the
+// command word is argv[1]) and returns the process's exit status.
+#pragma once
+
+int main_test(int argc, char** argv);
+int main_backlog(int argc, char** argv);
+int main_discover(int argc, char** argv);
+int main_ipconfig(int argc, char** argv);
+int main_sql(int argc, char** argv);
+int main_monitor(int argc, char** argv);
+int main_elf(int argc, char** argv);
+int main_exec(int argc, char** argv);
+int main_mail(int argc, char** argv);
+int main_time(int argc, char** argv);
+int main_secExec(int argc, char** argv);
+int main_usb(int argc, char** argv);
+int main_init(int argc, char** argv);
+
+// Usage text on standard error; returns -1.
+int usage(const char* program);
+
+// For a command whose handler is not part of this build: one line on
+// standard error, status 1.
+int command_unavailable(const char* command);

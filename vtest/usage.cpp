@@ -1,0 +1,33 @@
+#include <cstdio>
+
+#include "commands.h"
+
+int usage(const char* program)
+{
+    static const char* const kEntries[] = {
+        "%s [--server=<server>]\n\tRun basic tests.\n",
+        "%s backlog\n\tCheck vantor backlogs.\n",
+        "%s discover [full] [tree]\n\tDiscover neighbor vantors.\n",
+        "%s ipconfig <addrType> <addr> <ipv4Address> <ipv4Mask> <ipv4Gateway> <dnsList> [temporary]\n"
+        "\tSet IPv4 network parameters of remote host.\n",
+        "%s sql [--pairs] [--server=<server>] [--stdin] (<SQL statement>)+\n\tExecute SQL statement(s).\n",
+        "%s sql_file [--pairs] [--server=<server>] <file>\n\tExecute SQL statements from file.\n",
+        "%s monitor [--server=<server>] <table> [insert] [update] [delete]\n"
+        "\tStart monitoring any combination of listed commands.\n",
+        "%s elf\n\tPrint ELF file information.\n",
+        "%s exec [--server=<server>] (<command>)+ | --stdin | --file <file>\n\tExecute one or more commands.\n",
+        "%s mail <smtpServer> [--user=<user> [--password=<pwd>]] [--debug] <from> <recipient> <subject> <file>\n"
+        "\tSend test mail to recipient. File can be -- for stdin.\n",
+        "%s time --tz=<timezone> <time>\n\tConvert time.\n",
+        "%s sec-exec <params>\n\tSecure exec (same as from daemon).\n",
+        "%s usb reset <hub>\n\tReset USB hub.\n",
+    };
+    for (const char* entry : kEntries) fprintf(stderr, entry, program);
+    return -1;
+}
+
+int command_unavailable(const char* command)
+{
+    fprintf(stderr, "vtest: the '%s' command is not available in this build.\n", command);
+    return 1;
+}
