@@ -40,16 +40,20 @@ public:
     void Lock(const char* file, int line)
     {
         for (;;) {
-            timespec deadline = {time(nullptr) + m_reportSeconds, 0};
+            // time(NULL) lags CLOCK_REALTIME by up to a tick, so a deadline
+            // built from it can already have passed: a burst of reports.
+            timespec deadline;
+            clock_gettime(CLOCK_REALTIME, &deadline);
+            deadline.tv_sec += m_reportSeconds;
             int rv = pthread_mutex_timedlock(&m_mutex, &deadline);
             if (rv == 0) break;
             if (rv != ETIMEDOUT) {
-                syslog_safe(7, "DBG %s:%d Mutex::Lock() error: rv=%d this=%p.", file, line, rv,
+                syslog_safe(7, "DBG %s:%d Mutex::Lock() error: rv=%d this=%p.", Text(file), line, rv,
                             static_cast<void*>(this));
                 return;
             }
             syslog_safe(7, "DBG %s:%d Mutex::Lock() blocked ([%d] %s:%d still holds). <--------------- [%s:%d]",
-                        file, line, static_cast<int>(m_lock_tid), Text(m_lock_file), m_lock_line,
+                        Text(file), line, static_cast<int>(m_lock_tid), Text(m_lock_file), m_lock_line,
                         Text(m_step_file), m_step_line);
         }
         GotLock(file, line, "Lock");
@@ -60,7 +64,7 @@ public:
     bool TryLock(const char* file, int line, bool flag)
     {
         if (pthread_mutex_trylock(&m_mutex) != 0) {
-            if (flag) syslog_safe(7, "DBG %s:%d Mutex::TryLock() busy ([%d] %s:%d holds).", file, line,
+            if (flag) syslog_safe(7, "DBG %s:%d Mutex::TryLock() busy ([%d] %s:%d holds).", Text(file), line,
                                   static_cast<int>(m_lock_tid), Text(m_lock_file), m_lock_line);
             return false;
         }
@@ -79,7 +83,7 @@ public:
         deadline.tv_nsec = static_cast<long>(ns % 1000000000LL);
         int rv = pthread_mutex_timedlock(&m_mutex, &deadline);
         if (rv != 0) {
-            if (flag) syslog_safe(7, "DBG %s:%d Mutex::TimedLock() failed: rv=%d ([%d] %s:%d holds).", file, line,
+            if (flag) syslog_safe(7, "DBG %s:%d Mutex::TimedLock() failed: rv=%d ([%d] %s:%d holds).", Text(file), line,
                                   rv, static_cast<int>(m_lock_tid), Text(m_lock_file), m_lock_line);
             return false;
         }
