@@ -8,7 +8,7 @@ packages=(build-essential cmake pkg-config libssl-dev libgtest-dev libsqlite3-de
 for group in "$@"; do
   case "$group" in
     arm) packages+=(g++-arm-linux-gnueabihf qemu-user-static
-                    libssl-dev:armhf libsqlite3-dev:armhf libgtest-dev:armhf) ;;
+                    libstdc++6:armhf libssl-dev:armhf libsqlite3-dev:armhf libgtest-dev:armhf) ;;
     *) echo "install-deps: unknown group '$group'" >&2; exit 2 ;;
   esac
 done

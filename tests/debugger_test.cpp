@@ -155,23 +155,40 @@ struct BlockedVtest {
             setrlimit(RLIMIT_CORE, &noCore);
             int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             dup2(fd, 2);
-            execl(VTEST_BINARY, VTEST_BINARY, "usb", "reset", fifo.c_str(), nullptr);
+            std::vector<std::string> argv = TargetArgv(VTEST_BINARY, {"usb", "reset", fifo});
+            std::vector<char*> args;
+            for (std::string& a : argv) args.push_back(a.data());
+            args.push_back(nullptr);
+            execv(args[0], args.data());
             _exit(127);
         }
         return WaitForHandler();
     }
+    // Also waits until it blocks in the FIFO's open, which comes after the
+    // handler is in place: under qemu the mask shows the emulator's own
+    // handlers, which catch every signal from the start.
     bool WaitForHandler()
     {
         unsigned long long lastBit = 1ULL << (SIGSTKFLT - 1);
         for (int i = 0; i < ScaledMs(5000) / 5; i++) {
-            std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-            std::string line;
-            while (std::getline(status, line))
-                if (line.rfind("SigCgt:", 0) == 0 && (std::stoull(line.substr(7), nullptr, 16) & lastBit))
-                    return true;
+            if (HandlerCaught(lastBit) && BlockedInFifoOpen()) return true;
             usleep(5000);
         }
         return false;
+    }
+    bool HandlerCaught(unsigned long long bit) const
+    {
+        std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+        std::string line;
+        while (std::getline(status, line))
+            if (line.rfind("SigCgt:", 0) == 0) return std::stoull(line.substr(7), nullptr, 16) & bit;
+        return false;
+    }
+    bool BlockedInFifoOpen() const
+    {
+        std::string wchan;
+        std::ifstream("/proc/" + std::to_string(pid) + "/wchan") >> wchan;
+        return wchan == "wait_for_partner";
     }
     std::string Stderr() const
     {

@@ -46,9 +46,12 @@ int WaitBounded(pid_t pid, int timeoutMs, bool& timedOut)
 
 int ScaledMs(int ms)
 {
-    const char* s = getenv("VTEST_TIME_SCALE");
-    int scale = s ? atoi(s) : 1;
-    return ms * (scale > 0 ? scale : 1);
+    const char* text = getenv("VTEST_TIME_SCALE");
+    char* end = nullptr;
+    errno = 0;
+    long scale = text ? strtol(text, &end, 10) : 1;
+    bool valid = text && *text >= '1' && *text <= '9' && *end == '\0' && errno == 0 && scale <= 100;
+    return ms * (valid ? static_cast<int>(scale) : 1);
 }
 
 RunResult RunProgram(const std::vector<std::string>& argv, const std::string& input, int timeoutMs)
@@ -107,9 +110,7 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::string& in
 
 RunResult RunVtest(const std::vector<std::string>& args, const std::string& input, int timeoutMs)
 {
-    std::vector<std::string> argv{VTEST_BINARY};
-    argv.insert(argv.end(), args.begin(), args.end());
-    return RunProgram(argv, input, timeoutMs);
+    return RunProgram(TargetArgv(VTEST_BINARY, args), input, timeoutMs);
 }
 
 std::string NamespacesUnavailableReason(int flags)

@@ -19,11 +19,17 @@ struct RunResult {
 RunResult RunProgram(const std::vector<std::string>& argv, const std::string& input = "",
                      int timeoutMs = 20000);
 
+// The argv that starts a program built by this tree (vtest, vantor-sim):
+// in a cross build the emulator comes first, since an emulated process
+// cannot exec a foreign binary by itself.
+std::vector<std::string> TargetArgv(const std::string& binary, const std::vector<std::string>& args = {});
+
 // Runs the vtest binary of this build with the given arguments.
 RunResult RunVtest(const std::vector<std::string>& args, const std::string& input = "",
                    int timeoutMs = 20000);
 
-// Scales a time limit for slow hosts (emulators): VTEST_TIME_SCALE, default 1.
+// Scales a time limit for slow hosts (emulators) by VTEST_TIME_SCALE, a
+// whole number from 1 to 100; unset or anything else counts as 1.
 int ScaledMs(int ms);
 
 // Runs `body` in a child process inside new namespaces (CLONE_NEWNS and/or
@@ -34,6 +40,25 @@ int RunInNamespaces(int flags, const std::function<int()>& body, int timeoutMs =
 
 // Why namespaces cannot be used here, or empty when they can.
 std::string NamespacesUnavailableReason(int flags);
+
+// What user-mode emulation (qemu-user, which runs the armhf build's tests on
+// the build host; see docs/arm.md) cannot give a test.
+enum class EmulationGap {
+    Namespaces,     // namespaces made from inside the emulated process
+    PacketSockets,  // AF_PACKET raw frames
+    Ptrace,         // ptrace(2) and backtraces taken through it
+};
+
+// Why a test that needs `gap` cannot run here, or empty when it can (always
+// empty in a native build). A test opts out with
+//   SKIP_IF_EMULATED(EmulationGap::PacketSockets);
+std::string EmulationSkipReason(EmulationGap gap);
+
+#define SKIP_IF_EMULATED(gap)                                    \
+    do {                                                         \
+        std::string skipReason_ = EmulationSkipReason(gap);      \
+        if (!skipReason_.empty()) GTEST_SKIP() << skipReason_;   \
+    } while (0)
 
 // Fresh private directory under /tmp, removed by the caller's own choice.
 std::string MakeTempDir();
