@@ -42,16 +42,16 @@ int RunInNamespaces(int flags, const std::function<int()>& body, int timeoutMs =
 std::string NamespacesUnavailableReason(int flags);
 
 // What user-mode emulation (qemu-user, which runs the armhf build's tests on
-// the build host; see docs/arm.md) cannot give a test.
+// the build host; see docs/arm.md) may not give a test.
 enum class EmulationGap {
-    Namespaces,     // namespaces made from inside the emulated process
-    PacketSockets,  // AF_PACKET raw frames
-    Ptrace,         // ptrace(2) and backtraces taken through it
+    Namespaces,     // mount and network namespaces made from inside the emulated process (probed)
+    PacketSockets,  // AF_PACKET raw frames (probed)
+    Ptrace,         // ptrace(2) and backtraces taken through it (never there)
 };
 
-// Why a test that needs `gap` cannot run here, or empty when it can (always
-// empty in a native build). A test opts out with
-//   SKIP_IF_EMULATED(EmulationGap::PacketSockets);
+// Why a test that needs `gap` cannot run under emulation, or empty when it
+// can; always empty in a native build. A test opts out with
+//   SKIP_IF_EMULATED(EmulationGap::Ptrace);
 std::string EmulationSkipReason(EmulationGap gap);
 
 #define SKIP_IF_EMULATED(gap)                                    \

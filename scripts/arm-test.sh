@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# The armhf job: cross-builds the whole tree (warnings are errors here),
+# checks the hardening of the built programs, runs every test ctest finds
+# under user-mode qemu with stretched time limits, builds the .deb packages
+# for armhf and amd64 and checks them. Ends with its own summary line.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh arm
+
+jobs=$(nproc)
+dir=build/armhf
+# qemu runs the tests several times slower than the host.
+export VTEST_TIME_SCALE=${VTEST_TIME_SCALE:-5}
+
+build() {  # build <dir> <cmake options...>
+  local dir=$1; shift
+  rm -rf "$dir"
+  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake --build "$dir" -j"$jobs" 2>&1 | grep -v -E '^\[ *[0-9]+%\]|^Consolidate|^Scanning|^Built target' || true
+  [ "${PIPESTATUS[0]}" -eq 0 ]
+}
+
+echo "== armhf cross build"
+build "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake -DCMAKE_CXX_FLAGS=-Werror -DCMAKE_C_FLAGS=-Werror
+programs=("$dir/vtest/vtest")
+[ -x "$dir/sim/vantor-sim" ] && programs+=("$dir/sim/vantor-sim")
+scripts/check-hardening.sh "${programs[@]}"
+
+echo "== armhf tests under $(basename "$(command -v qemu-arm-static)"), time scale $VTEST_TIME_SCALE"
+status=0
+(cd "$dir" && ctest --output-on-failure -j"$jobs" --output-junit junit.xml) || status=$?
+
+echo "== packages"
+build build/package-amd64 -DCMAKE_BUILD_TYPE=Release -DVTEST_TESTS=OFF
+for pkgdir in build/package-amd64 "$dir"; do (cd "$pkgdir" && cpack -G DEB >/dev/null); done
+scripts/check-packages.sh build/package-amd64 amd64
+scripts/check-packages.sh "$dir" armhf
+
+# The closing line counts the armhf tests: ctest's skips are GTEST_SKIPs.
+count() { grep -o -m1 "$1=\"[0-9]*\"" "$dir/junit.xml" | grep -o '[0-9]*'; }
+total=$(count tests) failed=$(count failures) skipped=$(count skipped)
+echo "arm: $((total - failed - skipped)) passed, $failed failed, $skipped skipped"
+exit "$status"

@@ -1,0 +1,290 @@
+#!/usr/bin/env python3
+"""Generates the vtest(1) man page and the bash completion from the sources
+that define the command line, so neither can drift from the tool:
+
+  vtest/main.cpp     the dispatch table: every command word
+  vtest/usage.cpp    the usage text: synopsis and one-line description
+  docs/commands.md   the command reference: one "## " section per command
+  docs/man/vtest.1.md  the man page's own sections (@USAGE@, @COMMANDS@)
+
+Markdown is read in the subset the docs use: headings, paragraphs, "- "
+lists, "|" tables, four-space code blocks, `code`, *emphasis*, **strong**.
+Exits 1 with a message when a source is not in the expected shape.
+"""
+import argparse
+import re
+import sys
+
+
+def fail(message):
+    sys.exit("gen-cli-docs: " + message)
+
+
+def c_string_literals(text):
+    """The C string literals of `text`, adjacent ones joined, unescaped."""
+    escapes = {"n": "\n", "t": "\t", '"': '"', "\\": "\\"}
+    entries, current, joined = [], None, False
+    for m in re.finditer(r'"((?:[^"\\]|\\.)*)"|(,)|(\S)', text):
+        if m.group(1) is not None:
+            value = re.sub(r"\\(.)", lambda e: escapes.get(e.group(1), e.group(1)), m.group(1))
+            current = (current or "") + value if joined else value
+            joined = True
+            continue
+        if current is not None:
+            entries.append(current)
+        current, joined = None, False
+    if current is not None:
+        entries.append(current)
+    return entries
+
+
+def read_usage(path):
+    """[(word, synopsis after the program name, description)] in usage order."""
+    source = open(path, encoding="utf-8").read()
+    m = re.search(r"kEntries\[\]\s*=\s*\{(.*?)\};", source, re.S)
+    if not m:
+        fail(f"{path}: no kEntries table")
+    usage = []
+    for entry in c_string_literals(m.group(1)):
+        parts = re.fullmatch(r"%s ?(.*)\n\t(.*)\n", entry)
+        if not parts:
+            fail(f"{path}: usage entry not '%s ...\\n\\t...\\n': {entry!r}")
+        synopsis = parts.group(1)
+        word = synopsis.split(" ")[0] if synopsis and not synopsis.startswith("[") else ""
+        usage.append((word, synopsis, parts.group(2)))
+    return usage
+
+
+def read_command_words(path):
+    source = open(path, encoding="utf-8").read()
+    m = re.search(r"kCommands\[\]\s*=\s*\{(.*?)\};", source, re.S)
+    if not m:
+        fail(f"{path}: no kCommands table")
+    return re.findall(r'\{\s*"([^"]+)"\s*,', m.group(1))
+
+
+def read_sections(path):
+    """The command reference's intro and its "## " sections: [(title, lines)]."""
+    intro, sections = [], []
+    for line in open(path, encoding="utf-8").read().splitlines():
+        if line.startswith("## "):
+            sections.append((line[3:].strip(), []))
+        elif sections:
+            sections[-1][1].append(line)
+        elif not line.startswith("# "):
+            intro.append(line)
+    return intro, sections
+
+
+def section_words(title):
+    """Command words a section heading names: "sql, sql_file" -> [sql, sql_file]."""
+    tokens = re.split(r"[\s,]+", title.split("(")[0])
+    return [t for t in tokens if re.fullmatch(r"[a-z][a-z0-9_-]*", t)]
+
+
+# ---- roff output
+
+def roff_inline(text):
+    text = text.replace("\\", "\\e")
+    out, pos = [], 0
+    for m in re.finditer(r"`([^`]+)`|\*\*([^*]+)\*\*|\*([^*]+)\*", text):
+        out.append(text[pos:m.start()])
+        if m.group(1) is not None:
+            out.append("\\fB" + m.group(1) + "\\fR")
+        elif m.group(2) is not None:
+            out.append("\\fB" + m.group(2) + "\\fR")
+        else:
+            out.append("\\fI" + m.group(3) + "\\fR")
+        pos = m.end()
+    out.append(text[pos:])
+    return "".join(out).replace("-", "\\-")
+
+
+def roff_line(text):
+    """A text line that roff will not take for a request."""
+    return "\\&" + text if text[:1] in (".", "'") else text
+
+
+def roff_blocks(lines):
+    """Markdown lines (no headings above "###") to roff lines."""
+    out, para, mode = [], [], None
+
+    def flush():
+        nonlocal para
+        if para:
+            out.append(roff_line(roff_inline(" ".join(para))))
+        para = []
+
+    for line in lines + [""]:
+        code = line.startswith("    ")
+        if mode == "code" and not code:
+            out += [".fi", ".RE"]
+            mode = None
+        if code:
+            flush()
+            if mode != "code":
+                out += [".PP", ".RS 4", ".nf"]
+                mode = "code"
+            out.append(roff_line(line[4:].replace("\\", "\\e").replace("-", "\\-")))
+        elif not line.strip():
+            flush()
+            mode = None
+        elif line.startswith("### "):
+            flush()
+            out += [".TP", "\\fB" + roff_inline(line[4:].strip()) + "\\fR"]
+            mode = None
+        elif line.startswith("- "):
+            flush()
+            out += [".IP \\(bu 2"]
+            para = [line[2:].strip()]
+            mode = "list"
+        elif line.startswith("|"):
+            flush()
+            cells = [c.strip() for c in line.strip().strip("|").split("|")]
+            if all(re.fullmatch(r":?-+:?", c) for c in cells):
+                continue
+            if mode != "table":
+                out.append(".PP")
+                mode = "table"
+            out += [roff_line(roff_inline(" \u2014 ".join(cells))), ".br"]
+        else:
+            if mode is None:
+                out.append(".PP")
+                mode = "para"
+            para.append(line.strip())
+    flush()
+    return out
+
+
+def man_page(template, usage, intro, sections, version):
+    synopsis = [".nf"]
+    for _, rest, _ in usage + extra_synopses(template):
+        synopsis.append(roff_line("\\fBvtest\\fR " + roff_inline(rest)).rstrip())
+    synopsis.append(".fi")
+
+    commands = roff_blocks(intro)
+    described = {u[0]: u[2] for u in usage}
+    for title, lines in sections:
+        commands += [".SS " + roff_inline(title)]
+        if any(l.strip() for l in lines):
+            commands += roff_blocks(lines)
+        else:
+            # A section not written yet still says what the usage text says.
+            said = [described[w] for w in section_words(title) if w in described]
+            if "Self-test" in title:
+                said = [described[""]]
+            commands += [".PP", roff_inline(" ".join(dict.fromkeys(said)) or "Not described yet.")]
+
+    out = ['.TH VTEST 1 "" "vtest %s" "User Commands"' % version]
+    body = []
+    for line in template.splitlines():
+        if line.startswith("# "):
+            body.append(("head", line[2:].strip()))
+        elif line.strip() == "@USAGE@":
+            body.append(("raw", synopsis))
+        elif line.strip() == "@COMMANDS@":
+            body.append(("raw", commands))
+        elif not extra_synopses(line):
+            body.append(("md", line))
+    pending = []
+    for kind, value in body + [("head", None)]:
+        if kind == "md":
+            pending.append(value)
+            continue
+        out += roff_blocks(pending)
+        pending = []
+        if kind == "head" and value:
+            out.append(".SH " + value.upper())
+        elif kind == "raw":
+            out += value
+    # A paragraph break right after a heading is redundant (and NAME must
+    # stay the plain line "vtest \- summary" for whatis).
+    kept = [l for i, l in enumerate(out) if not (l == ".PP" and out[i - 1].startswith((".SH", ".SS")))]
+    return "\n".join(kept) + "\n"
+
+
+# ---- bash completion
+
+def completion_words(synopsis):
+    """Options (with their "=") and literal keywords of one synopsis."""
+    bare = re.sub(r"<[^>]*>", " ", synopsis)
+    options = re.findall(r"(?<![\w-])--?[a-z][a-z-]*=?", bare)
+    keywords = [w for w in re.findall(r"(?<![\w=-])[a-z][a-z_]*(?![\w-])", bare)]
+    return list(dict.fromkeys(options)), list(dict.fromkeys(keywords))
+
+
+def completion(words, usage, extra):
+    cases = []
+    for word, rest, _ in usage + extra:
+        if not word:
+            continue
+        options, keywords = completion_words(rest[len(word):])
+        cases.append(f'        {word}) options="{" ".join(options)}" keywords="{" ".join(keywords)}" ;;')
+    first = " ".join(words + ["--server="])
+    return f"""# bash completion for vtest(1); generated from its usage text by
+# scripts/gen-cli-docs.py. Completes command words, then each command's
+# options and keywords; anything else falls back to file names.
+_vtest()
+{{
+    local cur=${{COMP_WORDS[COMP_CWORD]}} options="" keywords=""
+    if [ "$COMP_CWORD" -eq 1 ]; then
+        COMPREPLY=($(compgen -W "{first}" -- "$cur"))
+    else
+        case ${{COMP_WORDS[1]}} in
+{chr(10).join(cases)}
+        esac
+        if [[ $cur == -* ]]; then
+            COMPREPLY=($(compgen -W "$options" -- "$cur"))
+        else
+            COMPREPLY=($(compgen -W "$keywords" -- "$cur"))
+        fi
+    fi
+    # An option that takes its value after "=" goes on without a space.
+    if [[ ${{#COMPREPLY[@]}} -eq 1 && ${{COMPREPLY[0]}} == *= ]]; then
+        compopt -o nospace 2>/dev/null
+    fi
+}}
+complete -o default -F _vtest vtest
+"""
+
+
+def extra_synopses(template):
+    """Synopsis lines the usage text deliberately lacks ("    vtest ...")."""
+    extra = []
+    for line in template.splitlines():
+        m = re.fullmatch(r"    vtest (\S+)(.*)", line)
+        if m:
+            extra.append((m.group(1), m.group(1) + m.group(2), ""))
+    return extra
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--source", required=True, help="top of the source tree")
+    ap.add_argument("--version", required=True)
+    ap.add_argument("--man", required=True, help="man page to write")
+    ap.add_argument("--completion", required=True, help="bash completion to write")
+    args = ap.parse_args()
+    src = args.source
+    usage = read_usage(f"{src}/vtest/usage.cpp")
+    words = read_command_words(f"{src}/vtest/main.cpp")
+    intro, sections = read_sections(f"{src}/docs/commands.md")
+    template = open(f"{src}/docs/man/vtest.1.md", encoding="utf-8").read()
+    extra = extra_synopses(template)
+
+    covered = {w for title, _ in sections for w in section_words(title)}
+    missing = [w for w in words if w not in covered]
+    if missing:
+        fail("docs/commands.md has no section for: " + ", ".join(missing))
+    unknown = [u[0] for u in usage + extra if u[0] and u[0] not in words]
+    if unknown:
+        fail("synopsis for a word the dispatch does not know: " + ", ".join(unknown))
+
+    with open(args.man, "w", encoding="utf-8") as f:
+        f.write(man_page(template, usage, intro, sections, args.version))
+    with open(args.completion, "w", encoding="utf-8") as f:
+        f.write(completion(words, usage, extra))
+
+
+if __name__ == "__main__":
+    main()
