@@ -12,13 +12,7 @@ dir=build/armhf
 # qemu runs the tests several times slower than the host.
 export VTEST_TIME_SCALE=${VTEST_TIME_SCALE:-5}
 
-build() {  # build <dir> <cmake options...>
-  local dir=$1; shift
-  rm -rf "$dir"
-  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
-  cmake --build "$dir" -j"$jobs" 2>&1 | grep -v -E '^\[ *[0-9]+%\]|^Consolidate|^Scanning|^Built target' || true
-  [ "${PIPESTATUS[0]}" -eq 0 ]
-}
+source scripts/build-dir.sh
 
 echo "== armhf cross build"
 build "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake -DCMAKE_CXX_FLAGS=-Werror -DCMAKE_C_FLAGS=-Werror
@@ -26,7 +20,7 @@ programs=("$dir/vtest/vtest")
 [ -x "$dir/sim/vantor-sim" ] && programs+=("$dir/sim/vantor-sim")
 scripts/check-hardening.sh "${programs[@]}"
 
-echo "== armhf tests under $(basename "$(command -v qemu-arm-static)"), time scale $VTEST_TIME_SCALE"
+echo "== armhf tests under qemu-arm-static, time scale $VTEST_TIME_SCALE"
 status=0
 (cd "$dir" && ctest --output-on-failure -j"$jobs" --output-junit junit.xml) || status=$?
 

@@ -11,13 +11,7 @@ jobs=$(nproc)
 TSAN_LABELS='^(mutex_test)$'
 FUZZ_SECONDS=${FUZZ_SECONDS:-10}
 
-build() {  # build <dir> <cmake options...>
-  local dir=$1; shift
-  rm -rf "$dir"
-  cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
-  cmake --build "$dir" -j"$jobs" 2>&1 | grep -v -E '^\[ *[0-9]+%\]|^Consolidate|^Scanning|^Built target' || true
-  [ "${PIPESTATUS[0]}" -eq 0 ]
-}
+source scripts/build-dir.sh
 
 echo "== native build"
 build build/native
