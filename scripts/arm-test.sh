@@ -26,9 +26,14 @@ status=0
 
 echo "== packages"
 build build/package-amd64 -DCMAKE_BUILD_TYPE=Release -DVTEST_TESTS=OFF
+scripts/check-hardening.sh build/package-amd64/vtest/vtest
 for pkgdir in build/package-amd64 "$dir"; do (cd "$pkgdir" && cpack -G DEB >/dev/null); done
 scripts/check-packages.sh build/package-amd64 amd64
 scripts/check-packages.sh "$dir" armhf
+# A unit's flash budget for the tool (docs/performance.md).
+size=$(dpkg-deb --fsys-tarfile "$dir"/vtest_*_armhf.deb | tar -xOf - ./usr/bin/vtest | wc -c)
+echo "stripped armhf vtest: $size bytes (limit 1572864)"
+[ "$size" -le 1572864 ] || { echo "arm: the stripped armhf vtest is over 1.5 MB" >&2; exit 1; }
 
 # The closing line counts the armhf tests: ctest's skips are GTEST_SKIPs.
 count() { grep -o -m1 "$1=\"[0-9]*\"" "$dir/junit.xml" | grep -o '[0-9]*'; }
