@@ -120,6 +120,7 @@ bool Bbs::Get(const char* key, int& value) const
 
 int Bbs::GetInt(const char* key, int defaultValue) const
 {
+    MUTEX_GUARD(m_lock);
     int value = defaultValue;
     (void)Get(key, value);
     return value;
@@ -138,6 +139,7 @@ bool Bbs::Get(const char* key, short& value) const
 
 short Bbs::GetShort(const char* key, short defaultValue) const
 {
+    MUTEX_GUARD(m_lock);
     short value = defaultValue;
     (void)Get(key, value);
     return value;
@@ -161,6 +163,7 @@ bool Bbs::Get(const char* key, bool& value) const
 
 bool Bbs::GetBool(const char* key, bool defaultValue) const
 {
+    MUTEX_GUARD(m_lock);
     bool value = defaultValue;
     (void)Get(key, value);
     return value;
