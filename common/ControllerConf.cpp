@@ -33,17 +33,17 @@ void controller_conf_parse_line(char* line, std::map<std::string, std::string>& 
 
 }  // namespace
 
+// The map is cleared even when the file cannot be opened: callers take an
+// empty map as "no controller settings".
 bool controller_conf_read_file(const char* path, std::map<std::string, std::string>& cfg)
 {
+    cfg.clear();
     FILE* file = fopen(path, "r");
     if (!file) return false;
-    std::map<std::string, std::string> read;
     char line[kLineBuffer];
-    while (fgets(line, sizeof line, file)) controller_conf_parse_line(line, read);
-    bool ok = !ferror(file);
+    while (fgets(line, sizeof line, file)) controller_conf_parse_line(line, cfg);
     fclose(file);
-    if (ok) cfg.swap(read);
-    return ok;
+    return true;
 }
 
 bool controller_conf_write_file(const char* path, const std::map<std::string, std::string>& cfg)

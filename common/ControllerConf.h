@@ -8,8 +8,8 @@
 // "/var/local/quill.conf"; the writer keeps the previous file as ".old".
 extern const char quillConfigFile[];
 
-// Fills `cfg` from quillConfigFile, replacing what it held. Returns false,
-// cfg untouched, when the file cannot be opened or read (no message).
+// Clears `cfg`, then fills it from quillConfigFile. Returns false, cfg
+// empty, when the file cannot be opened (no message).
 bool ControllerConfRead(std::map<std::string, std::string>& cfg);
 // Replaces quillConfigFile by `cfg` as "%s = %s\n" lines in key order,
 // keeping the previous file as quillConfigFile".old". Returns false, with a
