@@ -4,10 +4,10 @@
 set -euo pipefail
 
 packages=(build-essential cmake pkg-config libssl-dev libgtest-dev libsqlite3-dev sqlite3
-          clang iproute2 util-linux procps)
+          clang iproute2 util-linux procps python3)
 for group in "$@"; do
   case "$group" in
-    arm) packages+=(g++-arm-linux-gnueabihf qemu-user-static
+    arm) packages+=(g++-arm-linux-gnueabihf qemu-user-static man-db
                     libstdc++6:armhf libssl-dev:armhf libsqlite3-dev:armhf libgtest-dev:armhf) ;;
     *) echo "install-deps: unknown group '$group'" >&2; exit 2 ;;
   esac
