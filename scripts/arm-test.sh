@@ -15,7 +15,7 @@ export VTEST_TIME_SCALE=${VTEST_TIME_SCALE:-5}
 source scripts/build-dir.sh
 
 echo "== armhf cross build"
-build "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake -DCMAKE_CXX_FLAGS=-Werror -DCMAKE_C_FLAGS=-Werror
+build "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
 programs=("$dir/vtest/vtest")
 [ -x "$dir/sim/vantor-sim" ] && programs+=("$dir/sim/vantor-sim")
 scripts/check-hardening.sh "${programs[@]}"
