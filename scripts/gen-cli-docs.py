@@ -90,7 +90,8 @@ def roff_inline(text):
     for m in re.finditer(r"`([^`]+)`|\*\*([^*]+)\*\*|\*([^*]+)\*", text):
         out.append(text[pos:m.start()])
         if m.group(1) is not None:
-            out.append("\\fB" + m.group(1) + "\\fR")
+            # \% keeps roff from hyphenating names and paths.
+            out.append("\\fB\\%" + m.group(1).replace(" ", " \\%") + "\\fR")
         elif m.group(2) is not None:
             out.append("\\fB" + m.group(2) + "\\fR")
         else:
