@@ -70,7 +70,10 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::string& in
     close(in[0]);
     close(out[1]);
     close(err[1]);
-    // Feed standard input while draining both outputs, all with one deadline.
+    // Feed standard input while draining both outputs, all with one deadline;
+    // non-blocking, so a large input never waits on a program whose own
+    // output is waiting for us.
+    fcntl(in[1], F_SETFL, O_NONBLOCK);
     size_t written = 0;
     if (input.empty()) close(in[1]);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ScaledMs(timeoutMs));
@@ -90,7 +93,7 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::string& in
         if (inOpen && (fds[2].revents & (POLLOUT | POLLERR))) {
             ssize_t n = write(in[1], input.data() + written, input.size() - written);
             if (n > 0) written += static_cast<size_t>(n);
-            if (n < 0 || written == input.size()) {
+            if ((n < 0 && errno != EAGAIN) || written == input.size()) {
                 close(in[1]);
                 inOpen = false;
             }
