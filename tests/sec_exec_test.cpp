@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <string>
@@ -89,6 +91,20 @@ TEST(SecExec, StandardInputPassesThrough)
     sighandler_t old = signal(SIGPIPE, SIG_IGN);
     ExpectRun({"/bin/echo", "done"}, 0, "done\n", "", input);
     signal(SIGPIPE, old);
+}
+
+TEST(SecExec, InstalledSetIdGivesUpItsIdsForGood)
+{
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to install a set-user-id copy and run it as nobody";
+    std::string dir = MakeTempDir(), copy = dir + "/vtest";
+    std::string install = "cp " VTEST_BINARY " " + copy + " && chown 1:1 " + copy + " && chmod 6755 " + copy +
+                          " && chmod 755 " + dir;
+    ASSERT_EQ(system(install.c_str()), 0);
+    RunResult r = RunProgram({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", copy,
+                              "sec-exec", "/bin/grep", "^[UG]id:", "/proc/self/status"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "Uid:\t65534\t65534\t65534\t65534\nGid:\t65534\t65534\t65534\t65534\n");
+    EXPECT_EQ(system(("rm -rf " + dir).c_str()), 0);
 }
 
 }  // namespace

@@ -173,33 +173,35 @@ TEST(Secure, ParentDescriptorsAreNotInherited)
     close(fd);
 }
 
+// Sets `vars` for one child run of `body`, which must exit 0; returns what
+// the child printed.
+std::string PrintedWith(const std::vector<std::pair<const char*, const char*>>& vars,
+                        const std::function<int()>& body)
+{
+    for (const auto& [name, value] : vars) setenv(name, value, 1);
+    auto [rv, out] = RunWithStdout(body);
+    for (const auto& var : vars) unsetenv(var.first);
+    EXPECT_EQ(rv, 0);
+    return out;
+}
+
 TEST(Secure, ForkChildGetsTheSafeEnvironment)
 {
-    setenv("TZ", "UTC", 1);
-    setenv("VTEST_SECRET", "x", 1);
-    auto [rv, out] = RunWithStdout([] {
+    std::string out = PrintedWith({{"TZ", "UTC"}, {"VTEST_SECRET", "x"}}, [] {
         pid_t pid = Secure::fork();
         return pid == 0 ? ExecEnv() : WaitChild(pid, 10000);
     });
-    unsetenv("VTEST_SECRET");
-    unsetenv("TZ");
-    EXPECT_EQ(rv, 0);
     EXPECT_EQ(out, std::string(kSafeEnv) + "TZ=UTC\n");
 }
 
 TEST(Secure, SanitizeEnvironmentKeepsNamedVariablesInOrder)
 {
-    setenv("VTEST_B", "b=2", 1);
-    setenv("VTEST_A", "", 1);
-    auto [rv, out] = RunWithStdout([] {
+    std::string out = PrintedWith({{"VTEST_B", "b=2"}, {"VTEST_A", ""}}, [] {
         char* names[] = {const_cast<char*>("VTEST_B"), const_cast<char*>("VTEST_UNSET"),
                          const_cast<char*>("VTEST_A"), nullptr, const_cast<char*>("HOME")};
         Secure::SanitizeEnvironment(5, names);
         return ExecEnv();
     });
-    unsetenv("VTEST_A");
-    unsetenv("VTEST_B");
-    EXPECT_EQ(rv, 0);
     EXPECT_EQ(out, std::string(kSafeEnv) + "VTEST_B=b=2\nVTEST_A=\n");
 }
 
