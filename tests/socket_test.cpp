@@ -316,6 +316,48 @@ TEST_F(SocketTest, DescribesItselfInTheStatusTable)
     EXPECT_EQ(RecvRaw(client(), expected.size()), expected);
 }
 
+// Bytes fetched ahead stay invisible: counters, readiness, flagged reads
+// and the FILE view behave as if each byte were read when handed out.
+TEST_F(SocketTest, ReadAheadIsInvisibleToCallers)
+{
+    SendRaw(peer(), "a\nbc\n");
+    std::vector<std::string> first = Lines(client(), 1);
+    EXPECT_EQ(first, std::vector<std::string>{"a"});
+    EXPECT_EQ(client().RxBytes(), 2u + 1u);
+    bool ready = false;
+    EXPECT_TRUE(client().RSelect(ready, 0, 0));
+    EXPECT_TRUE(ready);
+    StderrCapture log;
+    EXPECT_EQ(client().File(), nullptr);  // would miss "bc\n"
+    EXPECT_NE(log.Text().find("3 bytes read ahead"), std::string::npos);
+    char buf[4] = {};
+    EXPECT_EQ(client().read(buf, 2, MSG_PEEK), 2);
+    EXPECT_EQ(client().read(buf, 3, MSG_DONTWAIT), 3);
+    EXPECT_STREQ(buf, "bc\n");
+    EXPECT_TRUE(client().RSelect(ready, 0, 0));
+    EXPECT_FALSE(ready);
+    FILE* f = client().File();
+    ASSERT_NE(f, nullptr);
+    SendRaw(peer(), "d\ne\n");
+    char line[8];
+    ASSERT_NE(fgets(line, sizeof line, f), nullptr);
+    EXPECT_STREQ(line, "d\n");
+    ASSERT_NE(fgets(line, sizeof line, f), nullptr);
+    EXPECT_STREQ(line, "e\n");
+}
+
+TEST_F(SocketTest, DisconnectDiscardsBytesReadAhead)
+{
+    SendRaw(peer(), "a\nstale\n");
+    EXPECT_EQ(Lines(client(), 1), std::vector<std::string>{"a"});
+    client().Disconnect();
+    ASSERT_TRUE(client().Connect());
+    std::unique_ptr<Sock> again = AcceptOne(*m_link.server);
+    ASSERT_TRUE(again);
+    SendRaw(*again, "fresh\n");
+    EXPECT_EQ(Lines(client(), 1), std::vector<std::string>{"fresh"});
+}
+
 TEST(Socket, ClosedSocketRefusesWork)
 {
     Socket s(Addr(AF_INET, "127.0.0.1:1"));
