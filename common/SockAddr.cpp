@@ -154,7 +154,7 @@ SockAddr::SockAddr(const sockaddr_serial& a)
     m_addr.serial.sa_family = AF_RS485;
 }
 
-SockAddr::SockAddr(sa_family_t family, ...)
+SockAddr::SockAddr(int family, ...)
 {
     Clear();
     va_list args;
