@@ -56,17 +56,8 @@ Socket::Socket(const SockAddr& addr, void* data)
     safe_mem_object("Socket.cpp", __LINE__, "Socket", this);
 }
 
-Socket::Socket(int fd, const SockAddr& remote, void* data)
-    : Sock(remote),
-      m_f(nullptr),
-      m_data(data),
-      m_unlinkOnClose(false),
-      m_ahead(static_cast<char*>(safe_mem_malloc(kAheadLen, __FILE__, __LINE__))),
-      m_aheadPos(0),
-      m_aheadEnd(0),
-      m_rxTick{0, 0}
+Socket::Socket(int fd, const SockAddr& remote, void* data) : Socket(remote, data)
 {
-    safe_mem_object("Socket.cpp", __LINE__, "Socket", this);
     m_fd = fd;
     int rv = m_local.GetSockname(fd);
     if (rv < 0) syslog_safe(4, "Couldn't get local socket address (%d).", -rv);

@@ -316,6 +316,28 @@ TEST_F(SocketTest, DescribesItselfInTheStatusTable)
     EXPECT_EQ(RecvRaw(client(), expected.size()), expected);
 }
 
+TEST_F(SocketTest, SendFlagsWaitForRoomFirst)
+{
+    client().SendFlags(1);
+    EXPECT_EQ(client().printf("ok\n"), 3);
+    std::string block(65536, 'f');
+    while (send(client().Fd(), block.data(), block.size(), MSG_DONTWAIT) > 0) {
+    }
+    StderrCapture log;
+    EXPECT_EQ(client().printf("late\n"), -EAGAIN);
+    EXPECT_NE(log.Text().find("<" + std::string(client().Addr()) + "> Unable to write to/INTR ("),
+              std::string::npos);
+}
+
+TEST_F(SocketTest, AcceptedEndsTimeOutReceivesAfterFiveSeconds)
+{
+    timeval tv = {};
+    socklen_t len = sizeof tv;
+    ASSERT_EQ(getsockopt(peer().Fd(), SOL_SOCKET, SO_RCVTIMEO, &tv, &len), 0);
+    EXPECT_EQ(tv.tv_sec, 5);
+    EXPECT_EQ(peer().Local().GetPort(), m_link.client->Remote().GetPort());
+}
+
 // Bytes fetched ahead stay invisible: counters, readiness, flagged reads
 // and the FILE view behave as if each byte were read when handed out.
 TEST_F(SocketTest, ReadAheadIsInvisibleToCallers)
