@@ -54,6 +54,7 @@ Socket::Socket(const SockAddr& addr, void* data)
       m_rxTick{0, 0}
 {
     safe_mem_object("Socket.cpp", __LINE__, "Socket", this);
+    Listed(true);
 }
 
 Socket::Socket(int fd, const SockAddr& remote, void* data) : Socket(remote, data)
@@ -67,6 +68,7 @@ Socket::Socket(int fd, const SockAddr& remote, void* data) : Socket(remote, data
 
 Socket::~Socket()
 {
+    Listed(false);
     Disconnect();
     safe_mem_free(m_ahead, __FILE__, __LINE__);
     safe_mem_object("Socket.cpp", __LINE__, "~Socket", this);

@@ -472,4 +472,25 @@ TEST(Socket, StatusReportWhileAnotherThreadReads)
     EXPECT_FALSE(l.client->IsConnected() || l.server->IsConnected());
 }
 
+// Connections made and destroyed while another thread keeps listing them:
+// a listing never sees one half-built or half-destroyed.
+TEST(Socket, StatusReportDuringConstructionAndDestruction)
+{
+    Link l = Open(Addr(AF_INET, "127.0.0.1"));
+    ASSERT_TRUE(l.accepted);
+    std::atomic<bool> stop{false};
+    std::thread lister([&] {
+        while (!stop) Sock::StatusReport(l.accepted.get());
+    });
+    std::thread drain([&] {
+        while (l.client->ReadLine() >= 0) {
+        }
+    });
+    for (int i = 0; i < 2000; i++) Socket churn(Addr(AF_INET, "127.0.0.1"));
+    stop = true;
+    lister.join();
+    l.accepted->Disconnect();
+    drain.join();
+}
+
 }  // namespace
