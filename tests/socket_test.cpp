@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "Socket.h"
+#include "daemon.h"
 #include "process.h"
 
 namespace {
@@ -265,6 +266,8 @@ TEST_F(SocketTest, PeerClosingMidLine)
     EXPECT_STREQ(client().RxBuffer(), "abc");
 }
 
+// The link-dead check runs when a read meets EAGAIN: at once on a
+// non-blocking socket (a blocking one first waits out its 5 s time-out).
 TEST_F(SocketTest, SilentPeerIsDeclaredDead)
 {
     ASSERT_TRUE(client().NonBlocking(true));
@@ -272,10 +275,26 @@ TEST_F(SocketTest, SilentPeerIsDeclaredDead)
     EXPECT_EQ(client().read(&c, 1, MSG_DONTWAIT), 0);
     client().LinkDeadTimeout(0);  // dead after more than 0 whole seconds
     auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(client().read(&c, 1, 0), -EPIPE);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_FALSE(client().IsConnected());
     bool complete = true;
     EXPECT_EQ(client().ReadLine(complete), -ESPIPE);
-    EXPECT_FALSE(client().IsConnected());
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(ScaledMs(5000)));
+}
+
+TEST_F(SocketTest, WithoutLinkDeadTimeOutOnlyTheExitFlagEndsARead)
+{
+    ASSERT_TRUE(client().NonBlocking(true));
+    client().LinkDeadTimeout(-1);
+    std::thread raiser([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        daemon_should_exit = true;
+    });
+    char c;
+    EXPECT_EQ(client().read(&c, 1, 0), -EAGAIN);
+    raiser.join();
+    daemon_should_exit = false;
+    EXPECT_TRUE(client().IsConnected());
 }
 
 TEST_F(SocketTest, SelectReportsReadiness)
