@@ -30,7 +30,7 @@ const char* sock_hold_list_lock()
 }  // namespace
 
 Sock::Sock(const SockAddr& addr)
-    : Debuggable(sock_hold_list_lock()),
+    : Debuggable("%s", sock_hold_list_lock()),
       m_fd(-1),
       m_linkDeadTimeout(m_defaultLinkDeadTimeout),
       m_rxBytes(0),
