@@ -90,7 +90,7 @@ int Sock::ReadIncompleteLine(char* buf, int size, int* pos)
     buf[limit] = '\0';
     ssize_t last = 0;
     bool terminated = false;
-    while (fill < limit && !daemon_should_exit && IsConnected()) {
+    while (fill < limit && !daemon_should_exit.load(std::memory_order_relaxed) && IsConnected()) {
         last = read(buf + fill, 1, 0);
         if (last > 0) {
             if (sock_is_terminator(buf[fill])) {

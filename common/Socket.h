@@ -31,7 +31,7 @@ public:
     // Closes the FILE view and the descriptor; removes the Unix socket file
     // this object bound.
     void Disconnect() override;
-    bool IsConnected() override { return m_fd != -1; }
+    bool IsConnected() override { return m_fd.load(std::memory_order_relaxed) != -1; }
     // SO_KEEPALIVE, then the non-zero values at option numbers 4, 5 and 6 of
     // SOL_SOCKET (their results ignored); false if SO_KEEPALIVE fails.
     bool SetKeepAlive(int idle, int interval, int count) override;
