@@ -20,45 +20,10 @@
 
 #include "Socket.h"
 #include "daemon.h"
+#include "fixed_paths.h"
 #include "process.h"
 
 namespace {
-
-// Collects what the logger writes to standard error while it lives.
-class StderrCapture {
-public:
-    StderrCapture() : m_file(tmpfile()), m_saved(dup(2))
-    {
-        fflush(stderr);
-        dup2(fileno(m_file), 2);
-    }
-    ~StderrCapture()
-    {
-        Restore();
-        fclose(m_file);
-    }
-    std::string Text()
-    {
-        Restore();
-        std::string text;
-        char buf[512];
-        rewind(m_file);
-        for (size_t n; (n = fread(buf, 1, sizeof buf, m_file)) > 0;) text.append(buf, n);
-        return text;
-    }
-
-private:
-    void Restore()
-    {
-        if (m_saved < 0) return;
-        fflush(stderr);
-        dup2(m_saved, 2);
-        close(m_saved);
-        m_saved = -1;
-    }
-    FILE* m_file;
-    int m_saved;
-};
 
 SockAddr Addr(sa_family_t family, const std::string& text)
 {
@@ -231,9 +196,8 @@ TEST_F(SocketTest, RefusesTextAtTheBufferLimit)
         std::string text(c.length, 'x');
         StderrCapture log;
         EXPECT_EQ(client().printf("%s", text.c_str()), c.rv) << c.length;
-        bool warned = log.Text().find("<" + std::string(client().Addr()) + "> Trying to send too much data.") !=
-                      std::string::npos;
-        EXPECT_EQ(warned, c.rv < 0) << c.length;
+        std::string warning = "warn <" + std::string(client().Addr()) + "> Trying to send too much data.\n";
+        EXPECT_EQ(LogLines(log.Take()), c.rv < 0 ? warning : "") << c.length;
         if (c.rv > 0) {
             EXPECT_EQ(RecvRaw(peer(), static_cast<size_t>(c.rv)).size(), static_cast<size_t>(c.rv));
         }
@@ -344,8 +308,9 @@ TEST_F(SocketTest, SendFlagsWaitForRoomFirst)
     }
     StderrCapture log;
     EXPECT_EQ(client().printf("late\n"), -EAGAIN);
-    EXPECT_NE(log.Text().find("<" + std::string(client().Addr()) + "> Unable to write to/INTR ("),
-              std::string::npos);
+    std::string lines = LogLines(log.Take());
+    EXPECT_EQ(lines.find("warn <" + std::string(client().Addr()) + "> Unable to write to/INTR ("), 0u) << lines;
+    EXPECT_EQ(lines.substr(lines.size() - 8), "): late\n") << lines;
 }
 
 TEST_F(SocketTest, AcceptedEndsTimeOutReceivesAfterFiveSeconds)
@@ -370,7 +335,9 @@ TEST_F(SocketTest, ReadAheadIsInvisibleToCallers)
     EXPECT_TRUE(ready);
     StderrCapture log;
     EXPECT_EQ(client().File(), nullptr);  // would miss "bc\n"
-    EXPECT_NE(log.Text().find("3 bytes read ahead"), std::string::npos);
+    std::string lines = LogLines(log.Take());
+    EXPECT_EQ(lines.find("warn Can't get FILE for " + std::string(client().Addr()) + ", 3 bytes read ahead, socket 0x"),
+              0u) << lines;
     char buf[4] = {};
     EXPECT_EQ(client().read(buf, 2, MSG_PEEK), 2);
     EXPECT_EQ(client().read(buf, 3, MSG_DONTWAIT), 3);
@@ -418,9 +385,11 @@ TEST(Socket, ClosedSocketRefusesWork)
     Socket name(SockAddr(AF_NAME, "eth0"));
     EXPECT_FALSE(name.Create());
     EXPECT_FALSE(name.Connect());
-    std::string text = log.Text();
-    EXPECT_NE(text.find("Can't get FILE for 127.0.0.1:1, no FD, socket 0x"), std::string::npos) << text;
-    EXPECT_NE(text.find(" Address family 33 not supported."), std::string::npos) << text;
+    std::string lines = LogLines(log.Take());
+    EXPECT_EQ(lines.find("warn Can't get FILE for 127.0.0.1:1, no FD, socket 0x"), 0u) << lines;
+    EXPECT_NE(lines.find("Socket.cpp:"), std::string::npos) << lines;
+    EXPECT_NE(lines.find(" virtual bool Socket::Create() Address family 33 not supported.\n"), std::string::npos)
+        << lines;
 }
 
 TEST(Socket, FailedConnectIsLoggedAndClosed)
@@ -434,7 +403,7 @@ TEST(Socket, FailedConnectIsLoggedAndClosed)
     StderrCapture log;
     EXPECT_FALSE(s.Connect());
     EXPECT_FALSE(s.IsConnected());
-    EXPECT_NE(log.Text().find("<" + std::string(s.Addr()) + "> Unable to connect (111)."), std::string::npos);
+    EXPECT_EQ(LogLines(log.Take()), "err  <" + std::string(s.Addr()) + "> Unable to connect (111).\n");
 }
 
 TEST(Socket, UnixBindReplacesAStaleFileAndRemovesItsOwn)
@@ -444,7 +413,7 @@ TEST(Socket, UnixBindReplacesAStaleFileAndRemovesItsOwn)
     Socket server(Addr(AF_UNIX, path));
     StderrCapture log;
     ASSERT_TRUE(server.Create() && server.Bind() && server.Listen(5));
-    EXPECT_NE(log.Text().find("Removing existing file at \"" + path + "\"."), std::string::npos);
+    EXPECT_EQ(LogLines(log.Take()), "info Removing existing file at \"" + path + "\".\n");
     Socket client(Addr(AF_UNIX, path));
     ASSERT_TRUE(client.Connect());
     std::unique_ptr<Sock> accepted = AcceptOne(server);
