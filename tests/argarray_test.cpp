@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "ArgArray.h"
+#include "fixed_paths.h"
 #include "utils.h"
 
 namespace {
@@ -18,18 +19,14 @@ Words WordsOf(const ArgArray& a)
 }
 
 // Parses `line` with `capacity`, checks the words, the terminator and the
-// log line the parse wrote ("" when none).
-void ExpectParse(const char* line, int capacity, const Words& words, const std::string& warning = "")
+// log lines the parse wrote.
+void ExpectParse(const char* line, int capacity, const Words& words, const std::string& log = "")
 {
-    testing::internal::CaptureStderr();
+    StderrCapture capture;
     ArgArray a(line, capacity);
-    std::string log = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(LogLines(capture.Take()), log) << "line: " << line;
     EXPECT_EQ(WordsOf(a), words) << "line: " << line;
     EXPECT_EQ(a.Argv()[a.Argc()], nullptr) << "line: " << line;
-    if (warning.empty())
-        EXPECT_EQ(log, "") << "line: " << line;
-    else
-        EXPECT_NE(log.find("warn " + warning + "\n"), std::string::npos) << log;
 }
 
 TEST(ArgArray, ParsesLinesIntoWords)
@@ -50,9 +47,9 @@ TEST(ArgArray, ParsesLinesIntoWords)
 
 TEST(ArgArray, UnclosedQuoteKeepsEarlierWordsAndWarns)
 {
-    ExpectParse("a 'b c", 10, {"a"}, "Ignoring unclosed argument: 'b c");
-    ExpectParse("\"open", 10, {}, "Ignoring unclosed argument: \"open");
-    ExpectParse("a \"b' c", 10, {"a"}, "Ignoring unclosed argument: \"b' c");
+    ExpectParse("a 'b c", 10, {"a"}, "warn Ignoring unclosed argument: 'b c\n");
+    ExpectParse("\"open", 10, {}, "warn Ignoring unclosed argument: \"open\n");
+    ExpectParse("a \"b' c", 10, {"a"}, "warn Ignoring unclosed argument: \"b' c\n");
 }
 
 TEST(ArgArray, CapacityTruncatesSilently)

@@ -13,9 +13,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +21,7 @@
 #include "Mutex.hpp"
 #include "Secure.h"
 #include "debugger.h"
+#include "fixed_paths.h"
 #include "process.h"
 #include "utils.h"
 
@@ -91,12 +90,10 @@ std::pair<int, std::string> RunWithStdout(const std::function<int()>& body)
         close(fd);
         return body();
     });
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
+    std::string text = ReadFile(path);
     unlink(path.c_str());
     rmdir(path.substr(0, path.rfind('/')).c_str());
-    return {rv, text.str()};
+    return {rv, text};
 }
 
 // Waits at most timeoutMs for pid, then kills it; its exit status or -1.
