@@ -42,6 +42,24 @@ int WaitBounded(pid_t pid, int timeoutMs, bool& timedOut)
     }
 }
 
+// A program that exits before reading all its input must not kill the test
+// with SIGPIPE: block it around the write and drop a pending one. The mask
+// is the calling thread's, so children started later are not affected.
+ssize_t WriteNoSigpipe(int fd, const void* data, size_t size)
+{
+    sigset_t pipeOnly, old;
+    sigemptyset(&pipeOnly);
+    sigaddset(&pipeOnly, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeOnly, &old);
+    ssize_t n = write(fd, data, size);
+    if (n < 0 && errno == EPIPE) {
+        timespec none = {0, 0};
+        (void)sigtimedwait(&pipeOnly, nullptr, &none);
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    return n;
+}
+
 }  // namespace
 
 int ScaledMs(int ms)
@@ -91,7 +109,7 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::string& in
                 (i == 0 ? outOpen : errOpen) = false;
         }
         if (inOpen && (fds[2].revents & (POLLOUT | POLLERR))) {
-            ssize_t n = write(in[1], input.data() + written, input.size() - written);
+            ssize_t n = WriteNoSigpipe(in[1], input.data() + written, input.size() - written);
             if (n > 0) written += static_cast<size_t>(n);
             if ((n < 0 && errno != EAGAIN) || written == input.size()) {
                 close(in[1]);
