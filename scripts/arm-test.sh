@@ -35,8 +35,6 @@ size=$(dpkg-deb --fsys-tarfile "$dir"/vtest_*_armhf.deb | tar -xOf - ./usr/bin/v
 echo "stripped armhf vtest: $size bytes (limit 1572864)"
 [ "$size" -le 1572864 ] || { echo "arm: the stripped armhf vtest is over 1.5 MB" >&2; exit 1; }
 
-# The closing line counts the armhf tests: ctest's skips are GTEST_SKIPs.
-count() { grep -o -m1 "$1=\"[0-9]*\"" "$dir/junit.xml" | grep -o '[0-9]*'; }
-total=$(count tests) failed=$(count failures) skipped=$(count skipped)
-echo "arm: $((total - failed - skipped)) passed, $failed failed, $skipped skipped"
+# Each skip with its reason, then the job's closing line.
+scripts/junit-summary.py "$dir/junit.xml" arm
 exit "$status"

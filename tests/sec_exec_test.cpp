@@ -93,6 +93,7 @@ TEST(SecExec, StandardInputPassesThrough)
 TEST(SecExec, InstalledSetIdGivesUpItsIdsForGood)
 {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to install a set-user-id copy and run it as nobody";
+    SKIP_IF_EMULATED(EmulationGap::SetIdPrograms);
     std::string dir = MakeTempDir(), copy = dir + "/vtest";
     std::string install = "cp " VTEST_BINARY " " + copy + " && chown 1:1 " + copy + " && chmod 6755 " + copy +
                           " && chmod 755 " + dir;

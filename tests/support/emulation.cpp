@@ -54,6 +54,8 @@ std::string EmulationSkipReason(EmulationGap gap)
         return WithPrefix(PacketSocketProbe());
     case EmulationGap::Ptrace:
         return WithPrefix("qemu-user does not implement ptrace(2) (ENOSYS)");
+    case EmulationGap::SetIdPrograms:
+        return WithPrefix("qemu-user loads an ARM program as data, so its set-id bits never apply");
     }
     return WithPrefix("unknown gap");
 #else

@@ -48,6 +48,7 @@ enum class EmulationGap {
     Namespaces,     // mount and network namespaces made from inside the emulated process (probed)
     PacketSockets,  // AF_PACKET raw frames (probed)
     Ptrace,         // ptrace(2) and backtraces taken through it (never there)
+    SetIdPrograms,  // set-user-id and set-group-id executables of this tree (never there)
 };
 
 // Why a test that needs `gap` cannot run under emulation, or empty when it
