@@ -157,47 +157,39 @@ def roff_blocks(lines):
     return out
 
 
-def man_page(template, usage, intro, sections, version):
-    synopsis = [".nf"]
+def synopsis_roff(usage, template):
+    lines = [".nf"]
     for _, rest, _ in usage + extra_synopses(template):
-        synopsis.append(roff_line("\\fBvtest\\fR " + roff_inline(rest)).rstrip())
-    synopsis.append(".fi")
+        lines.append(roff_line("\\fBvtest\\fR " + roff_inline(rest)).rstrip())
+    return lines + [".fi"]
 
-    commands = roff_blocks(intro)
-    described = {u[0]: u[2] for u in usage}
+
+def commands_roff(usage, intro, sections):
+    out = roff_blocks(intro)
+    described = {word: text for word, _, text in usage}
     for title, lines in sections:
-        commands += [".SS " + roff_inline(title)]
-        if any(l.strip() for l in lines):
-            commands += roff_blocks(lines)
-        else:
-            # A section not written yet still says what the usage text says.
-            said = [described[w] for w in section_words(title) if w in described]
-            if "Self-test" in title:
-                said = [described[""]]
-            commands += [".PP", roff_inline(" ".join(dict.fromkeys(said)) or "Not described yet.")]
-
-    out = ['.TH VTEST 1 "" "vtest %s" "User Commands"' % version]
-    body = []
-    for line in template.splitlines():
-        if line.startswith("# "):
-            body.append(("head", line[2:].strip()))
-        elif line.strip() == "@USAGE@":
-            body.append(("raw", synopsis))
-        elif line.strip() == "@COMMANDS@":
-            body.append(("raw", commands))
-        elif not extra_synopses(line):
-            body.append(("md", line))
-    pending = []
-    for kind, value in body + [("head", None)]:
-        if kind == "md":
-            pending.append(value)
+        out.append(".SS " + roff_inline(title))
+        if any(line.strip() for line in lines):
+            out += roff_blocks(lines)
             continue
-        out += roff_blocks(pending)
-        pending = []
-        if kind == "head" and value:
-            out.append(".SH " + value.upper())
-        elif kind == "raw":
-            out += value
+        # A section not written yet says what the usage text says; one that
+        # names no command word is the run without one.
+        said = [described[w] for w in section_words(title) or [""] if w in described]
+        out += [".PP", roff_inline(" ".join(dict.fromkeys(said)) or "Not described yet.")]
+    return out
+
+
+def man_page(template, usage, intro, sections, version):
+    """The template's sections in roff, with @USAGE@ and @COMMANDS@ filled in."""
+    fills = {"@USAGE@": synopsis_roff(usage, template), "@COMMANDS@": commands_roff(usage, intro, sections)}
+    out, pending = ['.TH VTEST 1 "" "vtest %s" "User Commands"' % version], []
+    for line in template.splitlines() + ["# "]:
+        if line.startswith("# ") or line.strip() in fills:
+            out += roff_blocks(pending)
+            pending = []
+            out += fills.get(line.strip(), [".SH " + line[2:].strip().upper()] if line[2:].strip() else [])
+        elif not extra_synopses(line):
+            pending.append(line)
     # A paragraph break right after a heading is redundant (and NAME must
     # stay the plain line "vtest \- summary" for whatis).
     kept = [l for i, l in enumerate(out) if not (l == ".PP" and out[i - 1].startswith((".SH", ".SS")))]
