@@ -17,3 +17,10 @@ bool WaitUntil(Condition done, int timeoutMs)
     }
     return true;
 }
+
+// Milliseconds since `start`.
+inline long MsSince(std::chrono::steady_clock::time_point start)
+{
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
+}
