@@ -182,6 +182,27 @@ protected:
                           .count(),
                       900);
     }
+    // Retry counts 0, 1 and 3 make 1, 1 and 3 attempts against a server
+    // playing scripts(attempts), a second apart (none waited for at 0), with
+    // the retry message before each further attempt and the final one once.
+    void ExpectAttemptsPerCount(std::vector<Script> (*scripts)(int), const std::string& retrying,
+                                const std::string& failed)
+    {
+        for (auto [count, attempts] : std::vector<std::pair<int, int>>{{0, 1}, {1, 1}, {3, 3}}) {
+            LogCapture log;
+            Serve(scripts(attempts));
+            SqlWrapper& sql = Sql(count);
+            RetryOutcome outcome = Reconnect(sql, false);
+            EXPECT_EQ(outcome.attempts, attempts) << count;
+            EXPECT_TRUE(sql.GetRV());
+            ExpectOneSecondApart(outcome);
+            if (count == 0) {
+                EXPECT_LT(outcome.ms, 1000) << "no sleep at count 0";
+            }
+            EXPECT_EQ(log.Count(retrying), attempts - 1) << count;
+            EXPECT_EQ(log.Count(failed), 1) << count;
+        }
+    }
     // A server that says the database is not ready, on every connection.
     static std::vector<Script> NotReady(int connections)
     {
@@ -192,38 +213,14 @@ protected:
 
 TEST_F(RetryTest, ConnectFailuresShareTheCount)
 {
-    for (auto [count, attempts] : std::vector<std::pair<int, int>>{{0, 1}, {1, 1}, {3, 3}}) {
-        LogCapture log;
-        Serve({});
-        SqlWrapper& sql = Sql(count);
-        RetryOutcome outcome = Reconnect(sql, false);
-        EXPECT_EQ(outcome.attempts, attempts) << count;
-        EXPECT_TRUE(sql.GetRV());
-        ExpectOneSecondApart(outcome);
-        if (count == 0) {
-            EXPECT_LT(outcome.ms, 1000) << "no sleep at count 0";
-        }
-        EXPECT_EQ(log.Count("warn <SqlWrapper> Retrying (connect failed)..."), attempts - 1);
-        EXPECT_EQ(log.Count("err  <SqlWrapper> Connect failed."), 1);
-    }
+    ExpectAttemptsPerCount([](int) { return std::vector<Script>{}; },
+                           "warn <SqlWrapper> Retrying (connect failed)...", "err  <SqlWrapper> Connect failed.");
 }
 
 TEST_F(RetryTest, NotReadyAnswersShareTheCount)
 {
-    for (auto [count, attempts] : std::vector<std::pair<int, int>>{{0, 1}, {1, 1}, {3, 3}}) {
-        LogCapture log;
-        Serve(NotReady(attempts));
-        SqlWrapper& sql = Sql(count);
-        RetryOutcome outcome = Reconnect(sql, false);
-        EXPECT_EQ(outcome.attempts, attempts) << count;
-        EXPECT_TRUE(sql.GetRV());
-        ExpectOneSecondApart(outcome);
-        if (count == 0) {
-            EXPECT_LT(outcome.ms, 1000) << "no sleep at count 0";
-        }
-        EXPECT_EQ(log.Count("warn <SqlWrapper> Retrying (DB not yet ready)..."), attempts - 1);
-        EXPECT_EQ(log.Count("err  <SqlWrapper> DB not ready."), 1);
-    }
+    ExpectAttemptsPerCount(NotReady, "warn <SqlWrapper> Retrying (DB not yet ready)...",
+                           "err  <SqlWrapper> DB not ready.");
 }
 
 TEST_F(RetryTest, MixedFailuresShareTheCountAndThenSucceed)
