@@ -404,16 +404,6 @@ TEST_F(ClientTest, OverlongStatementIsRetriedWithReconnectsUntilTheCountEnds)
     EXPECT_EQ(m_server->Received(1), CommentLine("SQL Wrapper") + "shell \\ |\r\n.header on\r\n");
 }
 
-TEST_F(ClientTest, ParameterMembersFillStatements)
-{
-    SqlWrapper sql;
-    std::string query = "SELECT :a, :b, :c, :c;";
-    EXPECT_TRUE(sql.ReplaceParamWithValue(query, "a", "1"));
-    EXPECT_TRUE(sql.ReplaceParamWithStrValue(query, "b", "x\"y"));
-    EXPECT_TRUE(sql.ReplaceMultipleParamsWithValue(query, "c", "z", true));
-    EXPECT_EQ(query, "SELECT 1, \"x\"\"y\", \"z\", \"z\";");
-}
-
 // ---- stops from another thread
 
 class StopTest : public ClientTest {

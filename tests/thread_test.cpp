@@ -11,7 +11,6 @@
 #include "Thread.h"
 #include "log_capture.h"
 #include "process.h"
-#include "utils.h"
 #include "wait.h"
 
 namespace {
@@ -223,16 +222,6 @@ TEST(Thread, SetPriorityPicksLowestHighestOrMidpoint)
     EXPECT_EQ(priority(), 99);
     thread.SetPriority(INT_MIN);
     EXPECT_EQ(priority(), 1);
-}
-
-TEST(Thread, ReportsItsLifeToTheObjectCensus)
-{
-    long before = safe_mem_object_count("Thread");
-    {
-        LoopThread thread("census");
-        EXPECT_EQ(safe_mem_object_count("Thread"), before + 1);
-    }
-    EXPECT_EQ(safe_mem_object_count("Thread"), before);
 }
 
 }  // namespace
