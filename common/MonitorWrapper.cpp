@@ -39,10 +39,17 @@ MonitorWrapper::MonitorWrapper(const char* table, unsigned /*operations*/, const
     safe_mem_object(kFile, __LINE__, "MonitorWrapper", this);
 }
 
+bool MonitorWrapper::Start(bool noWait)
+{
+    bool started = Thread::Start(noWait);
+    m_initOK = m_initOK || started;
+    m_startTried = true;
+    return started;
+}
+
 bool MonitorWrapper::InitOK()
 {
-    if (!m_startTried) m_initOK = Start(true);
-    m_startTried = true;
+    if (!m_startTried) (void)Start(true);
     return m_initOK;
 }
 

@@ -35,6 +35,8 @@ public:
     // or retry sleep and, unless noWait, joins it (within about a second).
     // True when the thread has ended or noWait.
     bool Stop(bool noWait = false) override;
+    // Starts the thread (once): whether it was started by this call.
+    bool Start(bool noWait = false) override;
     // Starts the thread unless that was tried before: true when it runs
     // (or ran). Call it right after construction.
     bool InitOK();

@@ -54,6 +54,17 @@ protected:
 
 using Log = std::vector<std::string>;
 
+TEST_F(MonitorTest, StartsOnceWhetherByInitOKOrStart)
+{
+    ScriptedServer server({});
+    RecordingMonitor monitor(server.Addr(), 0);
+    EXPECT_FALSE(monitor.IsRunning());
+    EXPECT_TRUE(monitor.Start());
+    EXPECT_TRUE(monitor.InitOK());
+    EXPECT_FALSE(monitor.Start());
+    EXPECT_TRUE(monitor.InitOK());
+}
+
 TEST_F(MonitorTest, EventsCutSkipAndResubscribeAfterALostConnection)
 {
     RecordingMonitor& monitor = Monitor({Then(Subscribed("123456first!\nsecond!\nx\n"), {Close()}),
