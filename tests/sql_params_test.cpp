@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "log_capture.h"
+#include "fixed_paths.h"
 #include "sql_params.h"
 
 namespace {
@@ -72,11 +72,11 @@ TEST(SqlParams, ReplaceAllWithOrWithoutQuotes)
 
 TEST(SqlParams, ReplaceAllRefusesAValueHoldingItsOwnReference)
 {
-    LogCapture log;
+    StderrCapture err;
     std::string query = "a=:v;";
     EXPECT_FALSE(sql_param_replace_all(query, "v", "(:v)", false));
     EXPECT_EQ(query, "a=:v;");
-    EXPECT_EQ(log.Count("warn <SqlWrapper> Value of \":v\" holds its own reference."), 1);
+    EXPECT_EQ(LogLines(err.Take()), "warn <SqlWrapper> Value of \":v\" holds its own reference.\n");
 }
 
 TEST(SqlParams, FillsTheSelfTestInsert)

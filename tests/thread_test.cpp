@@ -9,7 +9,7 @@
 #include <string>
 
 #include "Thread.h"
-#include "log_capture.h"
+#include "fixed_paths.h"
 #include "process.h"
 #include "wait.h"
 
@@ -86,7 +86,7 @@ TEST(Thread, NoWaitStartCountsAsStarted)
 
 TEST(Thread, StopOfUnstartedThreadAndNoWaitStopReturnAtOnceSilently)
 {
-    LogCapture log;
+    StderrCapture err;
     LoopThread idle("idle");
     EXPECT_TRUE(idle.Stop());
     LoopThread running("running", false);
@@ -94,31 +94,31 @@ TEST(Thread, StopOfUnstartedThreadAndNoWaitStopReturnAtOnceSilently)
     EXPECT_TRUE(running.Stop(true));
     EXPECT_TRUE(running.ShouldStop());
     EXPECT_TRUE(running.IsRunning());
-    EXPECT_EQ(log.Text(), "");
+    EXPECT_EQ(err.Take(), "");
 }
 
 TEST(Thread, StopWithoutWaitTimeFailsAtOnce)
 {
-    LogCapture log;
+    StderrCapture err;
     LoopThread thread("stubborn", false);
     ASSERT_TRUE(thread.Start());
     thread.MaxWaitTime(0);
     EXPECT_FALSE(thread.Stop());
-    EXPECT_EQ(log.Count("err  Unable to stop thread within 0 seconds."), 1);
-    EXPECT_EQ(log.Count("Still waiting"), 0);
+    EXPECT_EQ(LogLines(err.Take()), "err  Unable to stop thread within 0 seconds.\n");
     thread.MaxWaitTime(20);
 }
 
 TEST(Thread, StopCountsItsWaitsAndGivesUp)
 {
-    LogCapture log;
+    StderrCapture err;
     LoopThread thread("stubborn", false);
     ASSERT_TRUE(thread.Start());
     thread.MaxWaitTime(2);
     EXPECT_FALSE(thread.Stop());
-    EXPECT_EQ(log.Count("warn Still waiting for thread 'stubborn' (1/2)."), 1);
-    EXPECT_EQ(log.Count("warn Still waiting for thread 'stubborn' (2/2)."), 1);
-    EXPECT_EQ(log.Count("err  Unable to stop thread within 2 seconds."), 1);
+    EXPECT_EQ(LogLines(err.Take()),
+              "warn Still waiting for thread 'stubborn' (1/2).\n"
+              "warn Still waiting for thread 'stubborn' (2/2).\n"
+              "err  Unable to stop thread within 2 seconds.\n");
     thread.release = true;
     thread.MaxWaitTime(20);
     EXPECT_TRUE(thread.Stop());
@@ -180,11 +180,11 @@ TEST(Thread, FiniWaitsForSelfDeletingThreadsToGo)
 
 TEST(Thread, FiniReportsThreadsStillListed)
 {
-    LogCapture log;
+    StderrCapture err;
     LoopThread thread("lingering");
     ASSERT_TRUE(thread.Start());
     EXPECT_FALSE(Thread::Fini());
-    EXPECT_EQ(log.Count("warn Thread [" + std::to_string(thread.Tid()) + "] lingering still alive."), 1);
+    EXPECT_EQ(LogLines(err.Take()), "warn Thread [" + std::to_string(thread.Tid()) + "] lingering still alive.\n");
 }
 
 TEST(Thread, RunningTimeReadsTicksPastBlanksAndParenthesesInTheName)
