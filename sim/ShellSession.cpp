@@ -131,13 +131,15 @@ void ShellSession::Subscribe(const ShellCommand& command)
 
 void ShellSession::ExecSql(const std::string& sql)
 {
+    // SQLite ends the text at a NUL byte; so does the server.
     const char* next = sql.c_str();
-    const char* end = next + sql.size();
+    const char* end = next + strlen(next);
     while (next < end && !m_peerGone) {
         sqlite3_stmt* stmt = nullptr;
         const char* tail = end;
         int rc = sqlite3_prepare_v2(m_db, next, static_cast<int>(end - next), &stmt, &tail);
         if (rc != SQLITE_OK) return AnswerError(sqlite3_errmsg(m_db));
+        if (!stmt && tail <= next) break;  // nothing more SQLite can take
         next = tail;
         if (!stmt) continue;  // only blanks or a comment
         bool ok = RunStatement(stmt);

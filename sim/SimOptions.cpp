@@ -8,12 +8,15 @@
 
 const char kSimUsage[] =
     "usage: vantor-sim [--listen=ADDR] [--db=PATH] [--events=N] [--not-ready=N] [--max-clients=N]\n"
+    "                 [--idle-timeout=SECONDS]\n"
     "  --listen=ADDR      127.0.0.1:3543 (default), IPV6|PORT, or a Unix socket path\n"
     "  --db=PATH          database file; created and seeded when missing or empty\n"
     "                     (default: a fresh seeded database, removed at exit)\n"
     "  --events=N         extra generated Events rows in a newly seeded database (0..10000000)\n"
     "  --not-ready=N      answer the first N shell directives \"DB not ready\" (0..1000000)\n"
-    "  --max-clients=N    connections served at once, 1..4096 (default 256)\n";
+    "  --max-clients=N    connections served at once, 1..4096 (default 256)\n"
+    "  --idle-timeout=S   drop a client silent for S seconds, unless it monitors a table;\n"
+    "                     0 never drops (0..86400, default 60)\n";
 
 namespace {
 
@@ -93,6 +96,7 @@ bool parse_one(const std::string& arg, SimOptions& o, std::string& error)
     else if (option_value(arg, "events", value)) ok = parse_number(value, 0, kSimMaxSeedEvents, o.events);
     else if (option_value(arg, "not-ready", value)) ok = parse_number(value, 0, kSimMaxNotReady, o.notReady);
     else if (option_value(arg, "max-clients", value)) ok = parse_number(value, 1, kSimMaxClientsCap, o.maxClients);
+    else if (option_value(arg, "idle-timeout", value)) ok = parse_number(value, 0, kSimMaxIdleTimeout, o.idleTimeout);
     else {
         error = "unknown option: " + arg;
         return false;

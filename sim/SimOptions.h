@@ -9,6 +9,7 @@
 // Caps of the numeric options.
 constexpr long kSimMaxNotReady = 1000000;
 constexpr long kSimMaxClientsCap = 4096;
+constexpr long kSimMaxIdleTimeout = 86400;
 
 // Where the server listens: exactly one of the records is used, by family.
 struct SimListen {
@@ -24,6 +25,7 @@ struct SimOptions {
     long events = 0;           // extra generated Events rows in a fresh database
     long notReady = 0;         // shell directives answered "DB not ready" first
     long maxClients = 256;     // connections served at once; more are closed at accept
+    long idleTimeout = 60;     // seconds a non-subscribed client may stay silent; 0: for ever
     bool help = false;
 };
 

@@ -134,6 +134,8 @@ TEST_F(Engine, AnswersStatementsWithExactBytes)
         {"SELECT 'a' || char(13, 10, 11) || 'b' AS t, NULL AS n, x'01ff' AS b, 1.5 AS r;",
          "t|n|b|r\na   b||X'01FF'|1.5\n\v#> \n"},
         {"SELECT 1 AS one; SELECT 2 AS two;", "one\n1\ntwo\n2\n\v#> \n"},
+        {std::string("\0SELECT 1;", 10), "\v#> \n"},
+        {std::string("SELECT 1 AS one;\0SELECT 2;", 26), "one\n1\n\v#> \n"},
         {"UPDATE Hardware SET HwName = \"renamed\" WHERE HwID = 7;", "\v#> \n"},
         {"SELECT HwName FROM Hardware WHERE HwID = 7;", "HwName\nrenamed\n\v#> \n"},
         {"SELEC 1;", "\vError: near \"SELEC\": syntax error\n\v#> \n"},

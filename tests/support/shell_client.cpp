@@ -1,6 +1,13 @@
 #include "shell_client.h"
 
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <cerrno>
+#include <chrono>
+
+#include "process.h"
 
 namespace {
 
@@ -10,6 +17,61 @@ bool is_terminator(char c)
 }
 
 }  // namespace
+
+FdShellTransport::FdShellTransport(int fd, int waitMs) : m_fd(fd), m_waitMs(waitMs) {}
+
+FdShellTransport::~FdShellTransport()
+{
+    if (m_fd >= 0) close(m_fd);
+}
+
+// Appends what arrives within waitMs: 1, 0 on time-out, -1 when closed.
+int FdShellTransport::Fill(int waitMs)
+{
+    if (m_at == m_buffer.size()) {
+        m_buffer.clear();
+        m_at = 0;
+    }
+    pollfd fd = {m_fd, POLLIN, 0};
+    if (m_fd < 0) return -1;
+    if (poll(&fd, 1, ScaledMs(waitMs)) <= 0) return 0;
+    char chunk[65536];
+    ssize_t n = recv(m_fd, chunk, sizeof chunk, 0);
+    if (n <= 0) return -1;
+    m_buffer.append(chunk, static_cast<size_t>(n));
+    return 1;
+}
+
+int FdShellTransport::Get(char& c)
+{
+    if (m_at == m_buffer.size()) {
+        int filled = Fill(m_waitMs);
+        if (filled <= 0) return filled;
+    }
+    c = m_buffer[m_at++];
+    return 1;
+}
+
+bool FdShellTransport::Send(const std::string& bytes)
+{
+    return send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+}
+
+bool FdShellTransport::Quiet(int quietMs)
+{
+    return m_at == m_buffer.size() && Fill(quietMs) == 0;
+}
+
+bool FdShellTransport::ReadUntil(const std::string& end, std::string& bytes, int waitMs)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ScaledMs(waitMs));
+    for (;;) {
+        bytes.append(m_buffer, m_at, std::string::npos);
+        m_at = m_buffer.size();
+        if (bytes.size() >= end.size() && bytes.compare(bytes.size() - end.size(), end.size(), end) == 0) return true;
+        if (std::chrono::steady_clock::now() > deadline || Fill(100) < 0) return false;
+    }
+}
 
 int ScriptedShellClient::ReadPartial(int maxLen, int* pos)
 {

@@ -18,6 +18,34 @@ public:
     virtual bool Send(const std::string& bytes) = 0;
 };
 
+// A transport over a connected stream socket (owned: closed by the
+// destructor). A byte that does not come within `waitMs` (scaled) counts as
+// a read the real client would wait on for ever.
+class FdShellTransport : public ShellTransport {
+public:
+    explicit FdShellTransport(int fd, int waitMs = 3000);
+    ~FdShellTransport() override;
+    FdShellTransport(const FdShellTransport&) = delete;
+    FdShellTransport& operator=(const FdShellTransport&) = delete;
+
+    int Get(char& c) override;
+    bool Send(const std::string& bytes) override;
+    // True when no byte is left unread: none buffered and none arriving
+    // within `quietMs` (scaled).
+    bool Quiet(int quietMs = 200);
+    // Reads raw bytes until `end` has arrived; false on time-out or close.
+    bool ReadUntil(const std::string& end, std::string& bytes, int waitMs);
+    int Fd() const { return m_fd; }
+
+private:
+    int Fill(int waitMs);
+
+    int m_fd;
+    int m_waitMs;
+    std::string m_buffer;
+    size_t m_at = 0;
+};
+
 class ScriptedShellClient {
 public:
     static constexpr int kStuck = -1000;   // a read found no byte: the client would hang
