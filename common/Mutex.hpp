@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cerrno>
 #include <ctime>
 
@@ -40,17 +41,21 @@ public:
     void Lock(const char* file, int line)
     {
         for (;;) {
-            timespec deadline = {time(nullptr) + m_reportSeconds, 0};
+            // time(NULL) lags CLOCK_REALTIME by up to a tick, so a deadline
+            // built from it can already have passed: a burst of reports.
+            timespec deadline;
+            clock_gettime(CLOCK_REALTIME, &deadline);
+            deadline.tv_sec += m_reportSeconds;
             int rv = pthread_mutex_timedlock(&m_mutex, &deadline);
             if (rv == 0) break;
             if (rv != ETIMEDOUT) {
-                syslog_safe(7, "DBG %s:%d Mutex::Lock() error: rv=%d this=%p.", file, line, rv,
+                syslog_safe(7, "DBG %s:%d Mutex::Lock() error: rv=%d this=%p.", Text(file), line, rv,
                             static_cast<void*>(this));
                 return;
             }
             syslog_safe(7, "DBG %s:%d Mutex::Lock() blocked ([%d] %s:%d still holds). <--------------- [%s:%d]",
-                        file, line, static_cast<int>(m_lock_tid), Text(m_lock_file), m_lock_line,
-                        Text(m_step_file), m_step_line);
+                        Text(file), line, static_cast<int>(m_lock_tid), Text(m_lock_file), static_cast<int>(m_lock_line),
+                        Text(m_step_file), static_cast<int>(m_step_line));
         }
         GotLock(file, line, "Lock");
     }
@@ -60,8 +65,8 @@ public:
     bool TryLock(const char* file, int line, bool flag)
     {
         if (pthread_mutex_trylock(&m_mutex) != 0) {
-            if (flag) syslog_safe(7, "DBG %s:%d Mutex::TryLock() busy ([%d] %s:%d holds).", file, line,
-                                  static_cast<int>(m_lock_tid), Text(m_lock_file), m_lock_line);
+            if (flag) syslog_safe(7, "DBG %s:%d Mutex::TryLock() busy ([%d] %s:%d holds).", Text(file), line,
+                                  static_cast<int>(m_lock_tid), Text(m_lock_file), static_cast<int>(m_lock_line));
             return false;
         }
         GotLock(file, line, "TryLock");
@@ -79,8 +84,8 @@ public:
         deadline.tv_nsec = static_cast<long>(ns % 1000000000LL);
         int rv = pthread_mutex_timedlock(&m_mutex, &deadline);
         if (rv != 0) {
-            if (flag) syslog_safe(7, "DBG %s:%d Mutex::TimedLock() failed: rv=%d ([%d] %s:%d holds).", file, line,
-                                  rv, static_cast<int>(m_lock_tid), Text(m_lock_file), m_lock_line);
+            if (flag) syslog_safe(7, "DBG %s:%d Mutex::TimedLock() failed: rv=%d ([%d] %s:%d holds).", Text(file), line,
+                                  rv, static_cast<int>(m_lock_tid), Text(m_lock_file), static_cast<int>(m_lock_line));
             return false;
         }
         GotLock(file, line, "TimedLock");
@@ -91,7 +96,7 @@ public:
     // keeps the lock at a lower depth; the reports only need "who took it".
     void Unlock()
     {
-        m_lock_count--;
+        m_lock_count = m_lock_count - 1;
         m_lock_tid = 0;
         pthread_mutex_unlock(&m_mutex);
     }
@@ -126,20 +131,34 @@ private:
             m_lock_line = line;
             m_lock_tid = dbg_gettid();
         }
-        m_lock_count++;
+        m_lock_count = m_lock_count + 1;
         m_step_file = file;
         m_step_line = line;
     }
 
+    // The holder fields are written by the holder and read without the lock
+    // by waiters' reports: relaxed atomics, a stale report is acceptable.
+    template <class T>
+    struct Relaxed {
+        std::atomic<T> value;
+        Relaxed(T v) : value(v) {}
+        operator T() const { return value.load(std::memory_order_relaxed); }
+        Relaxed& operator=(T v)
+        {
+            value.store(v, std::memory_order_relaxed);
+            return *this;
+        }
+    };
+
     bool m_recursive;
     pthread_mutexattr_t m_attributes;
     pthread_mutex_t m_mutex;
-    int m_lock_count;
-    const char* m_lock_file;
-    int m_lock_line;
-    const char* m_step_file;
-    int m_step_line;
-    volatile pid_t m_lock_tid;
+    Relaxed<int> m_lock_count;
+    Relaxed<const char*> m_lock_file;
+    Relaxed<int> m_lock_line;
+    Relaxed<const char*> m_step_file;
+    Relaxed<int> m_step_line;
+    Relaxed<pid_t> m_lock_tid;
 };
 
 inline int Mutex::m_reportSeconds = 5;

@@ -208,7 +208,9 @@ bool decode64(const char* text, std::string& out)
 {
     size_t len = strlen(text);
     if (len % 4 != 0 || len > INT32_MAX) return false;
-    if (strspn(text, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/=") != len) return false;
+    // Padding only at the very end, at most two characters of it.
+    size_t data = strspn(text, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/");
+    if (data + strspn(text + data, "=") != len || len - data > 2) return false;
     BIO* b64 = BIO_new(BIO_f_base64());
     BIO* mem = BIO_new_mem_buf(text, static_cast<int>(len));
     if (!b64 || !mem) {
@@ -224,8 +226,7 @@ bool decode64(const char* text, std::string& out)
     while ((n = BIO_read(chain, buf, sizeof buf)) > 0) decoded.append(buf, static_cast<size_t>(n));
     BIO_free_all(chain);
     // The filter stops silently at damaged input: accept only a full decode.
-    if (n < 0 || decoded.size() != len / 4 * 3 - (len && text[len - 1] == '=') - (len > 1 && text[len - 2] == '='))
-        return false;
+    if (n < 0 || decoded.size() != len / 4 * 3 - (len - data)) return false;
     out.swap(decoded);
     return true;
 }

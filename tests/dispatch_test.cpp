@@ -74,3 +74,18 @@ TEST(Dispatch, UsbResetOnNonUsbNodeReportsIoctlFailure)
 }
 
 }  // namespace
+
+namespace {
+
+// No arguments, or a lone "--server=" option, run the self-test, never the
+// usage text.
+TEST(Dispatch, BareRunAndLoneServerOptionReachTheSelfTest)
+{
+    for (const std::vector<std::string>& args : {std::vector<std::string>{}, {"--server=127.0.0.1:1"}}) {
+        RunResult r = RunVtest(args);
+        EXPECT_NE(r.status, 255);
+        EXPECT_EQ(r.err.find("Run basic tests."), std::string::npos) << r.err;
+    }
+}
+
+}  // namespace

@@ -35,9 +35,9 @@ int dispatch(int argc, char** argv)
 int main(int argc, char** argv)
 {
     openlog(nullptr, LOG_PID | LOG_NDELAY, LOG_LOCAL5);
-    // dbg_init("vtest");
+    dbg_init("vtest");
     int rv = dispatch(argc, argv);
-    // dbg_fini();
+    dbg_fini();
     closelog();
     return rv;
 }
