@@ -84,7 +84,7 @@ bool SimRunner::Launch(const Options& options)
 // it listens: "vantor-sim listening on <address>, database <path>".
 bool SimRunner::AwaitReady(int outFd)
 {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ScaledMs(10000));
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ScaledMs(30000));
     std::string text;
     while (text.find('\n') == std::string::npos) {
         if (std::chrono::steady_clock::now() > deadline) return false;

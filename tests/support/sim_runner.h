@@ -1,7 +1,8 @@
 // Runs the simulated unit (vantor-sim) for a test: a fresh seeded database
 // in a private temporary directory, listening on a free 127.0.0.1 port or
 // on a Unix socket in that directory. The constructor waits (bounded) until
-// the simulator accepts connections; the destructor stops it and removes
+// the simulator accepts connections (30 s, scaled: seeding many events
+// under a sanitizer is slow); the destructor stops it and removes
 // the directory.
 //
 //     SimRunner sim;
