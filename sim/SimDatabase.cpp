@@ -90,11 +90,6 @@ bool file_needs_seed(const std::string& path)
     return stat(path.c_str(), &st) != 0 || st.st_size == 0;
 }
 
-void remove_database_files(const std::string& path)
-{
-    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) (void)unlink((path + suffix).c_str());
-}
-
 }  // namespace
 
 bool sim_db_seed(sqlite3* db, long extraEvents)
@@ -118,9 +113,14 @@ bool sim_db_prepare(const std::string& path, long extraEvents)
     ok = ok && db_exec(db, "PRAGMA journal_mode=WAL;");
     if (ok && fresh) ok = sim_db_seed(db, extraEvents);
     sqlite3_close(db);
-    if (!ok && fresh) remove_database_files(path);
+    if (!ok && fresh) sim_db_remove(path);
     if (ok && fresh) syslog_safe(6, "<SimDatabase> Seeded \"%s\" (%ld extra events).", path.c_str(), extraEvents);
     return ok;
+}
+
+void sim_db_remove(const std::string& path)
+{
+    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) (void)unlink((path + suffix).c_str());
 }
 
 sqlite3* sim_db_open(const std::string& path)

@@ -16,6 +16,9 @@ constexpr long kSimMaxSeedEvents = 10000000;
 // be opened, created or seeded; a file this call created is then removed.
 bool sim_db_prepare(const std::string& path, long extraEvents);
 
+// Removes the database file and its journal files; missing ones are fine.
+void sim_db_remove(const std::string& path);
+
 // Opens a client connection to a prepared database: busy time-out 5 s,
 // double-quoted string literals accepted, long statements interruptible by
 // `daemon_should_exit`. Returns the handle (close with sqlite3_close) or null

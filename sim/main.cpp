@@ -47,7 +47,7 @@ bool make_temporary_db(std::string& dir, std::string& path)
 
 void remove_temporary_db(const std::string& dir, const std::string& path)
 {
-    for (const char* suffix : {"", "-wal", "-shm", "-journal"}) (void)unlink((path + suffix).c_str());
+    sim_db_remove(path);
     (void)rmdir(dir.c_str());
 }
 
