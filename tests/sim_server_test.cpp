@@ -80,6 +80,13 @@ protected:
     std::unique_ptr<SimRunner> runner;
 };
 
+SimRunner::Options HundredThousandEvents()
+{
+    SimRunner::Options options;
+    options.events = 100000;
+    return options;
+}
+
 void ExpectExactReads(const SimRunner& sim)
 {
     Client c(sim);
@@ -177,9 +184,7 @@ TEST_F(SimServer, ManyConcurrentClientsLoseNothing)
 
 TEST_F(SimServer, GarbageLongLinesAndAbruptClientsDoNotDisturbOthers)
 {
-    SimRunner::Options options;
-    options.events = 100000;
-    ASSERT_TRUE(Start(options));
+    ASSERT_TRUE(Start(HundredThousandEvents()));
     SimRunner& sim = Sim();
     Client steady(sim);
     ASSERT_TRUE(steady.Prepare());
@@ -254,9 +259,7 @@ TEST_F(SimServer, SubscriberThatNeverReadsIsCutOffAlone)
 
 TEST_F(SimServer, StreamsOneHundredThousandRowsAndReportsTheTime)
 {
-    SimRunner::Options options;
-    options.events = 100000;
-    ASSERT_TRUE(Start(options));
+    ASSERT_TRUE(Start(HundredThousandEvents()));
     SimRunner& sim = Sim();
     Client c(sim);
     ASSERT_TRUE(c.Prepare());
@@ -274,9 +277,7 @@ TEST_F(SimServer, StreamsOneHundredThousandRowsAndReportsTheTime)
 
 TEST_F(SimServer, StopsCleanlyWithClientsConnected)
 {
-    SimRunner::Options options;
-    options.events = 100000;
-    ASSERT_TRUE(Start(options));
+    ASSERT_TRUE(Start(HundredThousandEvents()));
     SimRunner& sim = Sim();
     Client idle(sim), blocked(sim), watcher(sim);
     ASSERT_TRUE(idle.reads.Greet() && blocked.Prepare());
