@@ -148,29 +148,6 @@ TEST_F(Engine, AnswersStatementsWithExactBytes)
     EXPECT_EQ("1\n\v#> \n", client->Answer("SELECT 1;"));
 }
 
-TEST_F(Engine, ClientReadsConsumeEveryAnswerExactly)
-{
-    ScriptedShellClient* reader = nullptr;
-    auto client = Prepared(reader);
-    std::vector<std::string> rows;
-    EXPECT_EQ(0, reader->Exec("SELECT HwID, HwName FROM Hardware WHERE HwID < 3;", rows));
-    EXPECT_EQ((std::vector<std::string>{"HwID|HwName", "1|vantor-01", "2|vantor-02"}), rows);
-    EXPECT_EQ(0, reader->Exec("SELECT HwID FROM Hardware WHERE HwID > 100;", rows));
-    EXPECT_EQ(std::vector<std::string>{"HwID"}, rows);
-    EXPECT_EQ(0, reader->Exec("INSERT INTO Events (EvntDateTime, EvntDscID, UsrID, HwID, EvntData) "
-                              "VALUES(\"2026-11-23 06:00:00\", \"8\", \"1\", \"1\", \"self \"\"test\"\"\");",
-                              rows));
-    EXPECT_TRUE(rows.empty());
-    EXPECT_EQ(-5, reader->Exec("SELECT * FROM Missing;", rows));
-    EXPECT_EQ("Error: no such table: Missing", reader->LastError());
-    EXPECT_TRUE(reader->Eof());
-    EXPECT_EQ(0, reader->Exec("SELECT EvntData FROM Events ORDER BY EvntID DESC LIMIT 1;", rows));
-    EXPECT_EQ((std::vector<std::string>{"EvntData", "self \"test\""}), rows);
-    EXPECT_EQ(0, reader->Exec("SELECT 123456789 AS nine, 'x' AS y;", rows));
-    EXPECT_EQ((std::vector<std::string>{"nine|y", "123456789|x"}), rows);
-    EXPECT_EQ("", client->pending);
-}
-
 TEST_F(Engine, TooLongLineIsAnsweredOnceAndTheSessionGoesOn)
 {
     auto client = Connect();
