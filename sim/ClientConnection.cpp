@@ -16,9 +16,9 @@ namespace {
 
 // Bytes taken from the socket at a time.
 constexpr size_t kReadChunk = 16384;
-// Stack of a client thread: SQLite needs little, and many clients must fit
-// into a 32-bit address space.
-constexpr size_t kClientStack = 1024 * 1024;
+// Stack of a client thread: room for SQLite's deepest expressions, while
+// many clients still fit into a 32-bit address space.
+constexpr size_t kClientStack = 2 * 1024 * 1024;
 
 long monotonic_seconds()
 {

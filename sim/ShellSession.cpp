@@ -62,7 +62,7 @@ ShellSession::Outcome ShellSession::HandleLine(const std::string& line)
     shell_parse_command(line, command);
     switch (command.kind) {
         case ShellCommand::kComment:
-            syslog_safe(6, "<ShellSession> %s: %s", m_peer.c_str(), line.c_str());
+            syslog_safe(6, "<ShellSession> %s: %.200s", m_peer.c_str(), line.c_str());
             Append(strPrompt);
             break;
         case ShellCommand::kShell:

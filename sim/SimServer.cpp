@@ -1,6 +1,7 @@
 #include "SimServer.h"
 
 #include <sys/select.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -65,7 +66,12 @@ void SimServer::Run()
 void SimServer::AcceptReady(fd_set& set)
 {
     Sock* link = m_listener->AcceptListCheck(set);
-    if (!link) return;
+    if (!link) {
+        // Logged by the library; a pause keeps a lasting failure (no
+        // descriptors left) from turning into a busy loop.
+        usleep(100000);
+        return;
+    }
     if (static_cast<long>(m_clients.size()) >= m_maxClients) {
         syslog_safe(4, "<SimServer> %s refused: %ld clients already served.", link->Addr(), m_maxClients);
         delete link;

@@ -1,8 +1,10 @@
 // vantor-sim: the simulated unit's database shell server.
 #include <signal.h>
+#include <sys/resource.h>
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <string>
 
@@ -30,6 +32,16 @@ void install_signals()
     sigaction(SIGTERM, &action, nullptr);
     // A client that closes mid-answer must surface as EPIPE, not kill us.
     signal(SIGPIPE, SIG_IGN);
+}
+
+// Each client holds about six descriptors (socket, its wake-up copy, an
+// eventfd, the database and its journal files): take all the system allows.
+void raise_descriptor_limit()
+{
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
+    limit.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) syslog_safe(4, "<vantor-sim> Unable to raise the descriptor limit (%d).", errno);
 }
 
 // A fresh database in a private directory; `dir` is removed again at exit.
@@ -85,6 +97,7 @@ int main(int argc, char** argv)
         return 0;
     }
     install_signals();
+    raise_descriptor_limit();
     std::string tempDir, dbPath = options.db;
     if (dbPath.empty() && !make_temporary_db(tempDir, dbPath)) return 1;
     int status = serve(options, dbPath);

@@ -136,6 +136,21 @@ TEST_F(SimServer, NotReadyForTheConfiguredNumberOfShellDirectives)
     EXPECT_TRUE(ready.Prepare());
 }
 
+TEST_F(SimServer, ConnectionsBeyondTheLimitAreClosedAtAccept)
+{
+    SimRunner::Options options;
+    options.extraArgs = {"--max-clients=2"};
+    ASSERT_TRUE(Start(options));
+    auto first = std::make_unique<Client>(Sim());
+    Client second(Sim());
+    ASSERT_TRUE(first->Prepare() && second.Prepare());
+    Client refused(Sim());
+    char c;
+    EXPECT_EQ(-1, refused.link.Get(c));
+    first.reset();
+    EXPECT_TRUE(Eventually([&] { return Client(Sim()).Prepare(); }, 3000));
+}
+
 TEST_F(SimServer, SubscriberHearsEveryChangeOfItsTableFromOtherClients)
 {
     ASSERT_TRUE(Start());
