@@ -34,12 +34,28 @@ int FormatPrefix(char* prefix, size_t size)
                     static_cast<int>(dbg_gettid()));
 }
 
+// One write() per line, no stdio: no lock that a fork could leave taken in
+// the child, and a line is never torn by another thread's.
+void WriteLine(const char* line, size_t length)
+{
+    while (length > 0) {
+        ssize_t n = write(STDERR_FILENO, line, length);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;
+        line += n;
+        length -= static_cast<size_t>(n);
+    }
+}
+
 void WriteToStderr(int level, const char* prefix, char* message)
 {
     if (level < 0 || level > 8) level = 8;
     char* save = nullptr;
-    for (char* piece = strtok_r(message, "\n", &save); piece; piece = strtok_r(nullptr, "\n", &save))
-        fprintf(stderr, "%s%s %s\n", prefix, kLevelNames[level], piece);
+    for (char* piece = strtok_r(message, "\n", &save); piece; piece = strtok_r(nullptr, "\n", &save)) {
+        char line[4096 + 80];
+        int n = snprintf(line, sizeof line, "%s%s %s\n", prefix, kLevelNames[level], piece);
+        WriteLine(line, n < static_cast<int>(sizeof line) ? static_cast<size_t>(n) : sizeof line - 1);
+    }
 }
 
 void WriteToSyslog(int level, const char* prefix, int prefixLen, const char* message)

@@ -42,6 +42,24 @@ int WaitBounded(pid_t pid, int timeoutMs, bool& timedOut)
     }
 }
 
+// A program that exits before reading all its input must not kill the test
+// with SIGPIPE: block it around the write and drop a pending one. The mask
+// is the calling thread's, so children started later are not affected.
+ssize_t WriteNoSigpipe(int fd, const void* data, size_t size)
+{
+    sigset_t pipeOnly, old;
+    sigemptyset(&pipeOnly);
+    sigaddset(&pipeOnly, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeOnly, &old);
+    ssize_t n = write(fd, data, size);
+    if (n < 0 && errno == EPIPE) {
+        timespec none = {0, 0};
+        (void)sigtimedwait(&pipeOnly, nullptr, &none);
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    return n;
+}
+
 }  // namespace
 
 int ScaledMs(int ms)
@@ -70,7 +88,10 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::string& in
     close(in[0]);
     close(out[1]);
     close(err[1]);
-    // Feed standard input while draining both outputs, all with one deadline.
+    // Feed standard input while draining both outputs, all with one deadline;
+    // non-blocking, so a large input never waits on a program whose own
+    // output is waiting for us.
+    fcntl(in[1], F_SETFL, O_NONBLOCK);
     size_t written = 0;
     if (input.empty()) close(in[1]);
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ScaledMs(timeoutMs));
@@ -88,9 +109,9 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::string& in
                 (i == 0 ? outOpen : errOpen) = false;
         }
         if (inOpen && (fds[2].revents & (POLLOUT | POLLERR))) {
-            ssize_t n = write(in[1], input.data() + written, input.size() - written);
+            ssize_t n = WriteNoSigpipe(in[1], input.data() + written, input.size() - written);
             if (n > 0) written += static_cast<size_t>(n);
-            if (n < 0 || written == input.size()) {
+            if ((n < 0 && errno != EAGAIN) || written == input.size()) {
                 close(in[1]);
                 inOpen = false;
             }
