@@ -1,7 +1,10 @@
 #include "Debuggable.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
+
+#include "Sock.h"
 
 Mutex Debuggable::m_listLock(true);
 std::list<Debuggable*> Debuggable::m_list;
@@ -90,4 +93,15 @@ size_t Debuggable::Count()
     size_t n = m_list.size();
     m_listLock.Unlock();
     return n;
+}
+
+// The address column is 8 hex digits: the low 32 bits on a 64-bit host.
+void Debuggable::StatusReport(Sock* out)
+{
+    MUTEX_GUARD(m_listLock);
+    out->printf("\nD e b u g g a b l e ( %d )\n", static_cast<int>(m_list.size()));
+    out->printf("Ptr      Name\n");
+    out->printf("--------------------------------------------------------\n");
+    for (Debuggable* d : m_list)
+        out->printf("%08x %s\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(d)), d->Name());
 }

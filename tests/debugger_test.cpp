@@ -142,12 +142,19 @@ TEST(CrashHandler, AddFileSplitsAtLineEndsAndCutsLongLines)
 // runtime catches, shows up in the caught-signal mask in /proc.
 struct BlockedVtest {
     pid_t pid = -1;
-    std::string errPath;
+    std::string dir = MakeTempDir();
+    std::string errPath = dir + "/stderr";
 
-    bool Start(const std::string& dir)
+    ~BlockedVtest()
+    {
+        unlink(errPath.c_str());
+        unlink((dir + "/hub").c_str());
+        rmdir(dir.c_str());
+    }
+
+    bool Start()
     {
         std::string fifo = dir + "/hub";
-        errPath = dir + "/stderr";
         if (mkfifo(fifo.c_str(), 0600) != 0) return false;
         pid = fork();
         if (pid == 0) {
@@ -200,9 +207,8 @@ std::string ReadAll(const std::string& path)
 // Each check returns 0 or a distinct failure number (reported by the test).
 int CheckSegvDump()
 {
-    std::string dir = MakeTempDir();
     BlockedVtest v;
-    if (!v.Start(dir)) return 20;
+    if (!v.Start()) return 20;
     kill(v.pid, SIGSEGV);
     int status = 0;
     waitpid(v.pid, &status, 0);
@@ -227,14 +233,13 @@ int CheckSegvDump()
 
 int CheckUsr1GoesOn()
 {
-    std::string dir = MakeTempDir();
     BlockedVtest v;
-    if (!v.Start(dir)) return 30;
+    if (!v.Start()) return 30;
     kill(v.pid, SIGUSR1);
     // Wait for the dump, then let the blocked open finish: the run goes on.
     for (int i = 0; i < ScaledMs(5000) / 5 && v.Stderr().find("Debug info stored") == std::string::npos; i++)
         usleep(5000);
-    int reader = open((dir + "/hub").c_str(), O_RDONLY);
+    int reader = open((v.dir + "/hub").c_str(), O_RDONLY);
     int status = 0;
     waitpid(v.pid, &status, 0);
     close(reader);

@@ -122,33 +122,40 @@ std::string NamespacesUnavailableReason(int flags)
     return "cannot create namespaces here (needs root and unshare(2); not available under user-mode emulation)";
 }
 
+namespace {
+
+// Inside the new mount namespace: a tmpfs on /var/local, and /etc as an
+// overlay whose writes land in a tmpfs mounted on `scratch` (a directory
+// the parent made and removes).
+bool MakePrivatePaths(const std::string& scratch)
+{
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) return false;
+    mkdir("/var/local", 0755);
+    if (mount("tmpfs", "/var/local", "tmpfs", 0, "mode=0755") != 0) return false;
+    if (mount("tmpfs", scratch.c_str(), "tmpfs", 0, "mode=0755") != 0) return false;
+    std::string up = scratch + "/up", work = scratch + "/work";
+    mkdir(up.c_str(), 0755);
+    mkdir(work.c_str(), 0755);
+    std::string options = "lowerdir=/etc,upperdir=" + up + ",workdir=" + work;
+    return mount("overlay", "/etc", "overlay", 0, options.c_str()) == 0;
+}
+
+}  // namespace
+
 int RunInNamespaces(int flags, const std::function<int()>& body, int timeoutMs)
 {
+    std::string scratch = (flags & CLONE_NEWNS) ? MakeTempDir() : "";
     pid_t pid = fork();
     if (pid < 0) return -1;
     if (pid == 0) {
         if (unshare(flags) != 0) _exit(250);
-        if (flags & CLONE_NEWNS) {
-            if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) _exit(251);
-            mkdir("/var/local", 0755);
-            if (mount("tmpfs", "/var/local", "tmpfs", 0, "mode=0755") != 0) _exit(252);
-            // /etc stays readable but writes land in a throw-away upper layer.
-            if (mount("tmpfs", "/run/vtest-etc", "tmpfs", 0, "mode=0755") != 0 &&
-                (mkdir("/run/vtest-etc", 0755), mount("tmpfs", "/run/vtest-etc", "tmpfs", 0, "mode=0755") != 0))
-                _exit(252);
-            mkdir("/run/vtest-etc/up", 0755);
-            mkdir("/run/vtest-etc/work", 0755);
-            if (mount("overlay", "/etc", "overlay", 0,
-                      "lowerdir=/etc,upperdir=/run/vtest-etc/up,workdir=/run/vtest-etc/work") != 0)
-                _exit(252);
-        }
-        if (flags & CLONE_NEWNET) {
-            if (system("ip link set lo up") != 0) _exit(253);
-        }
+        if ((flags & CLONE_NEWNS) && !MakePrivatePaths(scratch)) _exit(252);
+        if ((flags & CLONE_NEWNET) && system("ip link set lo up") != 0) _exit(253);
         _exit(body() & 0xff);
     }
     bool timedOut = false;
     int rv = WaitBounded(pid, ScaledMs(timeoutMs), timedOut);
+    if (!scratch.empty()) rmdir(scratch.c_str());
     return timedOut || rv >= 250 ? -1 : rv;
 }
 

@@ -27,8 +27,9 @@ RunResult RunVtest(const std::vector<std::string>& args, const std::string& inpu
 int ScaledMs(int ms);
 
 // Runs `body` in a child process inside new namespaces (CLONE_NEWNS and/or
-// CLONE_NEWNET flags). With CLONE_NEWNS, /var/local and /etc/vantor.conf's
-// directory get private tmpfs mounts first, so the real paths can be used.
+// CLONE_NEWNET flags). With CLONE_NEWNS, /var/local is a private tmpfs and
+// /etc a copy-on-write overlay, so the real paths can be used and written.
+// With CLONE_NEWNET, loopback is brought up.
 // Returns the body's result, or -1 when the namespaces could not be made.
 int RunInNamespaces(int flags, const std::function<int()>& body, int timeoutMs = 60000);
 

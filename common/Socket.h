@@ -1,0 +1,79 @@
+// A stream connection on a real descriptor (IPv4, IPv6 or Unix), client or
+// server side, with the optional "+xxxx " line checksum.
+#pragma once
+
+#include "Sock.h"
+
+class Socket : public Sock {
+public:
+    // Not yet opened; addr is both the local and the remote address.
+    explicit Socket(const SockAddr& addr, void* data = nullptr);
+    // Wraps an open descriptor (an accepted connection) and takes it over.
+    Socket(int fd, const SockAddr& remote, void* data = nullptr);
+    ~Socket() override;
+
+    // true when a descriptor is open or one was made; false for a family
+    // other than IPv4, IPv6 and Unix or a failing socket().
+    bool Create() override;
+    // Binds to the local address (SO_REUSEADDR for IP; a stale Unix socket
+    // file is removed first). Create() must come first.
+    bool Bind() override;
+    bool Listen(int backlog) override;
+    // Adds the listening descriptor to `set` for the caller's select();
+    // false when closed (or beyond FD_SETSIZE).
+    bool AcceptListAdd(fd_set& set, int& maxFd) override;
+    // A new heap Socket for one accepted connection (the caller owns it),
+    // or null when the descriptor is not in `set` or accept failed.
+    Sock* AcceptListCheck(fd_set& set) override;
+    // Blocking connect to the remote address; false on failure (a
+    // descriptor made by this call is closed again).
+    bool Connect() override;
+    // Closes the FILE view and the descriptor; removes the Unix socket file
+    // this object bound.
+    void Disconnect() override;
+    bool IsConnected() override { return m_fd != -1; }
+    // SO_KEEPALIVE, then the non-zero values at option numbers 4, 5 and 6 of
+    // SOL_SOCKET (their results ignored); false if SO_KEEPALIVE fails.
+    bool SetKeepAlive(int idle, int interval, int count) override;
+    // The number of bytes sent; -EAGAIN without a descriptor, -E2BIG for
+    // text of BufLen() characters or more (BufLen() - 6 with checksums),
+    // or a negated errno of the write.
+    int vprintf(const char* format, va_list args) override;
+    // All len bytes, or a negated errno (-EPIPE disconnects).
+    ssize_t write(const void* buf, size_t len) override;
+    // flags 0: waits for all len bytes, polling every 100 ms; -EPIPE when
+    // the peer closed or nothing came for LinkDeadTimeout() seconds (which
+    // disconnects). Other flags: one recv(), 0 when nothing is available.
+    ssize_t read(void* buf, size_t len, int flags) override;
+    // true with ready set when writable/readable within the time, true
+    // with ready false on time-out or EINTR, false when closed or failing.
+    bool WSelect(bool& ready, long sec, long usec) override;
+    bool RSelect(bool& ready, long sec, long usec) override;
+    // A stdio stream on the connection (cached), or null.
+    FILE* File() override;
+    void Describe(Sock* out) override;
+    bool NonBlocking(bool on) override;
+    int ProcessCompleteLine(char* line, int len) override;
+    void JamTogehter(bool on) override;
+
+    // A line beginning with "+" must carry "+<hex sum> " of the rest: the
+    // rest is moved to the start and its length returned (len updated).
+    // Otherwise the line is returned unchanged (len). -EINVAL, with len set
+    // to -22, for a bad prefix or sum. The line must be NUL-terminated.
+    static int CheckChecksum(char* line, size_t& len);
+
+    void* Data() const { return m_data; }
+    void SetData(void* data) { m_data = data; }
+
+private:
+    bool FamilySupported(const char* function, int line) const;
+    bool Poll(short events, bool& ready, long sec, long usec);
+    bool LinkDead() const;
+    void Received(size_t n);
+    void Sent(size_t n);
+
+    FILE* m_f;
+    void* m_data;
+    // Set by a successful Bind of a Unix path: only its binder removes it.
+    bool m_unlinkOnClose;
+};

@@ -1,0 +1,411 @@
+// Socket over real loopback TCP (IPv4, IPv6) and Unix sockets: a server
+// accepting through the accept list, clients connecting to it, and raw
+// descriptor writes where the bytes on the wire must be pinned.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <netinet/tcp.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Socket.h"
+#include "process.h"
+
+namespace {
+
+// Collects what the logger writes to standard error while it lives.
+class StderrCapture {
+public:
+    StderrCapture() : m_file(tmpfile()), m_saved(dup(2))
+    {
+        fflush(stderr);
+        dup2(fileno(m_file), 2);
+    }
+    ~StderrCapture()
+    {
+        Restore();
+        fclose(m_file);
+    }
+    std::string Text()
+    {
+        Restore();
+        std::string text;
+        char buf[512];
+        rewind(m_file);
+        for (size_t n; (n = fread(buf, 1, sizeof buf, m_file)) > 0;) text.append(buf, n);
+        return text;
+    }
+
+private:
+    void Restore()
+    {
+        if (m_saved < 0) return;
+        fflush(stderr);
+        dup2(m_saved, 2);
+        close(m_saved);
+        m_saved = -1;
+    }
+    FILE* m_file;
+    int m_saved;
+};
+
+SockAddr Addr(sa_family_t family, const std::string& text)
+{
+    SockAddr a;
+    EXPECT_TRUE(a.Parse(family, text.c_str())) << text;
+    return a;
+}
+
+// A listening server, a client connected to it and the accepted end.
+struct Link {
+    std::unique_ptr<Socket> server;
+    std::unique_ptr<Socket> client;
+    std::unique_ptr<Sock> accepted;
+};
+
+std::unique_ptr<Sock> AcceptOne(Socket& server)
+{
+    fd_set set;
+    FD_ZERO(&set);
+    int maxFd = -1;
+    if (!server.AcceptListAdd(set, maxFd)) return nullptr;
+    timeval tv = {ScaledMs(5000) / 1000, 0};
+    if (select(maxFd + 1, &set, nullptr, nullptr, &tv) != 1) return nullptr;
+    return std::unique_ptr<Sock>(server.AcceptListCheck(set));
+}
+
+Link Open(const SockAddr& at)
+{
+    Link link;
+    link.server = std::make_unique<Socket>(at);
+    EXPECT_TRUE(link.server->Create() && link.server->Bind() && link.server->Listen(5));
+    SockAddr remote = at;
+    if (at.GetAF() != AF_UNIX) {
+        SockAddr bound;
+        EXPECT_EQ(bound.GetSockname(link.server->Fd()), 0);
+        remote.SetPort(bound.GetPort());
+    }
+    link.client = std::make_unique<Socket>(remote);
+    EXPECT_TRUE(link.client->Connect());
+    link.accepted = AcceptOne(*link.server);
+    EXPECT_NE(link.accepted, nullptr);
+    return link;
+}
+
+void SendRaw(Sock& to, const std::string& bytes)
+{
+    ASSERT_EQ(send(to.Fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
+}
+
+std::string RecvRaw(Sock& from, size_t n)
+{
+    std::string got(n, '\0');
+    size_t at = 0;
+    while (at < n) {
+        ssize_t r = recv(from.Fd(), &got[at], n - at, 0);
+        if (r <= 0) break;
+        at += static_cast<size_t>(r);
+    }
+    got.resize(at);
+    return got;
+}
+
+// Complete lines until `count` came or the connection failed.
+std::vector<std::string> Lines(Sock& s, size_t count)
+{
+    std::vector<std::string> lines;
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ScaledMs(10000));
+    while (lines.size() < count && std::chrono::steady_clock::now() < deadline) {
+        bool complete = false;
+        int rv = s.ReadLine(complete);
+        if (rv < 0) break;
+        if (complete) lines.push_back(s.RxBuffer());
+    }
+    return lines;
+}
+
+class SocketFamilies : public ::testing::TestWithParam<const char*> {
+protected:
+    SockAddr Where()
+    {
+        std::string p = GetParam();
+        if (p == "unix") return Addr(AF_UNIX, m_dir + "/s.sock");
+        return Addr(p == "ipv4" ? AF_INET : AF_INET6, p == "ipv4" ? "127.0.0.1" : "::1|0");
+    }
+    void TearDown() override { std::filesystem::remove_all(m_dir); }
+    std::string m_dir = MakeTempDir();
+};
+
+TEST_P(SocketFamilies, ExchangesLinesBothWays)
+{
+    Link l = Open(Where());
+    ASSERT_TRUE(l.accepted);
+    EXPECT_EQ(l.accepted->Remote().GetAF(), Where().GetAF());
+    EXPECT_EQ(l.client->printf("hello %d\r\n", 1), 9);
+    l.accepted->Checksum(true);
+    EXPECT_EQ(l.accepted->printf("world\n"), 12);
+    EXPECT_EQ(Lines(*l.accepted, 1), std::vector<std::string>{"hello 1"});
+    EXPECT_EQ(Lines(*l.client, 1), std::vector<std::string>{"world"});
+    EXPECT_EQ(l.client->TxBytes(), 9u);
+    EXPECT_EQ(l.client->RxBytes(), 12u + 11u);  // bytes, then the line again
+    int one = 0;
+    socklen_t len = sizeof one;
+    ASSERT_EQ(getsockopt(l.client->Fd(), SOL_SOCKET, SO_KEEPALIVE, &one, &len), 0);
+    EXPECT_EQ(one, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Loopback, SocketFamilies, ::testing::Values("ipv4", "ipv6", "unix"));
+
+class SocketTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        m_link = Open(Addr(AF_INET, "127.0.0.1"));
+        ASSERT_TRUE(m_link.accepted);
+    }
+    Socket& client() { return *m_link.client; }
+    Sock& peer() { return *m_link.accepted; }
+    Link m_link;
+};
+
+TEST_F(SocketTest, ChecksumPrefixOnTheWire)
+{
+    client().Checksum(true);
+    EXPECT_EQ(client().printf("hello\n"), 12);
+    EXPECT_EQ(RecvRaw(peer(), 12), "+0214 hello\n");
+    EXPECT_EQ(client().printf("%s", ""), 6);
+    EXPECT_EQ(RecvRaw(peer(), 6), "+0000 ");
+}
+
+TEST_F(SocketTest, ReceivedChecksumsAreCheckedAndStripped)
+{
+    struct Case {
+        const char* wire;
+        int rv;
+        const char* text;
+    } cases[] = {
+        {"+0214 hello\n", 5, "hello"},
+        {"+0215 hello\n", -EINVAL, nullptr},
+        {"+zz hello\n", -EINVAL, nullptr},
+        {"+0214\n", -EINVAL, nullptr},
+        {"+ 214 hello\n", -EINVAL, nullptr},
+        {"+0000 \n", 0, ""},
+        {"plain +0214\n", 11, "plain +0214"},
+        {"+00000214 hello\n", 5, "hello"},
+    };
+    for (const Case& c : cases) {
+        SendRaw(peer(), c.wire);
+        bool complete = false;
+        EXPECT_EQ(client().ReadLine(complete), c.rv) << c.wire;
+        EXPECT_TRUE(complete) << c.wire;
+        if (c.text) {
+            EXPECT_STREQ(client().RxBuffer(), c.text) << c.wire;
+        }
+    }
+    char line[] = "+0215 hello";
+    size_t len = strlen(line);
+    EXPECT_EQ(Socket::CheckChecksum(line, len), -EINVAL);
+    EXPECT_EQ(len, static_cast<size_t>(-22));
+}
+
+TEST_F(SocketTest, RefusesTextAtTheBufferLimit)
+{
+    struct Case {
+        bool checksum;
+        size_t length;
+        int rv;
+    } cases[] = {{false, 7999, 7999}, {false, 8000, -E2BIG}, {true, 7993, 7999}, {true, 7994, -E2BIG}};
+    for (const Case& c : cases) {
+        client().Checksum(c.checksum);
+        std::string text(c.length, 'x');
+        StderrCapture log;
+        EXPECT_EQ(client().printf("%s", text.c_str()), c.rv) << c.length;
+        bool warned = log.Text().find("<" + std::string(client().Addr()) + "> Trying to send too much data.") !=
+                      std::string::npos;
+        EXPECT_EQ(warned, c.rv < 0) << c.length;
+        if (c.rv > 0) {
+            EXPECT_EQ(RecvRaw(peer(), static_cast<size_t>(c.rv)).size(), static_cast<size_t>(c.rv));
+        }
+    }
+}
+
+// The writer sends each piece as its own segment, with a pause between.
+TEST_F(SocketTest, AssemblesLinesSplitAcrossSegments)
+{
+    int one = 1;
+    setsockopt(peer().Fd(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+    std::vector<std::string> pieces = {"ab", "c\r", "\nd\v", "e\n", "\n+0214 hel", "lo\n", "x", "y\n"};
+    std::thread writer([&] {
+        for (const std::string& p : pieces) {
+            SendRaw(peer(), p);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    });
+    EXPECT_EQ(Lines(client(), 4), (std::vector<std::string>{"abc", "de", "hello", "xy"}));
+    writer.join();
+}
+
+TEST_F(SocketTest, PeerClosingMidLine)
+{
+    SendRaw(peer(), "abc");
+    peer().Disconnect();
+    bool complete = true;
+    EXPECT_EQ(client().ReadLine(complete), -EPIPE);
+    EXPECT_FALSE(complete);
+    EXPECT_STREQ(client().RxBuffer(), "abc");
+}
+
+TEST_F(SocketTest, SilentPeerIsDeclaredDead)
+{
+    ASSERT_TRUE(client().NonBlocking(true));
+    char c;
+    EXPECT_EQ(client().read(&c, 1, MSG_DONTWAIT), 0);
+    client().LinkDeadTimeout(0);  // dead after more than 0 whole seconds
+    auto start = std::chrono::steady_clock::now();
+    bool complete = true;
+    EXPECT_EQ(client().ReadLine(complete), -ESPIPE);
+    EXPECT_FALSE(client().IsConnected());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(ScaledMs(5000)));
+}
+
+TEST_F(SocketTest, SelectReportsReadiness)
+{
+    bool ready = true;
+    EXPECT_TRUE(client().RSelect(ready, 0, 1000));
+    EXPECT_FALSE(ready);
+    EXPECT_TRUE(client().WSelect(ready, 0, 1000));
+    EXPECT_TRUE(ready);
+    SendRaw(peer(), "z");
+    EXPECT_TRUE(client().RSelect(ready, ScaledMs(5000) / 1000, 0));
+    EXPECT_TRUE(ready);
+}
+
+TEST_F(SocketTest, FileViewReadsTheConnection)
+{
+    FILE* f = client().File();
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(client().File(), f);
+    SendRaw(peer(), "line one\n");
+    char buf[32];
+    ASSERT_NE(fgets(buf, sizeof buf, f), nullptr);
+    EXPECT_STREQ(buf, "line one\n");
+    client().Disconnect();
+    EXPECT_FALSE(client().IsConnected());
+}
+
+TEST_F(SocketTest, DescribesItselfInTheStatusTable)
+{
+    client().printf("abc\n");
+    Lines(peer(), 1);
+    // Describe into the peer's connection and read the row back raw.
+    client().Describe(&peer());
+    std::string expected(64, '\0');
+    snprintf(&expected[0], expected.size(), "%4d %9u %9u %s %s\n", client().Fd(), 0u, 4u, client().Addr(),
+             client().Name());
+    expected.resize(strlen(expected.c_str()));
+    EXPECT_EQ(RecvRaw(client(), expected.size()), expected);
+}
+
+TEST(Socket, ClosedSocketRefusesWork)
+{
+    Socket s(Addr(AF_INET, "127.0.0.1:1"));
+    bool ready = true;
+    fd_set set;
+    FD_ZERO(&set);
+    int maxFd = -1;
+    EXPECT_FALSE(s.NonBlocking(true));
+    EXPECT_FALSE(s.RSelect(ready, 0, 0));
+    EXPECT_FALSE(ready);
+    EXPECT_FALSE(s.WSelect(ready, 0, 0));
+    EXPECT_FALSE(s.AcceptListAdd(set, maxFd));
+    EXPECT_EQ(maxFd, -1);
+    EXPECT_EQ(s.printf("x\n"), -EAGAIN);
+    StderrCapture log;
+    EXPECT_EQ(s.File(), nullptr);
+    Socket name(SockAddr(AF_NAME, "eth0"));
+    EXPECT_FALSE(name.Create());
+    EXPECT_FALSE(name.Connect());
+    std::string text = log.Text();
+    EXPECT_NE(text.find("Can't get FILE for 127.0.0.1:1, no FD, socket 0x"), std::string::npos) << text;
+    EXPECT_NE(text.find(" Address family 33 not supported."), std::string::npos) << text;
+}
+
+TEST(Socket, FailedConnectIsLoggedAndClosed)
+{
+    Socket probe(Addr(AF_INET, "127.0.0.1"));
+    ASSERT_TRUE(probe.Create() && probe.Bind());
+    SockAddr free;
+    ASSERT_EQ(free.GetSockname(probe.Fd()), 0);
+    probe.Disconnect();  // nothing listens on the port now
+    Socket s(free);
+    StderrCapture log;
+    EXPECT_FALSE(s.Connect());
+    EXPECT_FALSE(s.IsConnected());
+    EXPECT_NE(log.Text().find("<" + std::string(s.Addr()) + "> Unable to connect (111)."), std::string::npos);
+}
+
+TEST(Socket, UnixBindReplacesAStaleFileAndRemovesItsOwn)
+{
+    std::string dir = MakeTempDir(), path = dir + "/srv.sock";
+    close(open(path.c_str(), O_CREAT | O_WRONLY, 0600));
+    Socket server(Addr(AF_UNIX, path));
+    StderrCapture log;
+    ASSERT_TRUE(server.Create() && server.Bind() && server.Listen(5));
+    EXPECT_NE(log.Text().find("Removing existing file at \"" + path + "\"."), std::string::npos);
+    Socket client(Addr(AF_UNIX, path));
+    ASSERT_TRUE(client.Connect());
+    std::unique_ptr<Sock> accepted = AcceptOne(server);
+    ASSERT_TRUE(accepted);
+    accepted->Disconnect();  // an accepted end leaves the server's file alone
+    client.Disconnect();
+    struct stat st;
+    EXPECT_EQ(stat(path.c_str(), &st), 0);
+    server.Disconnect();
+    EXPECT_NE(stat(path.c_str(), &st), 0);
+    std::filesystem::remove_all(dir);
+}
+
+TEST(Socket, WritingToAClosedPeerDisconnects)
+{
+    std::string dir = MakeTempDir();
+    Link l = Open(Addr(AF_UNIX, dir + "/w.sock"));
+    ASSERT_TRUE(l.accepted);
+    l.accepted->Disconnect();
+    EXPECT_EQ(l.client->printf("x\n"), -EPIPE);
+    EXPECT_FALSE(l.client->IsConnected());
+    std::filesystem::remove_all(dir);
+}
+
+// A reader blocked in ReadLine on its own thread while another thread
+// lists the connections; the peer's close then ends the reader.
+TEST(Socket, StatusReportWhileAnotherThreadReads)
+{
+    Link l = Open(Addr(AF_INET, "127.0.0.1"));
+    ASSERT_TRUE(l.accepted);
+    std::atomic<int> result{1};
+    std::thread reader([&] {
+        int rv;
+        while ((rv = l.client->ReadLine()) >= 0) {
+        }
+        result = rv;
+    });
+    for (int i = 0; i < 5; i++) Sock::StatusReport(l.accepted.get());
+    l.accepted->Disconnect();
+    reader.join();
+    EXPECT_EQ(result, -EPIPE);
+    EXPECT_GT(l.client->RxBytes(), 5u * 85u);
+    Sock::CloseAll();
+    EXPECT_FALSE(l.client->IsConnected() || l.server->IsConnected());
+}
+
+}  // namespace
