@@ -17,6 +17,9 @@ public:
         : MonitorWrapper(table, operations, server, nullptr, kLineLength, kStackSize)
     {
     }
+    // The thread is stopped here, while Event still reaches this class: the
+    // base destructor runs after this object's part is gone.
+    ~Monitor() override { Stop(); }
     void StateChange(bool) override {}
     void Event(const char* text) override { puts(text); fflush(stdout); }
 };

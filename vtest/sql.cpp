@@ -75,7 +75,7 @@ void print_rows(SqlWrapper& sql, bool pairs)
             std::vector<std::string> row;
             if (sql.Next(row, 0)) print_plain_row(n, row);
         }
-        if (sql.m_eof) return;
+        if (sql.Eof()) return;
     }
 }
 
@@ -122,7 +122,7 @@ int run_lines(SqlWrapper& sql, FILE* input, const char* name, bool pairs)
         line[strcspn(line, "\r")] = '\0';
         if (line[0] == '\0' || line[0] == '#') continue;
         rv = exec_sql(sql, line, pairs, false);
-        if (rv != 0) fprintf(stderr, "%s:%d [%s] %s\n", name, number, sql.m_lastError.c_str(), line);
+        if (rv != 0) fprintf(stderr, "%s:%d [%s] %s\n", name, number, sql.LastError().c_str(), line);
     }
     return rv;
 }
@@ -134,11 +134,11 @@ int exec_sql(SqlWrapper& sql, char* statement, bool pairs, bool verbose)
     cut_trailing_blanks(statement);
     if (!sql.Exec(statement)) {
         if (verbose)
-            fprintf(stderr, "SqlWrapper:Exec() - failed (%s): %s.\n", sql.m_lastError.c_str(),
-                    sql.m_lastError.c_str());
+            fprintf(stderr, "SqlWrapper:Exec() - failed (%s): %s.\n", sql.LastError().c_str(),
+                    sql.LastError().c_str());
         return -ENOENT;
     }
-    if (sql.m_eof) return 0;
+    if (sql.Eof()) return 0;
     print_rows(sql, pairs);
     return 0;
 }

@@ -36,14 +36,14 @@ struct SelfTest {
         if (!ok) failures++;
         return ok;
     }
-    std::string Failure() const { return sql.m_lastError[0] ? std::string(sql.m_lastError) : "no answer"; }
+    std::string Failure() const { return sql.LastError().empty() ? "no answer" : sql.LastError(); }
 
     // Step 1: the first HwID of the Hardware table, or "" on failure.
     std::string SelectHardware()
     {
         std::vector<std::string> ids, row;
         if (!sql.Exec(kSelectHardware)) return Report(1, kSelectHardware, false, Failure()), "";
-        while (!sql.m_eof && sql.Next(row, 0))
+        while (!sql.Eof() && sql.Next(row, 0))
             if (!row.empty()) ids.push_back(row[0]);
         std::string seen = std::to_string(ids.size()) + " row(s): HwID";
         for (const std::string& id : ids) seen += " " + id;
@@ -55,11 +55,11 @@ struct SelfTest {
     bool InsertEvent(const std::string& hwId, const std::string& stamp, const std::string& data)
     {
         std::string statement = kInsertEvent;
-        SqlWrapper::ReplaceParamWithStrValue(statement, "EvntDateTime", stamp);
-        SqlWrapper::ReplaceParamWithValue(statement, "EvntDscID", kEventDescription);
-        SqlWrapper::ReplaceParamWithValue(statement, "UsrID", kEventUser);
-        SqlWrapper::ReplaceParamWithValue(statement, "HwID", hwId);
-        SqlWrapper::ReplaceParamWithStrValue(statement, "EvntData", data);
+        sql.ReplaceParamWithStrValue(statement, "EvntDateTime", stamp);
+        sql.ReplaceParamWithValue(statement, "EvntDscID", kEventDescription);
+        sql.ReplaceParamWithValue(statement, "UsrID", kEventUser);
+        sql.ReplaceParamWithValue(statement, "HwID", hwId);
+        sql.ReplaceParamWithStrValue(statement, "EvntData", data);
         bool ok = sql.Exec(statement);
         return Report(2, "INSERT INTO Events", ok, ok ? statement : Failure());
     }
@@ -68,10 +68,10 @@ struct SelfTest {
     void ReadBack(const std::string& hwId, const std::string& stamp, const std::string& data)
     {
         std::string statement = kReadBack;
-        SqlWrapper::ReplaceParamWithStrValue(statement, "EvntData", data);
+        sql.ReplaceParamWithStrValue(statement, "EvntData", data);
         std::map<std::string, std::string> row;
         if (!sql.Exec(statement)) return (void)Report(3, "read back", false, Failure());
-        bool found = !sql.m_eof && sql.Next(row, 0);
+        bool found = !sql.Eof() && sql.Next(row, 0);
         sql.Flush();
         if (!found) return (void)Report(3, "read back", false, "the new event is not in Events");
         bool same = row["EvntDateTime"] == stamp && row["EvntDscID"] == kEventDescription &&
