@@ -28,6 +28,7 @@ const char* const kReadBack =
 
 struct SelfTest {
     SqlWrapper& sql;
+    std::string server;
     int failures = 0;
 
     bool Report(int step, const char* what, bool ok, const std::string& seen)
@@ -36,7 +37,11 @@ struct SelfTest {
         if (!ok) failures++;
         return ok;
     }
-    std::string Failure() const { return sql.LastError().empty() ? "no answer" : sql.LastError(); }
+    std::string Failure()
+    {
+        if (!sql.LastError().empty()) return sql.LastError();
+        return sql.Connected() ? "no answer" : "no connection to the database server at " + server;
+    }
 
     // Step 1: the first HwID of the Hardware table, or "" on failure.
     std::string SelectHardware()
@@ -102,7 +107,8 @@ int main_test(int argc, char** argv)
     if (serverGiven && !parse_server_option(argv[1] + 9, server)) return -1;
 
     SqlWrapper sql(serverGiven ? &server : nullptr, nullptr, kLineLength, 0);
-    SelfTest test{sql};
+    char where[64];
+    SelfTest test{sql, serverGiven ? server.Str(where, true) : "127.0.0.1:3543"};
     std::string hwId = test.SelectHardware();
     if (!hwId.empty()) {
         std::string stamp = now_text();
