@@ -19,10 +19,18 @@ const int kIdleSleepMs = 100;
 
 bool sock_is_terminator(char c) { return c == '\r' || c == '\n' || c == '\v'; }
 
+// Evaluated before any base is built: the list lock is then held until the
+// end of Sock's constructor, so a listing never reads a member half made.
+const char* sock_hold_list_lock()
+{
+    ListedObj<Sock>::m_objListLock.Lock(__FILE__, __LINE__);
+    return "Sock";
+}
+
 }  // namespace
 
 Sock::Sock(const SockAddr& addr)
-    : Debuggable("Sock"),
+    : Debuggable("%s", sock_hold_list_lock()),
       m_fd(-1),
       m_linkDeadTimeout(m_defaultLinkDeadTimeout),
       m_rxBytes(0),
@@ -34,13 +42,15 @@ Sock::Sock(const SockAddr& addr)
       m_remote(addr),
       m_bufLen(kBufLen),
       m_sendFlags(0),
-      m_checksum(false)
+      m_checksum(false),
+      m_listed(false)
 {
     safe_mem_object("Sock.cpp", __LINE__, "Sock", this);
     addr.Str(m_remote_str, true);
     m_rxBuf = static_cast<char*>(safe_mem_zalloc(m_bufLen, __FILE__, __LINE__));
     m_txBuf = static_cast<char*>(safe_mem_zalloc(m_bufLen, __FILE__, __LINE__));
     Rename("Sock %s", m_remote_str);
+    m_objListLock.Unlock();
 }
 
 Sock::~Sock()
@@ -49,6 +59,12 @@ Sock::~Sock()
     safe_mem_free(m_txBuf, __FILE__, __LINE__);
     safe_mem_object("Sock.cpp", __LINE__, "~Sock", this);
     m_customData.clear();
+}
+
+void Sock::Listed(bool on)
+{
+    MUTEX_GUARD(m_objListLock);
+    m_listed = on;
 }
 
 void Sock::SetRemote(const SockAddr& addr)
@@ -74,7 +90,7 @@ int Sock::ReadIncompleteLine(char* buf, int size, int* pos)
     buf[limit] = '\0';
     ssize_t last = 0;
     bool terminated = false;
-    while (fill < limit && !daemon_should_exit && IsConnected()) {
+    while (fill < limit && !daemon_should_exit.load(std::memory_order_relaxed) && IsConnected()) {
         last = read(buf + fill, 1, 0);
         if (last > 0) {
             if (sock_is_terminator(buf[fill])) {
@@ -183,11 +199,13 @@ void Sock::StatusReport(Sock* out)
     out->printf(" FD  RX bytes  TX bytes  From, name\n");
     out->printf("%s", rule);
     MUTEX_GUARD(m_objListLock);
-    for (Sock* s : m_objList) s->Describe(out);
+    for (Sock* s : m_objList)
+        if (s->m_listed) s->Describe(out);
 }
 
 void Sock::CloseAll()
 {
     MUTEX_GUARD(m_objListLock);
-    for (Sock* s : m_objList) s->Disconnect();
+    for (Sock* s : m_objList)
+        if (s->m_listed) s->Disconnect();
 }

@@ -117,6 +117,12 @@ public:
     static void CloseAll();
 
 protected:
+    // Shows the connection to StatusReport and CloseAll (call with true at
+    // the end of the most-derived constructor) or hides it (false, first in
+    // its destructor), so a listing on another thread never calls into a
+    // half-built or half-destroyed object. Waits for a listing in progress.
+    void Listed(bool on);
+
     // Written by the owner's thread, read by StatusReport and CloseAll.
     std::atomic<int> m_fd;
     long m_linkDeadTimeout;
@@ -136,6 +142,7 @@ protected:
     bool m_checksum;
     TimeSpan m_lastRx;
     TimeSpan m_lastTx;
+    bool m_listed;  // under m_objListLock
 
     static long m_defaultLinkDeadTimeout;
     static int m_keepAliveIdle;

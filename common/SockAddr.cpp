@@ -154,7 +154,7 @@ SockAddr::SockAddr(const sockaddr_serial& a)
     m_addr.serial.sa_family = AF_RS485;
 }
 
-SockAddr::SockAddr(sa_family_t family, ...)
+SockAddr::SockAddr(int family, ...)
 {
     Clear();
     va_list args;
@@ -339,6 +339,7 @@ const char* SockAddr::Type(sa_family_t family)
 
 sa_family_t SockAddr::Type(const char* name)
 {
+    if (!name) return AF_UNSPEC;
     for (const AddressType* t = address_types; t->family != AF_UNSPEC; t++)
         if (strcmp(t->name, name) == 0) return t->family;
     return AF_UNSPEC;

@@ -67,7 +67,8 @@ public:
     // void* 16 bytes, int port); AF_NAME: (const char*); AF_MAC: (const char*
     // MAC text, family 0 if it does not parse); AF_RS485: (const char* device,
     // int index, low 16 bits kept). Any other family gives an invalid value.
-    explicit SockAddr(sa_family_t family, ...);
+    // The family is an int: va_start needs an unpromoted last parameter.
+    explicit SockAddr(int family, ...);
     // Kept as it always was and not for building working addresses: copies
     // h_length bytes of the h_addr_list pointer array itself, into the IPv6
     // address position for AF_INET and the IPv4 position otherwise.

@@ -31,7 +31,7 @@ public:
     // Closes the FILE view and the descriptor; removes the Unix socket file
     // this object bound.
     void Disconnect() override;
-    bool IsConnected() override { return m_fd != -1; }
+    bool IsConnected() override { return m_fd.load(std::memory_order_relaxed) != -1; }
     // SO_KEEPALIVE, then the non-zero values at option numbers 4, 5 and 6 of
     // SOL_SOCKET (their results ignored); false if SO_KEEPALIVE fails.
     bool SetKeepAlive(int idle, int interval, int count) override;
@@ -43,13 +43,17 @@ public:
     ssize_t write(const void* buf, size_t len) override;
     // flags 0: waits for all len bytes, polling every 100 ms; -EPIPE when
     // the peer closed or nothing came for LinkDeadTimeout() seconds (which
-    // disconnects). Other flags: one recv(), 0 when nothing is available.
+    // disconnects). Other flags: recv() until len bytes came; the count so
+    // far (0: nothing) when no more are available. Bytes read ahead from
+    // the descriptor come first; they are counted when handed out here.
     ssize_t read(void* buf, size_t len, int flags) override;
     // true with ready set when writable/readable within the time, true
     // with ready false on time-out or EINTR, false when closed or failing.
     bool WSelect(bool& ready, long sec, long usec) override;
     bool RSelect(bool& ready, long sec, long usec) override;
-    // A stdio stream on the connection (cached), or null.
+    // A stdio stream on the connection (cached), or null; also null while
+    // bytes read ahead wait (the stream would miss them). Once a stream
+    // exists, reads no longer read ahead.
     FILE* File() override;
     void Describe(Sock* out) override;
     bool NonBlocking(bool on) override;
@@ -71,9 +75,18 @@ private:
     bool LinkDead() const;
     void Received(size_t n);
     void Sent(size_t n);
+    ssize_t Fetch(char* buf, size_t len, int flags);
+    size_t Buffered() const { return m_aheadEnd - m_aheadPos; }
 
     FILE* m_f;
     void* m_data;
     // Set by a successful Bind of a Unix path: only its binder removes it.
     bool m_unlinkOnClose;
+    // Read-ahead: bytes fetched from the descriptor, not yet handed out, at
+    // m_ahead[m_aheadPos .. m_aheadEnd).
+    char* m_ahead;
+    size_t m_aheadPos;
+    size_t m_aheadEnd;
+    // Coarse-clock time of the last restart of the receive clock.
+    timespec m_rxTick;
 };

@@ -21,8 +21,13 @@ public:
         : Sock(SockAddr(AF_INET, 0x7f000001u, 3543)), m_input(std::move(input)), m_end(end), m_drop(dropAtEnd)
     {
         m_fd = 7;
+        Listed(true);
     }
-    ~ScriptedSock() override { Disconnect(); }
+    ~ScriptedSock() override
+    {
+        Listed(false);
+        Disconnect();
+    }
 
     void Feed(const std::string& more) { m_input += more; }
     std::string m_sent;

@@ -19,45 +19,11 @@
 #include <vector>
 
 #include "Socket.h"
+#include "daemon.h"
+#include "fixed_paths.h"
 #include "process.h"
 
 namespace {
-
-// Collects what the logger writes to standard error while it lives.
-class StderrCapture {
-public:
-    StderrCapture() : m_file(tmpfile()), m_saved(dup(2))
-    {
-        fflush(stderr);
-        dup2(fileno(m_file), 2);
-    }
-    ~StderrCapture()
-    {
-        Restore();
-        fclose(m_file);
-    }
-    std::string Text()
-    {
-        Restore();
-        std::string text;
-        char buf[512];
-        rewind(m_file);
-        for (size_t n; (n = fread(buf, 1, sizeof buf, m_file)) > 0;) text.append(buf, n);
-        return text;
-    }
-
-private:
-    void Restore()
-    {
-        if (m_saved < 0) return;
-        fflush(stderr);
-        dup2(m_saved, 2);
-        close(m_saved);
-        m_saved = -1;
-    }
-    FILE* m_file;
-    int m_saved;
-};
 
 SockAddr Addr(sa_family_t family, const std::string& text)
 {
@@ -230,9 +196,8 @@ TEST_F(SocketTest, RefusesTextAtTheBufferLimit)
         std::string text(c.length, 'x');
         StderrCapture log;
         EXPECT_EQ(client().printf("%s", text.c_str()), c.rv) << c.length;
-        bool warned = log.Text().find("<" + std::string(client().Addr()) + "> Trying to send too much data.") !=
-                      std::string::npos;
-        EXPECT_EQ(warned, c.rv < 0) << c.length;
+        std::string warning = "warn <" + std::string(client().Addr()) + "> Trying to send too much data.\n";
+        EXPECT_EQ(LogLines(log.Take()), c.rv < 0 ? warning : "") << c.length;
         if (c.rv > 0) {
             EXPECT_EQ(RecvRaw(peer(), static_cast<size_t>(c.rv)).size(), static_cast<size_t>(c.rv));
         }
@@ -265,6 +230,8 @@ TEST_F(SocketTest, PeerClosingMidLine)
     EXPECT_STREQ(client().RxBuffer(), "abc");
 }
 
+// The link-dead check runs when a read meets EAGAIN: at once on a
+// non-blocking socket (a blocking one first waits out its 5 s time-out).
 TEST_F(SocketTest, SilentPeerIsDeclaredDead)
 {
     ASSERT_TRUE(client().NonBlocking(true));
@@ -272,10 +239,26 @@ TEST_F(SocketTest, SilentPeerIsDeclaredDead)
     EXPECT_EQ(client().read(&c, 1, MSG_DONTWAIT), 0);
     client().LinkDeadTimeout(0);  // dead after more than 0 whole seconds
     auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(client().read(&c, 1, 0), -EPIPE);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
+    EXPECT_FALSE(client().IsConnected());
     bool complete = true;
     EXPECT_EQ(client().ReadLine(complete), -ESPIPE);
-    EXPECT_FALSE(client().IsConnected());
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(ScaledMs(5000)));
+}
+
+TEST_F(SocketTest, WithoutLinkDeadTimeOutOnlyTheExitFlagEndsARead)
+{
+    ASSERT_TRUE(client().NonBlocking(true));
+    client().LinkDeadTimeout(-1);
+    std::thread raiser([] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        daemon_should_exit = true;
+    });
+    char c;
+    EXPECT_EQ(client().read(&c, 1, 0), -EAGAIN);
+    raiser.join();
+    daemon_should_exit = false;
+    EXPECT_TRUE(client().IsConnected());
 }
 
 TEST_F(SocketTest, SelectReportsReadiness)
@@ -316,6 +299,73 @@ TEST_F(SocketTest, DescribesItselfInTheStatusTable)
     EXPECT_EQ(RecvRaw(client(), expected.size()), expected);
 }
 
+TEST_F(SocketTest, SendFlagsWaitForRoomFirst)
+{
+    client().SendFlags(1);
+    EXPECT_EQ(client().printf("ok\n"), 3);
+    std::string block(65536, 'f');
+    while (send(client().Fd(), block.data(), block.size(), MSG_DONTWAIT) > 0) {
+    }
+    StderrCapture log;
+    EXPECT_EQ(client().printf("late\n"), -EAGAIN);
+    std::string lines = LogLines(log.Take());
+    EXPECT_EQ(lines.find("warn <" + std::string(client().Addr()) + "> Unable to write to/INTR ("), 0u) << lines;
+    EXPECT_EQ(lines.substr(lines.size() - 8), "): late\n") << lines;
+}
+
+TEST_F(SocketTest, AcceptedEndsTimeOutReceivesAfterFiveSeconds)
+{
+    timeval tv = {};
+    socklen_t len = sizeof tv;
+    ASSERT_EQ(getsockopt(peer().Fd(), SOL_SOCKET, SO_RCVTIMEO, &tv, &len), 0);
+    EXPECT_EQ(tv.tv_sec, 5);
+    EXPECT_EQ(peer().Local().GetPort(), m_link.client->Remote().GetPort());
+}
+
+// Bytes fetched ahead stay invisible: counters, readiness, flagged reads
+// and the FILE view behave as if each byte were read when handed out.
+TEST_F(SocketTest, ReadAheadIsInvisibleToCallers)
+{
+    SendRaw(peer(), "a\nbc\n");
+    std::vector<std::string> first = Lines(client(), 1);
+    EXPECT_EQ(first, std::vector<std::string>{"a"});
+    EXPECT_EQ(client().RxBytes(), 2u + 1u);
+    bool ready = false;
+    EXPECT_TRUE(client().RSelect(ready, 0, 0));
+    EXPECT_TRUE(ready);
+    StderrCapture log;
+    EXPECT_EQ(client().File(), nullptr);  // would miss "bc\n"
+    std::string lines = LogLines(log.Take());
+    EXPECT_EQ(lines.find("warn Can't get FILE for " + std::string(client().Addr()) + ", 3 bytes read ahead, socket 0x"),
+              0u) << lines;
+    char buf[4] = {};
+    EXPECT_EQ(client().read(buf, 2, MSG_PEEK), 2);
+    EXPECT_EQ(client().read(buf, 3, MSG_DONTWAIT), 3);
+    EXPECT_STREQ(buf, "bc\n");
+    EXPECT_TRUE(client().RSelect(ready, 0, 0));
+    EXPECT_FALSE(ready);
+    FILE* f = client().File();
+    ASSERT_NE(f, nullptr);
+    SendRaw(peer(), "d\ne\n");
+    char line[8];
+    ASSERT_NE(fgets(line, sizeof line, f), nullptr);
+    EXPECT_STREQ(line, "d\n");
+    ASSERT_NE(fgets(line, sizeof line, f), nullptr);
+    EXPECT_STREQ(line, "e\n");
+}
+
+TEST_F(SocketTest, DisconnectDiscardsBytesReadAhead)
+{
+    SendRaw(peer(), "a\nstale\n");
+    EXPECT_EQ(Lines(client(), 1), std::vector<std::string>{"a"});
+    client().Disconnect();
+    ASSERT_TRUE(client().Connect());
+    std::unique_ptr<Sock> again = AcceptOne(*m_link.server);
+    ASSERT_TRUE(again);
+    SendRaw(*again, "fresh\n");
+    EXPECT_EQ(Lines(client(), 1), std::vector<std::string>{"fresh"});
+}
+
 TEST(Socket, ClosedSocketRefusesWork)
 {
     Socket s(Addr(AF_INET, "127.0.0.1:1"));
@@ -335,9 +385,11 @@ TEST(Socket, ClosedSocketRefusesWork)
     Socket name(SockAddr(AF_NAME, "eth0"));
     EXPECT_FALSE(name.Create());
     EXPECT_FALSE(name.Connect());
-    std::string text = log.Text();
-    EXPECT_NE(text.find("Can't get FILE for 127.0.0.1:1, no FD, socket 0x"), std::string::npos) << text;
-    EXPECT_NE(text.find(" Address family 33 not supported."), std::string::npos) << text;
+    std::string lines = LogLines(log.Take());
+    EXPECT_EQ(lines.find("warn Can't get FILE for 127.0.0.1:1, no FD, socket 0x"), 0u) << lines;
+    EXPECT_NE(lines.find("Socket.cpp:"), std::string::npos) << lines;
+    EXPECT_NE(lines.find(" virtual bool Socket::Create() Address family 33 not supported.\n"), std::string::npos)
+        << lines;
 }
 
 TEST(Socket, FailedConnectIsLoggedAndClosed)
@@ -351,7 +403,7 @@ TEST(Socket, FailedConnectIsLoggedAndClosed)
     StderrCapture log;
     EXPECT_FALSE(s.Connect());
     EXPECT_FALSE(s.IsConnected());
-    EXPECT_NE(log.Text().find("<" + std::string(s.Addr()) + "> Unable to connect (111)."), std::string::npos);
+    EXPECT_EQ(LogLines(log.Take()), "err  <" + std::string(s.Addr()) + "> Unable to connect (111).\n");
 }
 
 TEST(Socket, UnixBindReplacesAStaleFileAndRemovesItsOwn)
@@ -361,7 +413,7 @@ TEST(Socket, UnixBindReplacesAStaleFileAndRemovesItsOwn)
     Socket server(Addr(AF_UNIX, path));
     StderrCapture log;
     ASSERT_TRUE(server.Create() && server.Bind() && server.Listen(5));
-    EXPECT_NE(log.Text().find("Removing existing file at \"" + path + "\"."), std::string::npos);
+    EXPECT_EQ(LogLines(log.Take()), "info Removing existing file at \"" + path + "\".\n");
     Socket client(Addr(AF_UNIX, path));
     ASSERT_TRUE(client.Connect());
     std::unique_ptr<Sock> accepted = AcceptOne(server);
@@ -406,6 +458,27 @@ TEST(Socket, StatusReportWhileAnotherThreadReads)
     EXPECT_GT(l.client->RxBytes(), 5u * 85u);
     Sock::CloseAll();
     EXPECT_FALSE(l.client->IsConnected() || l.server->IsConnected());
+}
+
+// Connections made and destroyed while another thread keeps listing them:
+// a listing never sees one half-built or half-destroyed.
+TEST(Socket, StatusReportDuringConstructionAndDestruction)
+{
+    Link l = Open(Addr(AF_INET, "127.0.0.1"));
+    ASSERT_TRUE(l.accepted);
+    std::atomic<bool> stop{false};
+    std::thread lister([&] {
+        while (!stop) Sock::StatusReport(l.accepted.get());
+    });
+    std::thread drain([&] {
+        while (l.client->ReadLine() >= 0) {
+        }
+    });
+    for (int i = 0; i < 2000; i++) Socket churn(Addr(AF_INET, "127.0.0.1"));
+    stop = true;
+    lister.join();
+    l.accepted->Disconnect();
+    drain.join();
 }
 
 }  // namespace
