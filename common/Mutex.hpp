@@ -176,4 +176,6 @@ private:
 };
 
 #define MUTEX_LOCK(m) (m).Lock(__FILE__, __LINE__)
-#define MUTEX_GUARD(m) MutexGuard mutexGuard_##__LINE__((m), __FILE__, __LINE__)
+#define MUTEX_GUARD_NAME2(line) mutexGuard_##line
+#define MUTEX_GUARD_NAME(line) MUTEX_GUARD_NAME2(line)
+#define MUTEX_GUARD(m) MutexGuard MUTEX_GUARD_NAME(__LINE__)((m), __FILE__, __LINE__)

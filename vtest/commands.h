@@ -2,11 +2,16 @@
 // command word is argv[1]) and returns the process's exit status.
 #pragma once
 
+class SqlWrapper;
+
 int main_test(int argc, char** argv);
 int main_backlog(int argc, char** argv);
 int main_discover(int argc, char** argv);
 int main_ipconfig(int argc, char** argv);
 int main_sql(int argc, char** argv);
+// Runs one statement and prints its rows (trailing blanks of `statement`
+// are cut in place). 0, or -ENOENT when the statement failed.
+int exec_sql(SqlWrapper& sql, char* statement, bool pairs, bool verbose);
 int main_monitor(int argc, char** argv);
 int main_elf(int argc, char** argv);
 int main_exec(int argc, char** argv);

@@ -187,3 +187,61 @@ std::string MakeTempDir()
     const char* dir = mkdtemp(tmpl);
     return dir ? dir : "";
 }
+
+ChildProcess::ChildProcess(const std::vector<std::string>& argv)
+{
+    int in[2], out[2];
+    if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC)) return;
+    m_pid = fork();
+    if (m_pid == 0) {
+        dup2(in[0], 0);
+        dup2(out[1], 1);
+        std::vector<char*> args;
+        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    m_in = in[1];
+    m_outFd = out[0];
+}
+
+ChildProcess::~ChildProcess()
+{
+    if (m_in >= 0) close(m_in);
+    if (m_outFd >= 0) close(m_outFd);
+    if (m_pid > 0) {
+        kill(m_pid, SIGKILL);
+        waitpid(m_pid, nullptr, 0);
+    }
+}
+
+bool ChildProcess::WaitForOutput(const std::string& text, int timeoutMs)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ScaledMs(timeoutMs));
+    while (m_out.find(text) == std::string::npos) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        pollfd p = {m_outFd, POLLIN, 0};
+        if (poll(&p, 1, 20) <= 0) continue;
+        char buf[4096];
+        ssize_t n = read(m_outFd, buf, sizeof buf);
+        if (n <= 0) return false;
+        m_out.append(buf, static_cast<size_t>(n));
+    }
+    return true;
+}
+
+bool ChildProcess::Write(const std::string& text)
+{
+    return write(m_in, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+}
+
+int ChildProcess::Wait(int timeoutMs)
+{
+    bool timedOut = false;
+    int status = WaitBounded(m_pid, ScaledMs(timeoutMs), timedOut);
+    m_pid = -1;
+    return timedOut ? -1 : status;
+}

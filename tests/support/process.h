@@ -64,3 +64,27 @@ std::string EmulationSkipReason(EmulationGap gap);
 
 // Fresh private directory under /tmp, removed by the caller's own choice.
 std::string MakeTempDir();
+
+// A child with its standard input and output on pipes, for interactive
+// runs: wait for some output, then answer. Killed and reaped on destruction.
+class ChildProcess {
+public:
+    explicit ChildProcess(const std::vector<std::string>& argv);
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    // Reads standard output until it holds `text`; false after timeoutMs
+    // (scaled) or at end of output. Output() has everything read so far.
+    bool WaitForOutput(const std::string& text, int timeoutMs);
+    const std::string& Output() const { return m_out; }
+    bool Write(const std::string& text);
+    // Exit status as RunResult::status, or -1 after timeoutMs (then killed).
+    int Wait(int timeoutMs);
+
+private:
+    int m_pid = -1;
+    int m_in = -1;
+    int m_outFd = -1;
+    std::string m_out;
+};

@@ -1,0 +1,260 @@
+#include "PrivateConnection.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "Socket.h"
+#include "TimeSpan.h"
+#include "daemon.h"
+#include "debugger.h"
+#include "utils.h"
+
+namespace {
+
+const char kFile[] = "PrivateConnection.cpp";
+const char kErrorPrefix[] = "Error: ";
+const char kEndMarker = '\v';
+const unsigned kDefaultPort = 3543;
+// A server error line consumes the line after it, which may be an error
+// line itself; a hostile server must not make that recursion unbounded.
+const int kMaxErrorChain = 8;
+// ShouldContinue sleeps its second in these steps, watching for a stop.
+const int kSleepStepMs = 10;
+
+SockAddr private_default_addr() { return SockAddr(AF_INET, 0x7F000001u, static_cast<int>(kDefaultPort)); }
+
+int private_clamp_line_len(int maxLineLen)
+{
+    if (maxLineLen < PrivateConnection::MIN_LINE_LEN) return PrivateConnection::MIN_LINE_LEN;
+    if (maxLineLen > PrivateConnection::MAX_LINE_LEN) return PrivateConnection::MAX_LINE_LEN;
+    return maxLineLen;
+}
+
+}  // namespace
+
+const char PrivateConnection::NEWLINE[] = "\r\n";
+
+PrivateConnection::PrivateConnection(const SockAddr* addr, int maxLineLen, const char* comment)
+    : Debuggable("PrivateConnection"),
+      m_addr(addr ? *addr : private_default_addr()),
+      m_maxLineLen(private_clamp_line_len(maxLineLen)),
+      m_comment(comment ? comment : "Unknown connection")
+{
+    m_line = static_cast<char*>(safe_mem_zalloc(static_cast<size_t>(m_maxLineLen) + 1, __FILE__, __LINE__));
+    safe_mem_object(kFile, __LINE__, "PrivateConnection", this);
+}
+
+PrivateConnection::~PrivateConnection()
+{
+    Close();
+    safe_mem_free(m_line, __FILE__, __LINE__);
+    safe_mem_object(kFile, __LINE__, "~PrivateConnection", this);
+}
+
+void PrivateConnection::DebugLine(int line, const char* function) const
+{
+    if (Debug()) syslog_safe(7, "DBG %s:%d %s", kFile, line, function);
+}
+
+bool PrivateConnection::Connect()
+{
+    MutexGuard io(m_ioLock, __FILE__, __LINE__);
+    {
+        MutexGuard guard(m_linkLock, __FILE__, __LINE__);
+        if (m_stopForGood.load(std::memory_order_relaxed)) return false;
+        m_stop.store(false, std::memory_order_relaxed);
+        if (m_link) {
+            DebugLine(__LINE__, __PRETTY_FUNCTION__);
+            return false;
+        }
+    }
+    sa_family_t family = m_addr.GetAF();
+    if (family != AF_INET && family != AF_INET6 && family != AF_UNIX) {
+        DebugLine(__LINE__, __PRETTY_FUNCTION__);
+        return false;
+    }
+    if (!OpenLink() || !m_link->Connect() || !AwaitPrompt() || m_stopForGood.load(std::memory_order_relaxed)) {
+        DropLink();
+        return false;
+    }
+    if (m_comment.empty())
+        (void)Print("comment [pid=%d]%s", static_cast<int>(getpid()), NEWLINE);
+    else
+        (void)Print("comment [pid=%d] %s%s", static_cast<int>(getpid()), m_comment.c_str(), NEWLINE);
+    // The prompt that answers the comment.
+    (void)ReadIncompleteLine(strlenPrompt + 1, nullptr);
+    m_eof = true;
+    DebugLine(__LINE__, __PRETTY_FUNCTION__);
+    return true;
+}
+
+bool PrivateConnection::OpenLink()
+{
+    Socket* link = new Socket(m_addr);
+    if (!link->Create()) {
+        delete link;
+        return false;
+    }
+    // Made under the lock so that a StopForGood() either comes first and is
+    // seen here, or finds the descriptor to shut down.
+    MutexGuard guard(m_linkLock, __FILE__, __LINE__);
+    int wakeFd = fcntl(link->Fd(), F_DUPFD_CLOEXEC, 0);
+    if (wakeFd < 0 || m_stopForGood.load(std::memory_order_relaxed)) {
+        if (wakeFd >= 0) close(wakeFd);
+        delete link;
+        return false;
+    }
+    m_link = link;
+    m_wakeFd = wakeFd;
+    return true;
+}
+
+bool PrivateConnection::AwaitPrompt()
+{
+    // A silent server must not time the link out: only a stop ends the wait.
+    m_link->LinkDeadTimeout(-1);
+    const char* received = m_link->RxBuffer();
+    while (!ShouldStop()) {
+        int pos = 0;
+        int n = m_link->ReadIncompleteLine(strlenPrompt + 1, &pos);
+        if (n < 0) return ShouldStop();
+        if (Debug()) syslog_safe(7, "DBG %s:%d <%s> Got \"%s\".", kFile, __LINE__, m_link->Addr(), received);
+        if (strncmp(received, strPrompt, static_cast<size_t>(strlenPrompt)) == 0) break;
+        // A banner line: skip the rest of it unless it has ended already.
+        if (n == strlenPrompt && m_link->ReadIncompleteLine(-1, &pos) < 0) return ShouldStop();
+    }
+    return true;
+}
+
+void PrivateConnection::Close()
+{
+    MutexGuard io(m_ioLock, __FILE__, __LINE__);
+    DropLink();
+}
+
+void PrivateConnection::DropLink()
+{
+    MutexGuard guard(m_linkLock, __FILE__, __LINE__);
+    delete m_link;
+    m_link = nullptr;
+    if (m_wakeFd >= 0) close(m_wakeFd);
+    m_wakeFd = -1;
+}
+
+bool PrivateConnection::Adopt(Sock* link)
+{
+    MutexGuard io(m_ioLock, __FILE__, __LINE__);
+    MutexGuard guard(m_linkLock, __FILE__, __LINE__);
+    if (m_link || !link) return false;
+    m_wakeFd = link->Fd() >= 0 ? fcntl(link->Fd(), F_DUPFD_CLOEXEC, 0) : -1;
+    link->LinkDeadTimeout(-1);
+    m_link = link;
+    m_stop.store(false, std::memory_order_relaxed);
+    m_eof = true;
+    return true;
+}
+
+bool PrivateConnection::Reconnect()
+{
+    int count = m_retryCount;
+    for (;;) {
+        Close();
+        if (Connect()) return true;
+        if (!ShouldContinue(count)) return false;
+    }
+}
+
+bool PrivateConnection::ShouldContinue(int& count)
+{
+    if (ShouldStop() || daemon_should_exit) return false;
+    if (count < 1 && count != INFINITE_RETRY) return false;
+    TimeSpan slept;
+    while (slept.DurationMs() < 1000) {
+        if (ShouldStop() || daemon_should_exit) return false;
+        TimeSpan::Sleep(kSleepStepMs, 1);
+    }
+    if (count > 0) count--;
+    if (count < 1 && count != INFINITE_RETRY) return false;
+    return !daemon_should_exit && !ShouldStop();
+}
+
+int PrivateConnection::Print(const char* format, ...)
+{
+    MutexGuard io(m_ioLock, __FILE__, __LINE__);
+    va_list args;
+    va_start(args, format);
+    int n = vsnprintf(m_line, static_cast<size_t>(m_maxLineLen), format, args);
+    va_end(args);
+    if (n < 0 || n >= m_maxLineLen) return -ENOSPC;
+    if (!m_link) return -EINVAL;
+    return static_cast<int>(m_link->write(m_line, static_cast<size_t>(n)));
+}
+
+int PrivateConnection::ReadIncompleteLine(int maxLen, int* currPos)
+{
+    MutexGuard io(m_ioLock, __FILE__, __LINE__);
+    if (!m_link) return -EINVAL;
+    int start = 0;
+    return m_link->ReadIncompleteLine(m_line, maxLen, currPos ? currPos : &start);
+}
+
+int PrivateConnection::ReadLine()
+{
+    MutexGuard io(m_ioLock, __FILE__, __LINE__);
+    return ReadAnswerLine(0);
+}
+
+int PrivateConnection::ReadAnswerLine(int depth)
+{
+    // A short first read, so that the marker and a short remainder after it
+    // are taken without reading into the next answer.
+    int pos = 0;
+    int n = ReadIncompleteLine(10, &pos);
+    if (n < 0) return n;
+    m_eof = m_line[0] == kEndMarker;
+    if (m_eof) {
+        pos = 0;
+        if (ReadIncompleteLine(9, &pos) < 0 || strncmp(m_line, kErrorPrefix, sizeof kErrorPrefix - 1) != 0)
+            return n;
+        (void)ReadIncompleteLine(m_maxLineLen, &pos);
+        m_lastError.assign(m_line, static_cast<size_t>(pos));
+        if (depth < kMaxErrorChain) (void)ReadAnswerLine(depth + 1);
+        return -EIO;
+    }
+    // Nine bytes without a terminator: the line goes on.
+    if (n == 9) return ReadIncompleteLine(m_maxLineLen, &pos);
+    return n;
+}
+
+void PrivateConnection::Stop()
+{
+    m_stop.store(true, std::memory_order_relaxed);
+    MutexGuard guard(m_linkLock, __FILE__, __LINE__);
+    if (m_wakeFd >= 0) (void)shutdown(m_wakeFd, SHUT_RDWR);
+}
+
+void PrivateConnection::StopForGood()
+{
+    {
+        MutexGuard guard(m_linkLock, __FILE__, __LINE__);
+        m_stopForGood.store(true, std::memory_order_relaxed);
+    }
+    Stop();
+}
+
+bool PrivateConnection::Connected()
+{
+    MutexGuard guard(m_linkLock, __FILE__, __LINE__);
+    return m_link && m_link->IsConnected();
+}
+
+void PrivateConnection::Disconnect()
+{
+    MutexGuard io(m_ioLock, __FILE__, __LINE__);
+    if (m_link) m_link->Disconnect();
+}

@@ -1,0 +1,232 @@
+#include "sql_wrapper.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "debugger.h"
+#include "utils.h"
+
+namespace {
+
+const char kFile[] = "sql_wrapper.cpp";
+
+}  // namespace
+
+SqlWrapper::SqlWrapper(const SockAddr* addr, const char* comment, int maxLineLen, int retryCount)
+    : PrivateConnection(addr, maxLineLen, comment ? comment : "SQL Wrapper")
+{
+    m_retryCount = retryCount;
+    safe_mem_object(kFile, __LINE__, "SqlWrapper", this);
+}
+
+SqlWrapper::~SqlWrapper()
+{
+    Close();
+    safe_mem_object(kFile, __LINE__, "~SqlWrapper", this);
+}
+
+void SqlWrapper::Close()
+{
+    Stop();
+    PrivateConnection::Close();
+}
+
+bool SqlWrapper::ConnectCounted(int& count)
+{
+    for (;;) {
+        PrivateConnection::Close();
+        if (Connect()) return true;
+        if (!ShouldContinue(count)) {
+            syslog_safe(3, "<SqlWrapper> Connect failed.");
+            m_rv = true;
+            return false;
+        }
+        syslog_safe(4, "<SqlWrapper> Retrying (connect failed)...");
+    }
+}
+
+bool SqlWrapper::Reconnect()
+{
+    // One count for every wait of this call: failed connects and "not
+    // ready" answers together make at most Retries() attempts.
+    int count = m_retryCount;
+    Close();
+    for (;;) {
+        if (!ConnectCounted(count)) return false;
+        (void)Print("shell %c %c%s", m_escape, m_separator, NEWLINE);
+        (void)ReadLine();
+        if (!strstr(Line(), "not ready")) break;
+        if (!ShouldContinue(count)) {
+            syslog_safe(3, "<SqlWrapper> DB not ready.");
+            m_rv = true;
+            return false;
+        }
+        syslog_safe(4, "<SqlWrapper> Retrying (DB not yet ready)...");
+    }
+    // The rest of the shell answer, then the header switch and its answer.
+    (void)ReadIncompleteLine(2, nullptr);
+    (void)ReadIncompleteLine(9, nullptr);
+    (void)Print(".header on%s", NEWLINE);
+    for (int maxLen : {2, 9, 9, 9}) (void)ReadIncompleteLine(maxLen, nullptr);
+    if (Debug()) syslog_safe(7, "DBG %s:%d Connected.", kFile, __LINE__);
+    m_rv = false;
+    m_eof = true;
+    return true;
+}
+
+bool SqlWrapper::ExecStatement(const char* statement)
+{
+    size_t len = strlen(statement);
+    if (len == 0 || statement[len - 1] != ';') {
+        syslog_safe(4, "<SqlWrapper> \"%s\" missing semicolon.", statement);
+        m_rv = true;
+        return false;
+    }
+    int count = m_retryCount;
+    for (;;) {
+        (void)Flush();
+        int r = Print("%s%s", statement, NEWLINE);
+        if (r > 0) r = ReadLine();
+        if (r > 0) {
+            Line()[r] = '\0';
+            m_eof = false;
+            m_haveLine = true;
+            m_rv = false;
+            return true;
+        }
+        if (r == 0) {
+            m_rv = false;
+            return true;
+        }
+        if (r == -EIO) {
+            syslog_safe(3, "<SqlWrapper> Got prompt.");
+            m_rv = true;
+            return false;
+        }
+        // A too long statement fails here on every round, each with a
+        // reconnect, until the count runs out: kept as it always was.
+        if (ShouldStop()) break;
+        (void)Reconnect();
+        if (!ShouldContinue(count)) break;
+    }
+    m_rv = true;
+    return false;
+}
+
+bool SqlWrapper::Exec(const char* statement)
+{
+    if (!Connected() && !Reconnect()) return false;
+    if (!ExecStatement(statement)) return false;
+    if (m_eof) return true;
+    if (Debug()) syslog_safe(7, "DBG %s:%d Get header names.", kFile, __LINE__);
+    if (!Next(m_column_names, 0)) return false;
+    if (m_column_names.size() == 1 && m_column_names[0].compare(0, 7, "Error: ") == 0) {
+        m_lastError = m_column_names[0];
+        return false;
+    }
+    return true;
+}
+
+bool SqlWrapper::Next()
+{
+    if (m_eof) {
+        m_rv = true;
+        return false;
+    }
+    if (m_haveLine) {
+        m_haveLine = false;
+        return true;
+    }
+    int n = ReadLine();
+    if (n < 0) {
+        // The result is over either way; a broken connection is made again
+        // now so that the next Exec finds it ready.
+        if (n != -EIO) {
+            m_eof = true;
+            if (!ShouldStop()) (void)Reconnect();
+        }
+        m_rv = true;
+        return false;
+    }
+    if (m_eof) {
+        m_rv = true;
+        return false;
+    }
+    Line()[n] = '\0';
+    m_rv = false;
+    return true;
+}
+
+bool SqlWrapper::NextParsed(char** columns, int& columnCount)
+{
+    if (!Next()) return false;
+    char* line = Line();
+    const int len = static_cast<int>(strlen(line));
+    const int capacity = columns ? columnCount : 0;
+    int found = 0;
+    int pos = 0;
+    while (pos < len) {
+        // The column's start moves right as escapes are removed; kept here
+        // also for columns beyond the caller's capacity.
+        char* start = line + pos;
+        const int index = found++;
+        if (index < capacity) columns[index] = start;
+        for (; pos < len; pos++) {
+            char c = line[pos];
+            if (c == m_escape) {
+                if (pos == len - 1) {
+                    line[pos] = '\0';
+                    columnCount = found;
+                    return true;
+                }
+                memmove(start + 1, start, static_cast<size_t>(line + pos - start));
+                start++;
+                if (index < capacity) columns[index] = start;
+                pos++;  // the escaped character stays as it is
+            } else if (c == m_separator || c == '\n') {
+                line[pos++] = '\0';
+                break;
+            }
+        }
+    }
+    columnCount = found;
+    return true;
+}
+
+bool SqlWrapper::TakeRow(std::vector<char*>& columns, int maxColumns)
+{
+    if (!Connected()) return false;
+    if (maxColumns <= 0) maxColumns = m_maxColCount;
+    columns.assign(static_cast<size_t>(std::min(std::max(maxColumns, 1), MAX_COLUMNS)), nullptr);
+    int found = static_cast<int>(columns.size());
+    if (!NextParsed(columns.data(), found)) return false;
+    columns.resize(static_cast<size_t>(std::min(found, static_cast<int>(columns.size()))));
+    return true;
+}
+
+bool SqlWrapper::Next(std::vector<std::string>& row, int maxColumns)
+{
+    std::vector<char*> columns;
+    if (!TakeRow(columns, maxColumns)) return false;
+    row.assign(columns.begin(), columns.end());
+    return true;
+}
+
+bool SqlWrapper::Next(std::map<std::string, std::string>& row, int maxColumns)
+{
+    std::vector<char*> columns;
+    if (!TakeRow(columns, maxColumns)) return false;
+    row.clear();
+    size_t named = std::min(columns.size(), m_column_names.size());
+    for (size_t i = 0; i < named; i++) row[m_column_names[i]] = columns[i];
+    return true;
+}
+
+bool SqlWrapper::Flush()
+{
+    if (!Connected()) return false;
+    while (Next()) {
+    }
+    return true;
+}

@@ -1,0 +1,91 @@
+// The database client family: SqlWrapper runs one statement at a time
+// through the database shell and walks its result; MonitorWrapper watches a
+// table; both stand on PrivateConnection.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "ListedObj.hpp"
+#include "MonitorWrapper.h"
+#include "PrivateConnection.h"
+#include "sql_params.h"
+
+class SqlWrapper : public PrivateConnection, public ListedObj<SqlWrapper> {
+public:
+    // Columns a row may be split into at most, whatever a caller asks for.
+    static constexpr int MAX_COLUMNS = 1024;
+
+    // addr null: 127.0.0.1 port 3543; comment null: "SQL Wrapper". Connects
+    // lazily, on the first Exec.
+    SqlWrapper(const SockAddr* addr = nullptr, const char* comment = nullptr, int maxLineLen = 2048,
+               int retryCount = INFINITE_RETRY);
+    ~SqlWrapper() override;
+
+    // Runs one statement (it must end in ";") and, when it returns rows,
+    // reads the header row into GetHeaders(). False when the statement is
+    // refused, fails (server text in LastError()) or the connection cannot
+    // be made within Retries().
+    bool Exec(const char* statement);
+    bool Exec(const std::string& statement) { return Exec(statement.c_str()); }
+    // The next row, one string per column, at most maxColumns (0: the
+    // GetMaxColumns() default). False, row untouched, at the end of the
+    // result or on an error.
+    bool Next(std::vector<std::string>& row, int maxColumns = 0);
+    // The next row as header name to value (a later equal name wins; extra
+    // columns without a name are dropped). False, row untouched, as above.
+    bool Next(std::map<std::string, std::string>& row, int maxColumns = 0);
+    // Splits the next row in place in Line(): columns[i] for the first
+    // columnCount (capacity in) columns; columnCount out is the number of
+    // columns found, which may exceed the capacity. Escapes are removed.
+    bool NextParsed(char** columns, int& columnCount);
+    // The next raw row in Line(). False at the end marker, on a server
+    // error, or when the connection broke (it is then made again at once,
+    // unless stopped) or cannot be read.
+    bool Next();
+    // Discards the rest of the current result; false without a connection.
+    bool Flush();
+    // Sends a statement that ends in ";" and reads the first answer line;
+    // retries broken connections within Retries().
+    bool ExecStatement(const char* statement);
+    // Connects within Retries() attempts in all (failed connects and "not
+    // ready" answers count alike) and sets the server's output format.
+    bool Reconnect() override;
+    // Stops any wait and closes the link; safe from any thread.
+    void Close();
+
+    bool ReplaceParamWithValue(std::string& query, const std::string& name, const std::string& value) const
+    {
+        return sql_param_replace(query, name, value);
+    }
+    bool ReplaceParamWithStrValue(std::string& query, const std::string& name, const std::string& value) const
+    {
+        return sql_param_replace_str(query, name, value);
+    }
+    bool ReplaceMultipleParamsWithValue(std::string& query, const std::string& name, const std::string& value,
+                                        bool parenthesis) const
+    {
+        return sql_param_replace_all(query, name, value, parenthesis);
+    }
+
+    // True after a failed statement or reconnect, or a fetch that found no
+    // row; false after an accepted statement and each delivered row.
+    bool GetRV() const { return m_rv; }
+    const std::vector<std::string>& GetHeaders() const { return m_column_names; }
+    int GetMaxColumns() const { return m_maxColCount; }
+    void SetMaxColumns(int count) { m_maxColCount = count; }
+
+private:
+    // Connect attempts within the shared count, with their messages.
+    bool ConnectCounted(int& count);
+    // Splits the next row; columns holds the first ones found.
+    bool TakeRow(std::vector<char*>& columns, int maxColumns);
+
+    char m_escape = '\\';
+    char m_separator = '|';
+    bool m_haveLine = false;
+    std::vector<std::string> m_column_names;
+    int m_maxColCount = 30;
+    bool m_rv = false;
+};

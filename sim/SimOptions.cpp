@@ -1,0 +1,131 @@
+#include "SimOptions.h"
+
+#include <arpa/inet.h>
+
+#include <cstring>
+
+#include "SimDatabase.h"
+
+const char kSimUsage[] =
+    "usage: vantor-sim [--listen=ADDR] [--db=PATH] [--events=N] [--not-ready=N] [--max-clients=N]\n"
+    "                 [--idle-timeout=SECONDS]\n"
+    "  --listen=ADDR      127.0.0.1:3543 (default), IPV6|PORT, or a Unix socket path\n"
+    "  --db=PATH          database file; created and seeded when missing or empty\n"
+    "                     (default: a fresh seeded database, removed at exit)\n"
+    "  --events=N         extra generated Events rows in a newly seeded database (0..10000000)\n"
+    "  --not-ready=N      answer the first N shell directives \"DB not ready\" (0..1000000)\n"
+    "  --max-clients=N    connections served at once, 1..4096 (default 256)\n"
+    "  --idle-timeout=S   drop a client silent for S seconds, unless it monitors a table;\n"
+    "                     0 never drops (0..86400, default 60)\n";
+
+namespace {
+
+// Strict decimal: digits only, no sign, no leading zero, within [low, high].
+bool parse_number(const std::string& text, long low, long high, long& value)
+{
+    if (text.empty() || text.size() > 9 || (text.size() > 1 && text[0] == '0')) return false;
+    long n = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') return false;
+        n = n * 10 + (c - '0');
+    }
+    if (n < low || n > high) return false;
+    value = n;
+    return true;
+}
+
+bool parse_port(const std::string& text, in_port_t& port)
+{
+    long n = 0;
+    if (!parse_number(text, 0, 65535, n)) return false;
+    port = htons(static_cast<uint16_t>(n));
+    return true;
+}
+
+bool parse_inet(const std::string& text, SimListen& out)
+{
+    size_t colon = text.rfind(':');
+    if (colon == std::string::npos) return false;
+    out.family = AF_INET;
+    out.in4.sin_family = AF_INET;
+    return inet_pton(AF_INET, text.substr(0, colon).c_str(), &out.in4.sin_addr) == 1 &&
+           parse_port(text.substr(colon + 1), out.in4.sin_port);
+}
+
+bool parse_inet6(const std::string& text, SimListen& out)
+{
+    size_t bar = text.find('|');
+    out.family = AF_INET6;
+    out.in6.sin6_family = AF_INET6;
+    return inet_pton(AF_INET6, text.substr(0, bar).c_str(), &out.in6.sin6_addr) == 1 &&
+           parse_port(text.substr(bar + 1), out.in6.sin6_port);
+}
+
+bool parse_unix(const std::string& text, SimListen& out)
+{
+    if (text.size() >= sizeof out.un.sun_path) return false;
+    out.family = AF_UNIX;
+    out.un.sun_family = AF_UNIX;
+    memcpy(out.un.sun_path, text.c_str(), text.size() + 1);
+    return true;
+}
+
+bool parse_path(const std::string& text, std::string& path)
+{
+    if (text.empty()) return false;
+    path = text;
+    return true;
+}
+
+// "--name=value": true with `value` set when `arg` is that option.
+bool option_value(const std::string& arg, const char* name, std::string& value)
+{
+    std::string prefix = std::string("--") + name + "=";
+    if (arg.compare(0, prefix.size(), prefix) != 0) return false;
+    value = arg.substr(prefix.size());
+    return true;
+}
+
+bool parse_one(const std::string& arg, SimOptions& o, std::string& error)
+{
+    std::string value;
+    bool ok = true;
+    if (arg == "--help" || arg == "-h") o.help = true;
+    else if (option_value(arg, "listen", value)) ok = sim_parse_listen(value, o.listen);
+    else if (option_value(arg, "db", value)) ok = parse_path(value, o.db);
+    else if (option_value(arg, "events", value)) ok = parse_number(value, 0, kSimMaxSeedEvents, o.events);
+    else if (option_value(arg, "not-ready", value)) ok = parse_number(value, 0, kSimMaxNotReady, o.notReady);
+    else if (option_value(arg, "max-clients", value)) ok = parse_number(value, 1, kSimMaxClientsCap, o.maxClients);
+    else if (option_value(arg, "idle-timeout", value)) ok = parse_number(value, 0, kSimMaxIdleTimeout, o.idleTimeout);
+    else {
+        error = "unknown option: " + arg;
+        return false;
+    }
+    if (!ok) error = "invalid value: " + arg;
+    return ok;
+}
+
+}  // namespace
+
+bool sim_parse_listen(const std::string& text, SimListen& listen)
+{
+    SimListen parsed;
+    bool ok = false;
+    if (!text.empty() && (text[0] == '/' || text[0] == '.')) ok = parse_unix(text, parsed);
+    else if (text.find('|') != std::string::npos) ok = parse_inet6(text, parsed);
+    else ok = parse_inet(text, parsed);
+    if (ok) listen = parsed;
+    return ok;
+}
+
+bool sim_parse_options(int argc, char** argv, SimOptions& options, std::string& error)
+{
+    SimOptions parsed;
+    parsed.listen.in4.sin_family = AF_INET;
+    parsed.listen.in4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    parsed.listen.in4.sin_port = htons(3543);
+    for (int i = 1; i < argc; ++i)
+        if (!parse_one(argv[i], parsed, error)) return false;
+    options = parsed;
+    return true;
+}

@@ -1,0 +1,106 @@
+// vantor-sim: the simulated unit's database shell server.
+#include <signal.h>
+#include <sys/resource.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <string>
+
+#include "ShellSession.h"
+#include "SimDatabase.h"
+#include "SimOptions.h"
+#include "SimServer.h"
+#include "Sock.h"
+#include "daemon.h"
+#include "debugger.h"
+
+namespace {
+
+void on_exit_signal(int)
+{
+    daemon_should_exit = true;
+}
+
+void install_signals()
+{
+    struct sigaction action = {};
+    action.sa_handler = on_exit_signal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    // A client that closes mid-answer must surface as EPIPE, not kill us.
+    signal(SIGPIPE, SIG_IGN);
+}
+
+// Each client holds about six descriptors (socket, its wake-up copy, an
+// eventfd, the database and its journal files): take all the system allows.
+void raise_descriptor_limit()
+{
+    rlimit limit;
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == limit.rlim_max) return;
+    limit.rlim_cur = limit.rlim_max;
+    if (setrlimit(RLIMIT_NOFILE, &limit) != 0) syslog_safe(4, "<vantor-sim> Unable to raise the descriptor limit (%d).", errno);
+}
+
+// A fresh database in a private directory; `dir` is removed again at exit.
+bool make_temporary_db(std::string& dir, std::string& path)
+{
+    char name[] = "/tmp/vantor-sim.XXXXXX";
+    if (!mkdtemp(name)) {
+        syslog_safe(3, "<vantor-sim> Unable to make a temporary directory.");
+        return false;
+    }
+    dir = name;
+    path = dir + "/vantor.db";
+    return true;
+}
+
+void remove_temporary_db(const std::string& dir, const std::string& path)
+{
+    sim_db_remove(path);
+    (void)rmdir(dir.c_str());
+}
+
+int serve(const SimOptions& options, const std::string& dbPath)
+{
+    if (!sim_db_prepare(dbPath, options.events)) return 1;
+    ShellShared shared;
+    shared.dbPath = dbPath;
+    shared.notReadyLeft = options.notReady;
+    Sock::DefaultLinkDeadTimeout(options.idleTimeout == 0 ? -1 : options.idleTimeout);
+    SimServer server(shared, options.listen, options.maxClients);
+    std::string bound;
+    if (!server.Start(bound)) return 1;
+    // The one line on standard output: tells a starter where to connect.
+    printf("vantor-sim listening on %s, database %s\n", bound.c_str(), dbPath.c_str());
+    fflush(stdout);
+    syslog_safe(6, "<vantor-sim> Listening on %s, database %s.", bound.c_str(), dbPath.c_str());
+    server.Run();
+    syslog_safe(6, "<vantor-sim> Stopped.");
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    SimOptions options;
+    std::string error;
+    if (!sim_parse_options(argc, argv, options, error)) {
+        fprintf(stderr, "vantor-sim: %s\n%s", error.c_str(), kSimUsage);
+        return 2;
+    }
+    if (options.help) {
+        fputs(kSimUsage, stdout);
+        return 0;
+    }
+    install_signals();
+    raise_descriptor_limit();
+    std::string tempDir, dbPath = options.db;
+    if (dbPath.empty() && !make_temporary_db(tempDir, dbPath)) return 1;
+    int status = serve(options, dbPath);
+    if (!tempDir.empty()) remove_temporary_db(tempDir, dbPath);
+    return status;
+}

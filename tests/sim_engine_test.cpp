@@ -1,0 +1,258 @@
+// The protocol engine without sockets: exact answer bytes, the client's
+// fixed reads over them, and the monitor fan-out between sessions.
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include "ShellSession.h"
+#include "SimDatabase.h"
+#include "process.h"
+#include "shell_client.h"
+
+namespace {
+
+// One session whose answers collect in a buffer that the scripted client
+// reads from; the server's line assembly sits in between, as on the wire.
+class EngineClient : public ShellTransport, public AnswerSink, public MonitorSink {
+public:
+    explicit EngineClient(ShellShared& shared) : session(shared, *this, *this, "test") {}
+
+    bool Write(const char* data, size_t len) override
+    {
+        if (peerGone) return false;
+        pending.append(data, len);
+        return true;
+    }
+    void Push(const char* line, size_t len) override { pending.append(line, len); }
+    int Get(char& c) override
+    {
+        if (pending.empty()) return 0;
+        c = pending[0];
+        pending.erase(0, 1);
+        return 1;
+    }
+    bool Send(const std::string& bytes) override
+    {
+        for (size_t at = 0; at < bytes.size();) {
+            LineAssembler::Result result;
+            at += lines.Feed(bytes.data() + at, bytes.size() - at, result);
+            if (result == LineAssembler::kLine) outcome = session.HandleLine(lines.Line());
+            if (result == LineAssembler::kTooLong) outcome = session.HandleTooLong();
+        }
+        return true;
+    }
+    // The answer bytes of one request line, taken raw.
+    std::string Answer(const std::string& line)
+    {
+        pending.clear();
+        Send(line + "\r\n");
+        std::string bytes;
+        bytes.swap(pending);
+        return bytes;
+    }
+
+    ShellSession session;
+    LineAssembler lines;
+    std::string pending;
+    ShellSession::Outcome outcome = ShellSession::kContinue;
+    bool peerGone = false;
+};
+
+class Engine : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        dir = MakeTempDir();
+        shared.dbPath = dir + "/unit.db";
+        ASSERT_TRUE(sim_db_prepare(shared.dbPath, 0));
+    }
+    void TearDown() override { EXPECT_EQ(0, system(("rm -rf " + dir).c_str())); }
+
+    // A client that has read the greeting, like a fresh connection.
+    std::unique_ptr<EngineClient> Connect()
+    {
+        auto client = std::make_unique<EngineClient>(shared);
+        EXPECT_TRUE(client->session.Start());
+        return client;
+    }
+    // A client through the greeting and the set-up reads of the SQL client.
+    std::unique_ptr<EngineClient> Prepared(ScriptedShellClient*& reader)
+    {
+        auto client = Connect();
+        readers.push_back(std::make_unique<ScriptedShellClient>(*client));
+        reader = readers.back().get();
+        EXPECT_TRUE(reader->Greet());
+        EXPECT_TRUE(reader->Setup());
+        EXPECT_EQ("", client->pending);
+        return client;
+    }
+
+    std::string dir;
+    ShellShared shared;
+    std::vector<std::unique_ptr<ScriptedShellClient>> readers;
+};
+
+TEST_F(Engine, GreetsWithBannerLinesThenThePrompt)
+{
+    auto client = Connect();
+    EXPECT_EQ("vantor-sim database shell, SQLite " SQLITE_VERSION "\n"
+              "Enter SQL statements terminated with a \";\"\n#> ",
+              client->pending);
+}
+
+TEST_F(Engine, AnswersDirectivesWithExactBytes)
+{
+    auto client = Connect();
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"comment [pid=812] SQL Wrapper", "#> "},
+        {"comment [pid=812]", "#> "},
+        {"shell \\ |", "OK\n\v#> \n"},
+        {".header on", "OK\n\v#> \n"},
+        {".header off", "OK\n\v#> \n"},
+        {"shell x", "\vError: usage: shell <escape> <separator> (two different printable characters)\n\v#> \n"},
+        {"shell | |", "\vError: usage: shell <escape> <separator> (two different printable characters)\n\v#> \n"},
+        {".header maybe", "\vError: usage: .header on|off\n\v#> \n"},
+        {".tables", "\vError: unknown command: .tables\n\v#> \n"},
+        {"monitor", "\vError: usage: monitor <table> [select] [insert] [update] [delete]\n\v#> \n"},
+        {"monitor Events truncate", "\vError: unknown monitor operation: truncate\n\v#> \n"},
+        {"monitor Events", "#> "},
+        {"   ", "\v#> \n"},
+        {"-- only a comment", "\v#> \n"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.second, client->Answer(c.first)) << c.first;
+}
+
+TEST_F(Engine, AnswersStatementsWithExactBytes)
+{
+    auto client = Connect();
+    client->pending.clear();
+    ASSERT_EQ("OK\n\v#> \n", client->Answer(".header on"));
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"SELECT HwID FROM Hardware LIMIT 3;", "HwID\n1\n2\n3\n\v#> \n"},
+        {"SELECT HwID, HwName FROM Hardware WHERE HwID = 99;", "HwID|HwName\n\v#> \n"},
+        {"SELECT 'a|b\\c' AS \"x|y\";", "x\\|y\na\\|b\\\\c\n\v#> \n"},
+        {"SELECT 'a' || char(13, 10, 11) || 'b' AS t, NULL AS n, x'01ff' AS b, 1.5 AS r;",
+         "t|n|b|r\na   b||X'01FF'|1.5\n\v#> \n"},
+        {"SELECT 1 AS one; SELECT 2 AS two;", "one\n1\ntwo\n2\n\v#> \n"},
+        {std::string("\0SELECT 1;", 10), "\v#> \n"},
+        {std::string("SELECT 1 AS one;\0SELECT 2;", 26), "one\n1\n\v#> \n"},
+        {"UPDATE Hardware SET HwName = \"renamed\" WHERE HwID = 7;", "\v#> \n"},
+        {"SELECT HwName FROM Hardware WHERE HwID = 7;", "HwName\nrenamed\n\v#> \n"},
+        {"SELEC 1;", "\vError: near \"SELEC\": syntax error\n\v#> \n"},
+        {"SELECT 1 AS a; SELECT x FROM Nowhere;", "a\n1\n\vError: no such table: Nowhere\n\v#> \n"},
+        {"INSERT INTO Hardware (HwID, HwName, HwType) VALUES (1, 'x', 'y');",
+         "\vError: UNIQUE constraint failed: Hardware.HwID\n\v#> \n"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.second, client->Answer(c.first)) << c.first;
+    ASSERT_EQ("OK\n\v#> \n", client->Answer(".header off"));
+    EXPECT_EQ("1\n\v#> \n", client->Answer("SELECT 1;"));
+}
+
+TEST_F(Engine, TooLongLineIsAnsweredOnceAndTheSessionGoesOn)
+{
+    auto client = Connect();
+    client->pending.clear();
+    std::string longLine = "SELECT '" + std::string(kShellMaxLine, 'x') + "';";
+    EXPECT_EQ("\vError: line longer than 65535 bytes\n\v#> \n", client->Answer(longLine));
+    EXPECT_EQ("1\n\v#> \n", client->Answer("SELECT 1;"));
+}
+
+TEST_F(Engine, NotReadyForTheFirstShellDirectivesOnly)
+{
+    shared.notReadyLeft = 1;
+    auto first = Connect();
+    ScriptedShellClient reader(*first);
+    ASSERT_TRUE(reader.Greet());
+    EXPECT_FALSE(reader.Setup());
+    EXPECT_TRUE(reader.NotReady());
+    EXPECT_EQ("\v#> \n", first->pending);
+    EXPECT_EQ("\vError: DB not ready\n\v#> \n", first->Answer("SELECT 1;"));
+    ScriptedShellClient* second = nullptr;
+    auto ready = Prepared(second);
+    EXPECT_FALSE(second->NotReady());
+}
+
+TEST_F(Engine, QuitAndLostPeerCloseTheSession)
+{
+    auto client = Connect();
+    client->Answer(".quit");
+    EXPECT_EQ(ShellSession::kClose, client->outcome);
+    auto gone = Connect();
+    gone->peerGone = true;
+    gone->Answer("SELECT 1;");
+    EXPECT_EQ(ShellSession::kClose, gone->outcome);
+}
+
+class Monitor : public Engine {
+protected:
+    void SetUp() override
+    {
+        Engine::SetUp();
+        writer = Prepared(writerReads);
+        watcher = Connect();
+        watcherReads = std::make_unique<ScriptedShellClient>(*watcher);
+        ASSERT_TRUE(watcherReads->Greet("[pid=2] SQL monitor"));
+    }
+    void Run(const std::string& statement)
+    {
+        std::vector<std::string> rows;
+        ASSERT_EQ(0, writerReads->Exec(statement, rows)) << statement << ": " << writerReads->LastError();
+    }
+    // Every change line the watcher has been pushed, as its client delivers them.
+    std::vector<std::string> Events()
+    {
+        std::vector<std::string> events;
+        std::string event;
+        while (!watcher->pending.empty() && watcherReads->NextEvent(event)) events.push_back(event);
+        EXPECT_EQ("", watcher->pending);
+        return events;
+    }
+
+    ScriptedShellClient* writerReads = nullptr;
+    std::unique_ptr<EngineClient> writer, watcher;
+    std::unique_ptr<ScriptedShellClient> watcherReads;
+};
+
+TEST_F(Monitor, BareSubscriptionSeesEveryChangeOfItsTableOnly)
+{
+    ASSERT_TRUE(watcherReads->Subscribe("Events"));
+    Run("INSERT INTO Events (EvntDscID, UsrID, HwID) VALUES (1, 1, 1);");
+    Run("UPDATE Events SET EvntData = 'x' WHERE EvntID = 11;");
+    Run("INSERT INTO Hardware (HwName, HwType) VALUES ('h', 'unit');");
+    Run("DELETE FROM Events WHERE EvntID = 11;");
+    EXPECT_EQ((std::vector<std::string>{"insert Events 11", "update Events 11", "delete Events 11"}), Events());
+}
+
+TEST_F(Monitor, WordsNarrowTheSubscriptionAndCaseDoesNotMatter)
+{
+    ASSERT_TRUE(watcherReads->Subscribe("events delete"));
+    Run("INSERT INTO Events (EvntDscID) VALUES (1);");
+    Run("DELETE FROM Events WHERE EvntID > 9;");
+    EXPECT_EQ((std::vector<std::string>{"delete Events 10", "delete Events 11"}), Events());
+}
+
+TEST_F(Monitor, OnlyCommittedChangesAreSent)
+{
+    ASSERT_TRUE(watcherReads->Subscribe("Events"));
+    Run("BEGIN;");
+    Run("INSERT INTO Events (EvntDscID) VALUES (1);");
+    EXPECT_TRUE(Events().empty());
+    Run("ROLLBACK;");
+    Run("BEGIN; INSERT INTO Events (EvntDscID) VALUES (2); COMMIT;");
+    std::vector<std::string> rows;
+    EXPECT_EQ(-5, writerReads->Exec("INSERT INTO Events (EvntID) VALUES (12), (1);", rows));
+    EXPECT_EQ((std::vector<std::string>{"insert Events 11"}), Events());
+}
+
+TEST_F(Monitor, FirstLineAfterEachSubscriptionCarriesTheLead)
+{
+    ASSERT_TRUE(watcherReads->Subscribe("Events"));
+    Run("INSERT INTO Events (EvntDscID) VALUES (1), (2);");
+    EXPECT_EQ("event insert Events 11;\ninsert Events 12;\n", watcher->pending);
+    watcher->pending.clear();
+    ASSERT_TRUE(watcherReads->Subscribe("Hardware"));
+    Run("DELETE FROM Hardware WHERE HwID = 7;");
+    EXPECT_EQ((std::vector<std::string>{"delete Hardware 7"}), Events());
+}
+
+}  // namespace

@@ -1,0 +1,304 @@
+// vantor-sim over real sockets: the client's exact reads on TCP and Unix
+// sockets, monitor fan-out between connections, many clients at once, and
+// clients that misbehave.
+#include <gtest/gtest.h>
+
+#include <sqlite3.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <thread>
+
+#include "process.h"
+#include "shell_client.h"
+#include "sim_runner.h"
+
+namespace {
+
+// One connection with the scripted client's reads on it.
+struct Client {
+    explicit Client(const SimRunner& sim, int waitMs = 3000) : link(sim.Connect(), waitMs), reads(link) {}
+    // Greeting and set-up as the SQL client does them.
+    bool Prepare() { return link.Fd() >= 0 && reads.Greet() && reads.Setup() && link.Quiet(); }
+    // Runs a statement that must succeed; its raw lines.
+    std::vector<std::string> Run(const std::string& statement)
+    {
+        std::vector<std::string> lines;
+        EXPECT_EQ(0, reads.Exec(statement, lines)) << statement << ": " << reads.LastError();
+        return lines;
+    }
+
+    FdShellTransport link;
+    ScriptedShellClient reads;
+};
+
+long CountRows(const std::string& dbPath, const char* sql)
+{
+    sqlite3* db = nullptr;
+    long n = -1;
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_open_v2(dbPath.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+        sqlite3_busy_timeout(db, 5000) == SQLITE_OK && sqlite3_prepare_v2(db, sql, -1, &stmt, nullptr) == SQLITE_OK && sqlite3_step(stmt) == SQLITE_ROW)
+        n = sqlite3_column_int64(stmt, 0);
+    sqlite3_finalize(stmt);
+    sqlite3_close(db);
+    return n;
+}
+
+// Polls `condition` until it holds or `ms` (scaled) pass.
+template <typename F>
+bool Eventually(F condition, int ms)
+{
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ScaledMs(ms));
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
+}
+
+// Each test runs its own simulator and expects it to stop cleanly: exit
+// status 0 also means no sanitizer report and no thread left hanging.
+class SimServer : public ::testing::Test {
+protected:
+    bool Start(const SimRunner::Options& options = SimRunner::Options())
+    {
+        runner = std::make_unique<SimRunner>(options);
+        return runner->Running();
+    }
+    void TearDown() override
+    {
+        if (runner && runner->Running()) {
+            EXPECT_EQ(0, runner->Stop()) << runner->Log();
+        }
+    }
+    SimRunner& Sim() { return *runner; }
+
+    std::unique_ptr<SimRunner> runner;
+};
+
+SimRunner::Options HundredThousandEvents()
+{
+    SimRunner::Options options;
+    options.events = 100000;
+    return options;
+}
+
+void ExpectExactReads(const SimRunner& sim)
+{
+    Client c(sim);
+    ASSERT_TRUE(c.Prepare());
+    EXPECT_EQ((std::vector<std::string>{"HwID", "1", "2", "3"}), c.Run("SELECT HwID FROM Hardware LIMIT 3;"));
+    EXPECT_TRUE(c.link.Quiet());
+    EXPECT_EQ(std::vector<std::string>{"HwID"}, c.Run("SELECT HwID FROM Hardware WHERE HwID < 0;"));
+    EXPECT_TRUE(c.link.Quiet());
+    EXPECT_TRUE(c.Run("INSERT INTO Events (EvntDateTime, EvntDscID, UsrID, HwID, EvntData) "
+                      "VALUES(\"2026-11-23 06:00:00\", \"8\", \"1\", \"1\", \"a|b\");")
+                    .empty());
+    EXPECT_TRUE(c.link.Quiet());
+    std::vector<std::string> lines;
+    EXPECT_EQ(-5, c.reads.Exec("SELECT * FROM Nowhere;", lines));
+    EXPECT_EQ("Error: no such table: Nowhere", c.reads.LastError());
+    EXPECT_TRUE(c.link.Quiet());
+    EXPECT_EQ((std::vector<std::string>{"EvntData", "a\\|b"}), c.Run("SELECT EvntData FROM Events WHERE EvntID = 11;"));
+    EXPECT_TRUE(c.link.Quiet());
+}
+
+TEST_F(SimServer, ClientReadsFitEveryAnswerOverTcp)
+{
+    ASSERT_TRUE(Start());
+    ExpectExactReads(Sim());
+}
+
+TEST_F(SimServer, ClientReadsFitEveryAnswerOverUnixSocket)
+{
+    SimRunner::Options options;
+    options.unixSocket = true;
+    ASSERT_TRUE(Start(options));
+    ExpectExactReads(Sim());
+}
+
+TEST_F(SimServer, NotReadyForTheConfiguredNumberOfShellDirectives)
+{
+    SimRunner::Options options;
+    options.notReady = 2;
+    ASSERT_TRUE(Start(options));
+    SimRunner& sim = Sim();
+    for (int i = 0; i < 2; ++i) {
+        Client refused(sim);
+        EXPECT_FALSE(refused.Prepare());
+        EXPECT_TRUE(refused.reads.NotReady());
+    }
+    Client ready(sim);
+    EXPECT_TRUE(ready.Prepare());
+}
+
+TEST_F(SimServer, ConnectionsBeyondTheLimitAreClosedAtAccept)
+{
+    SimRunner::Options options;
+    options.extraArgs = {"--max-clients=2"};
+    ASSERT_TRUE(Start(options));
+    auto first = std::make_unique<Client>(Sim());
+    Client second(Sim());
+    ASSERT_TRUE(first->Prepare() && second.Prepare());
+    Client refused(Sim());
+    char c;
+    EXPECT_EQ(-1, refused.link.Get(c));
+    first.reset();
+    EXPECT_TRUE(Eventually([&] { return Client(Sim()).Prepare(); }, 3000));
+}
+
+TEST_F(SimServer, SubscriberHearsEveryChangeOfItsTableFromOtherClients)
+{
+    ASSERT_TRUE(Start());
+    SimRunner& sim = Sim();
+    Client watcher(sim), writer(sim);
+    ASSERT_TRUE(watcher.link.Fd() >= 0 && watcher.reads.Greet("[pid=2] SQL monitor"));
+    ASSERT_TRUE(watcher.reads.Subscribe("Events"));
+    EXPECT_TRUE(watcher.link.Quiet());
+    ASSERT_TRUE(writer.Prepare());
+    writer.Run("INSERT INTO Hardware (HwName, HwType) VALUES ('x', 'unit');");
+    writer.Run("INSERT INTO Events (EvntDscID) VALUES (1);");
+    writer.Run("UPDATE Events SET EvntData = 'y' WHERE EvntID = 11;");
+    writer.Run("DELETE FROM Events WHERE EvntID = 11;");
+    std::string event;
+    for (const char* expected : {"insert Events 11", "update Events 11", "delete Events 11"}) {
+        ASSERT_TRUE(watcher.reads.NextEvent(event));
+        EXPECT_EQ(expected, event);
+    }
+    EXPECT_TRUE(watcher.link.Quiet());
+}
+
+TEST_F(SimServer, ManyConcurrentClientsLoseNothing)
+{
+    ASSERT_TRUE(Start());
+    SimRunner& sim = Sim();
+    const int clients = 24, rows = 40;
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < clients; ++t)
+        threads.emplace_back([&, t] {
+            Client c(sim);
+            if (!c.Prepare()) return void(++failures);
+            for (int i = 0; i < rows; ++i) {
+                std::vector<std::string> lines;
+                std::string data = "t" + std::to_string(t) + "-" + std::to_string(i);
+                if (c.reads.Exec("INSERT INTO Events (EvntData) VALUES ('" + data + "');", lines) != 0 ||
+                    c.reads.Exec("SELECT EvntData FROM Events WHERE EvntData = '" + data + "';", lines) != 0 ||
+                    lines != std::vector<std::string>{"EvntData", data})
+                    ++failures;
+            }
+        });
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(0, failures.load());
+    EXPECT_EQ(10 + clients * rows, CountRows(sim.DbPath(), "SELECT count(*) FROM Events;"));
+}
+
+TEST_F(SimServer, GarbageLongLinesAndAbruptClientsDoNotDisturbOthers)
+{
+    ASSERT_TRUE(Start(HundredThousandEvents()));
+    SimRunner& sim = Sim();
+    Client steady(sim);
+    ASSERT_TRUE(steady.Prepare());
+
+    std::string garbage;
+    for (int i = 0; i < 20000; ++i) garbage.push_back(static_cast<char>((i * 7919) & 0xff));
+    for (const std::string& junk : {garbage, std::string(70000, 'x') + "\n", std::string("\v\0\r\n", 4)}) {
+        Client rude(sim);
+        EXPECT_TRUE(rude.link.Send(junk));
+    }
+    Client longLine(sim);
+    ASSERT_TRUE(longLine.reads.Greet());
+    std::string answer;
+    ASSERT_TRUE(longLine.link.Send(std::string(70000, 'y') + "\r\n"));
+    EXPECT_TRUE(longLine.link.ReadUntil("\v#> \n", answer, 3000));
+    EXPECT_EQ("\vError: line longer than 65535 bytes\n\v#> \n", answer);
+
+    // Asks for 100,000 rows and leaves at once, or never reads them.
+    {
+        Client quitter(sim);
+        ASSERT_TRUE(quitter.Prepare());
+        ASSERT_TRUE(quitter.link.Send("SELECT * FROM Events;\r\n"));
+    }
+    Client sleeper(sim);
+    ASSERT_TRUE(sleeper.Prepare());
+    ASSERT_TRUE(sleeper.link.Send("SELECT * FROM Events;\r\n"));
+
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ((std::vector<std::string>{"n", "100010"}), steady.Run("SELECT count(*) AS n FROM Events;"));
+    steady.Run("INSERT INTO Events (EvntData) VALUES ('still here');");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(ScaledMs(2000)));
+    EXPECT_EQ(100011, CountRows(sim.DbPath(), "SELECT count(*) FROM Events;"));
+}
+
+TEST_F(SimServer, SilentClientsAreDroppedButSubscribersStay)
+{
+    SimRunner::Options options;
+    options.extraArgs = {"--idle-timeout=1"};
+    ASSERT_TRUE(Start(options));
+    SimRunner& sim = Sim();
+    Client silent(sim), watcher(sim);
+    ASSERT_TRUE(silent.reads.Greet());
+    ASSERT_TRUE(watcher.reads.Greet() && watcher.reads.Subscribe("Hardware"));
+    char c;
+    EXPECT_TRUE(Eventually([&] { return silent.link.Get(c) == -1; }, 5000));
+    Client writer(sim);
+    ASSERT_TRUE(writer.Prepare());
+    writer.Run("DELETE FROM Hardware WHERE HwID = 7;");
+    std::string event;
+    ASSERT_TRUE(watcher.reads.NextEvent(event));
+    EXPECT_EQ("delete Hardware 7", event);
+}
+
+TEST_F(SimServer, SubscriberThatNeverReadsIsCutOffAlone)
+{
+    ASSERT_TRUE(Start());
+    SimRunner& sim = Sim();
+    Client hoarder(sim), writer(sim, 60000);
+    int small = 4096;
+    ASSERT_EQ(0, setsockopt(hoarder.link.Fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small));
+    ASSERT_TRUE(writer.Prepare());
+    // A long table name makes long change lines: 60,000 of them are about
+    // 13 MB, far more than the queue and the socket buffers hold.
+    const std::string table = "T" + std::string(200, 'x');
+    writer.Run("CREATE TABLE " + table + " (v);");
+    ASSERT_TRUE(hoarder.reads.Greet() && hoarder.reads.Subscribe(table));
+    writer.Run("WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n WHERE x < 60000) "
+               "INSERT INTO " + table + " SELECT x FROM n;");
+    EXPECT_TRUE(Eventually([&] { return sim.Log().find("unread, disconnecting") != std::string::npos; }, 10000));
+    EXPECT_EQ((std::vector<std::string>{"n", "60000"}), writer.Run("SELECT count(*) AS n FROM " + table + ";"));
+}
+
+TEST_F(SimServer, StreamsOneHundredThousandRowsAndReportsTheTime)
+{
+    ASSERT_TRUE(Start(HundredThousandEvents()));
+    SimRunner& sim = Sim();
+    Client c(sim);
+    ASSERT_TRUE(c.Prepare());
+    auto start = std::chrono::steady_clock::now();
+    ASSERT_TRUE(c.link.Send("SELECT * FROM Events LIMIT 100000;\r\n"));
+    std::string bytes;
+    ASSERT_TRUE(c.link.ReadUntil("\v#> \n", bytes, 30000));
+    auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+    size_t lines = 0;
+    for (char ch : bytes) lines += ch == '\n';
+    EXPECT_EQ(100000u + 2, lines);  // header, rows, the end marker's line
+    RecordProperty("stream_100k_ms", static_cast<int>(ms));
+    printf("streamed 100000 rows (%zu bytes) in %lld ms\n", bytes.size(), static_cast<long long>(ms));
+}
+
+TEST_F(SimServer, StopsCleanlyWithClientsConnected)
+{
+    ASSERT_TRUE(Start(HundredThousandEvents()));
+    SimRunner& sim = Sim();
+    Client idle(sim), blocked(sim), watcher(sim);
+    ASSERT_TRUE(idle.reads.Greet() && blocked.Prepare());
+    ASSERT_TRUE(watcher.reads.Greet() && watcher.reads.Subscribe("Events"));
+    ASSERT_TRUE(blocked.link.Send("SELECT * FROM Events;\r\n"));
+    EXPECT_EQ(0, sim.Stop()) << sim.Log();
+}
+
+}  // namespace

@@ -1,0 +1,221 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "process.h"
+#include "sim_runner.h"
+
+namespace {
+
+class SqlCommands : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(m_sim.Running()) << m_sim.Log(); }
+
+    std::string Server() const { return "--server=" + m_sim.Address(); }
+    std::string Connecting() const { return "Connecting to " + m_sim.Address() + "...\n"; }
+    RunResult Sql(std::vector<std::string> args, const std::string& input = "")
+    {
+        args.insert(args.begin(), {"sql", Server()});
+        return RunVtest(args, input);
+    }
+    std::string WriteFile(const std::string& text)
+    {
+        std::string path = m_dir + "/statements.sql";
+        std::ofstream(path) << text;
+        return path;
+    }
+    void TearDown() override { RunProgram({"/bin/rm", "-rf", m_dir}); }
+
+    SimRunner m_sim;
+    std::string m_dir = MakeTempDir();
+};
+
+// Lines of standard error that are not the logger's own (time-stamped).
+std::string OperatorErrors(const std::string& err)
+{
+    std::string out, line;
+    for (size_t at = 0; at < err.size();) {
+        size_t end = err.find('\n', at);
+        line = err.substr(at, end == std::string::npos ? std::string::npos : end - at + 1);
+        at = end == std::string::npos ? err.size() : end + 1;
+        bool logged = line.size() > 10 && line[2] == '.' && line[9] == ' ' && line[10] == '[';
+        if (!logged) out += line;
+    }
+    return out;
+}
+
+TEST(SqlCommandErrors, ArgumentErrorsGiveTheirMessageAndStatus)
+{
+    struct Case {
+        std::vector<std::string> args;
+        int status;
+        std::string err;
+    } cases[] = {
+        {{"sql"}, 255, "Missing parameter: SQL statement.\n"},
+        {{"sql_file"}, 255, "Missing parameter: SQL statement file.\n"},
+        {{"sql", "--pairs"}, 255, "Missing parameter: SQL statement.\n"},
+        {{"sql_file", "--pairs", "--pairs"}, 255, "Missing parameter: SQL statement file.\n"},
+        {{"sql", "--server=bad address", "SELECT 1;"}, 255, "Invalid IPv4 address: \"bad address\".\n"},
+        {{"monitor"}, 255, "Missing parameter: table.\n"},
+        {{"monitor", "--server=127.0.0.1:1"}, 255, "Missing parameter: table.\n"},
+        {{"monitor", "--server=bad address", "Events"}, 255, "Invalid IPv4 address: \"bad address\".\n"},
+        {{"monitor", "Hardware", "insert", "truncate"}, 255, "Invalid operation: truncate.\n"},
+    };
+    for (const Case& c : cases) {
+        RunResult r = RunVtest(c.args);
+        EXPECT_EQ(r.status, c.status) << c.args.back();
+        EXPECT_EQ(r.err, c.err) << c.args.back();
+    }
+    // The server option alone still announces where it would connect.
+    RunResult r = RunVtest({"sql", "--server=127.0.0.1"});
+    EXPECT_EQ(r.out, "Connecting to 127.0.0.1:3543...\n");
+    EXPECT_EQ(r.status, 255);
+}
+
+TEST_F(SqlCommands, PlainAndPairsFormats)
+{
+    RunResult plain = Sql({"SELECT HwName, HwID FROM Hardware WHERE HwID <= 2 ORDER BY HwID;"});
+    EXPECT_EQ(plain.status, 0) << plain.err;
+    EXPECT_EQ(plain.out, Connecting() +
+                             "Line #\t\"HwName\"\t\"HwID\"\n"
+                             "1.\t\"vantor-01\"\t\"1\"\t\n"
+                             "2.\t\"vantor-02\"\t\"2\"\t\n");
+    RunResult pairs = Sql({"--pairs", "SELECT HwName, HwID FROM Hardware WHERE HwID <= 2 ORDER BY HwID;"});
+    EXPECT_EQ(pairs.out, Connecting() +
+                             "Line #\t\"HwID\"\t\"HwName\"\n"
+                             "1.\t1\tvantor-01\t\n"
+                             "2.\t2\tvantor-02\t\n");
+}
+
+TEST_F(SqlCommands, EmptyResultsAndStatementsWithoutRows)
+{
+    const char* none = "SELECT HwID, HwName FROM Hardware WHERE HwID < 0;";
+    EXPECT_EQ(Sql({none}).out, Connecting() + "Line #\t\"HwID\"\t\"HwName\"\n");
+    EXPECT_EQ(Sql({"--pairs", none}).out, Connecting());
+    RunResult insert = Sql({"INSERT INTO Events (EvntDscID, UsrID, HwID) VALUES (1, 0, 1);"});
+    EXPECT_EQ(insert.status, 0);
+    EXPECT_EQ(insert.out, Connecting());
+}
+
+TEST_F(SqlCommands, StatementsRunInTurnAndStopAtTheFirstFailure)
+{
+    RunResult two = Sql({"SELECT 1 AS a;", "SELECT 2 AS b;"});
+    EXPECT_EQ(two.out, Connecting() + "Line #\t\"a\"\n1.\t\"1\"\t\n" +
+                           "--------------- N e x t   q u e r y --------------\n" +
+                           "Line #\t\"b\"\n1.\t\"2\"\t\n");
+    RunResult failed = Sql({"SELEC 1;", "INSERT INTO Events (EvntData) VALUES ('must not run');"});
+    EXPECT_EQ(failed.status, 254);
+    EXPECT_EQ(OperatorErrors(failed.err),
+              "SqlWrapper:Exec() - failed (Error: near \"SELEC\": syntax error): Error: near \"SELEC\": syntax error.\n");
+    EXPECT_EQ(Sql({"SELECT COUNT(*) AS n FROM Events WHERE EvntData = 'must not run';"}).out,
+              Connecting() + "Line #\t\"n\"\n1.\t\"0\"\t\n");
+}
+
+TEST_F(SqlCommands, TrailingBlanksAreCutBeforeTheSemicolonRule)
+{
+    RunResult r = Sql({"SELECT 7 AS n; \t \t"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, Connecting() + "Line #\t\"n\"\n1.\t\"7\"\t\n");
+}
+
+TEST_F(SqlCommands, FileLinesKeepTheirNumbersAndFailuresDoNotStopTheRun)
+{
+    std::string path = WriteFile(
+        "# a comment; SELECT 0;\n"
+        "\n"
+        "SELECT 1 AS a;\r\n"
+        "SELEC 2;\n"
+        "SELECT 3 AS c;  \n");
+    RunResult r = RunVtest({"sql_file", Server(), path, "ignored.sql"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, Connecting() + "Line #\t\"a\"\n1.\t\"1\"\t\nLine #\t\"c\"\n1.\t\"3\"\t\n");
+    EXPECT_EQ(OperatorErrors(r.err), path + ":4 [Error: near \"SELEC\": syntax error] SELEC 2;\n");
+
+    // The last statement's result is the status.
+    RunResult last = RunVtest({"sql_file", Server(), WriteFile("SELECT 1 AS a;\nSELEC 2;\n")});
+    EXPECT_EQ(last.status, 254);
+}
+
+TEST_F(SqlCommands, StandardInputAndRepeatedOptions)
+{
+    RunResult r = RunVtest({"sql", "--pairs", Server(), "--stdin", Server(), "--pairs"},
+                           "SELECT 5 AS e;\n# skipped\nnot sql;\n");
+    EXPECT_EQ(r.status, 254);
+    EXPECT_EQ(r.out, Connecting() + Connecting() + "Line #\t\"e\"\n1.\t5\t\n");
+    // Nothing stands at the file-name position: the C library's "(null)".
+    EXPECT_EQ(OperatorErrors(r.err), "(null):3 [Error: near \"not\": syntax error] not sql;\n");
+    EXPECT_EQ(RunVtest({"sql_file", "--stdin", Server(), "x.sql"}, "SELECT 1 AS a;\n").out,
+              Connecting() + "Line #\t\"a\"\n1.\t\"1\"\t\n");
+}
+
+TEST(SqlCommandErrors, UnopenableInputNamesTheOtherSource)
+{
+    RunResult r = RunVtest({"sql_file", "/nonexistent/x.sql"});
+    EXPECT_EQ(r.status, 254);
+    EXPECT_EQ(r.err, "Unable to open file: stdin\n");
+}
+
+TEST_F(SqlCommands, MonitorPrintsChangesUntilEnter)
+{
+    ChildProcess monitor({VTEST_BINARY, "monitor", Server(), "Hardware"});
+    ASSERT_TRUE(monitor.WaitForOutput("Press ENTER to stop.\n", 5000)) << monitor.Output();
+    // The monitor's first connection comes a second after its start: insert
+    // until the change shows (each insert is one more change line).
+    bool seen = false;
+    for (int i = 0; i < 10 && !seen; i++) {
+        Sql({"INSERT INTO Hardware (HwName, HwType) VALUES ('m', 'central');"});
+        seen = monitor.WaitForOutput("insert Hardware ", 1000);
+    }
+    ASSERT_TRUE(seen) << monitor.Output();
+    ASSERT_TRUE(monitor.Write("\n"));
+    EXPECT_EQ(monitor.Wait(5000), 0);
+    EXPECT_EQ(monitor.Output().rfind(Connecting() + "Press ENTER to stop.\ninsert Hardware ", 0), 0u)
+        << monitor.Output();
+}
+
+class SelfTest : public SqlCommands {};
+
+TEST_F(SelfTest, PassesAgainstTheSimulatorAndFindsItsEvent)
+{
+    RunResult r = RunVtest({Server()});
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("step 1 PASS: SELECT HwID FROM Hardware LIMIT 3; -> 3 row(s): HwID 1 2 3\n"),
+              std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("step 2 PASS: INSERT INTO Events -> INSERT INTO Events "), std::string::npos);
+    EXPECT_NE(r.out.find("step 3 PASS: read back -> EvntID "), std::string::npos);
+    EXPECT_NE(r.out.find("Self-test passed.\n"), std::string::npos);
+}
+
+TEST(SelfTestFailures, NamesTheMissingServer)
+{
+    RunResult r = RunVtest({"--server=127.0.0.1:1"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.out, "Connecting to 127.0.0.1:1...\n"
+                     "step 1 FAIL: SELECT HwID FROM Hardware LIMIT 3; -> "
+                     "no connection to the database server at 127.0.0.1:1\n");
+    EXPECT_EQ(OperatorErrors(r.err), "Self-test FAILED.\n");
+}
+
+TEST(SelfTestFailures, ReportsAMissingEventsTable)
+{
+    std::string dir = MakeTempDir();
+    std::string db = dir + "/no-events.db";
+    RunResult made = RunProgram({"/usr/bin/sqlite3", db,
+                                 "CREATE TABLE Hardware (HwID INTEGER PRIMARY KEY); INSERT INTO Hardware VALUES (4);"});
+    ASSERT_EQ(made.status, 0) << made.err;
+    SimRunner::Options options;
+    options.extraArgs = {"--db=" + db};
+    SimRunner sim(options);
+    ASSERT_TRUE(sim.Running()) << sim.Log();
+    RunResult r = RunVtest({"--server=" + sim.Address()});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find("step 1 PASS"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("step 2 FAIL: INSERT INTO Events -> Error: no such table: Events\n"), std::string::npos)
+        << r.out;
+    RunProgram({"/bin/rm", "-rf", dir});
+}
+
+}  // namespace

@@ -1,0 +1,50 @@
+// Scripts of a database shell server for the client tests: the greeting,
+// the connection set-up of SqlWrapper and the monitor subscription, as byte
+// exact steps.
+#pragma once
+
+#include <unistd.h>
+
+#include <string>
+
+#include "scripted_server.h"
+
+// What the client sends to introduce itself.
+inline std::string CommentLine(const std::string& comment)
+{
+    std::string pid = std::to_string(getpid());
+    return comment.empty() ? "comment [pid=" + pid + "]\r\n" : "comment [pid=" + pid + "] " + comment + "\r\n";
+}
+
+// Appends `more` to `script`.
+inline Script Then(Script script, const Script& more)
+{
+    script.insert(script.end(), more.begin(), more.end());
+    return script;
+}
+
+// Banner, prompt, the comment and the prompt that answers it.
+inline Script Greeting(const std::string& comment, const std::string& banner = "")
+{
+    return {Send(banner + "#> "), Expect(CommentLine(comment)), Send("#> ")};
+}
+
+// How the server ends every answer: the marker, the prompt, a line end.
+const char kAnswerEnd[] = "\v#> \n";
+// A directive's answer. After "shell" the client reads it as a line, then 1
+// and 8 bytes; after ".header on" as 1, 8, 8 and 8 bytes.
+const std::string kOkAnswer = std::string("OK\n") + kAnswerEnd;
+
+// A SqlWrapper's connection set-up: greeting, "shell" and ".header on".
+inline Script Prepared(const Script& more = {}, const std::string& comment = "SQL Wrapper")
+{
+    return Then(Then(Greeting(comment), {Expect("shell \\ |\r\n"), Send(kOkAnswer), Expect(".header on\r\n"),
+                                         Send(kOkAnswer)}),
+                more);
+}
+
+// A statement and its answer, the end of the answer added.
+inline Script Answer(const std::string& statement, const std::string& answer)
+{
+    return {Expect(statement + "\r\n"), Send(answer + kAnswerEnd)};
+}
