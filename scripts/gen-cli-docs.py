@@ -193,7 +193,8 @@ def man_page(template, usage, intro, sections, version):
     # A paragraph break right after a heading is redundant (and NAME must
     # stay the plain line "vtest \- summary" for whatis).
     kept = [l for i, l in enumerate(out) if not (l == ".PP" and out[i - 1].startswith((".SH", ".SS")))]
-    return "\n".join(kept) + "\n"
+    # roff input is ASCII: other characters as \[uXXXX] escapes.
+    return re.sub(r"[^\x00-\x7f]", lambda m: "\\[u%04X]" % ord(m.group()), "\n".join(kept) + "\n")
 
 
 # ---- bash completion

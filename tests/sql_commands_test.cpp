@@ -160,7 +160,7 @@ TEST(SqlCommandErrors, UnopenableInputNamesTheOtherSource)
 
 TEST_F(SqlCommands, MonitorPrintsChangesUntilEnter)
 {
-    ChildProcess monitor({VTEST_BINARY, "monitor", Server(), "Hardware"});
+    ChildProcess monitor(TargetArgv(VTEST_BINARY, {"monitor", Server(), "Hardware"}));
     ASSERT_TRUE(monitor.WaitForOutput("Press ENTER to stop.\n", 5000)) << monitor.Output();
     // The monitor's first connection comes a second after its start: insert
     // until the change shows (each insert is one more change line).

@@ -26,7 +26,7 @@ const char kReadyLead[] = "vantor-sim listening on ";
 std::vector<std::string> runner_args(const SimRunner::Options& options, const std::string& dir)
 {
 #ifdef VTEST_SIM_BINARY
-    std::vector<std::string> args = {VTEST_SIM_BINARY};
+    std::vector<std::string> args = TargetArgv(VTEST_SIM_BINARY);
 #else
     std::vector<std::string> args = {"vantor-sim"};
 #endif
