@@ -42,6 +42,22 @@ int WaitBounded(pid_t pid, int timeoutMs, bool& timedOut)
     }
 }
 
+// Starts argv[0] with the given descriptors as its standard input, output
+// and error; exit status 127 when it cannot be executed.
+pid_t Spawn(const std::vector<std::string>& argv, int in, int out, int err)
+{
+    pid_t pid = fork();
+    if (pid != 0) return pid;
+    dup2(in, 0);
+    dup2(out, 1);
+    dup2(err, 2);
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+}
+
 // A program that exits before reading all its input must not kill the test
 // with SIGPIPE: block it around the write and drop a pending one. The mask
 // is the calling thread's, so children started later are not affected.
@@ -77,17 +93,7 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::string& in
     RunResult result;
     int in[2], out[2], err[2];
     if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC) || pipe2(err, O_CLOEXEC)) return result;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(in[0], 0);
-        dup2(out[1], 1);
-        dup2(err[1], 2);
-        std::vector<char*> args;
-        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
+    pid_t pid = Spawn(argv, in[0], out[1], err[1]);
     close(in[0]);
     close(out[1]);
     close(err[1]);
@@ -192,16 +198,7 @@ ChildProcess::ChildProcess(const std::vector<std::string>& argv)
 {
     int in[2], out[2];
     if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC)) return;
-    m_pid = fork();
-    if (m_pid == 0) {
-        dup2(in[0], 0);
-        dup2(out[1], 1);
-        std::vector<char*> args;
-        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
+    m_pid = Spawn(argv, in[0], out[1], 2);
     close(in[0]);
     close(out[1]);
     m_in = in[1];
