@@ -275,15 +275,11 @@ protected:
     void SetUp() override
     {
         if (geteuid() != 0) GTEST_SKIP() << "needs root to take set-user-id shapes with setresuid";
-        if (!LookUp("nobody", m_nobody) || !LookUp("daemon", m_daemon))
-            GTEST_SKIP() << "needs the users nobody and daemon";
-    }
-
-    static bool LookUp(const char* name, Ids& ids)
-    {
-        const passwd* pw = getpwnam(name);
-        if (pw) ids = {pw->pw_uid, pw->pw_gid};
-        return pw != nullptr;
+        const passwd* nobody = getpwnam("nobody");
+        if (nobody) m_nobody = {nobody->pw_uid, nobody->pw_gid};
+        const passwd* daemon = getpwnam("daemon");
+        if (!nobody || !daemon) GTEST_SKIP() << "needs the users nobody and daemon";
+        m_daemon = {daemon->pw_uid, daemon->pw_gid};
     }
 
     // Runs body after taking real ids of nobody and effective and saved `owner`.
