@@ -23,7 +23,7 @@ public:
 // a read the real client would wait on for ever.
 class FdShellTransport : public ShellTransport {
 public:
-    explicit FdShellTransport(int fd, int waitMs = 3000);
+    explicit FdShellTransport(int fd, int waitMs = 15000);
     ~FdShellTransport() override;
     FdShellTransport(const FdShellTransport&) = delete;
     FdShellTransport& operator=(const FdShellTransport&) = delete;
