@@ -152,17 +152,13 @@ protected:
     Link m_link;
 };
 
-TEST_F(SocketTest, ChecksumPrefixOnTheWire)
+TEST_F(SocketTest, ChecksumsAreSentCheckedAndStripped)
 {
     client().Checksum(true);
     EXPECT_EQ(client().printf("hello\n"), 12);
     EXPECT_EQ(RecvRaw(peer(), 12), "+0214 hello\n");
     EXPECT_EQ(client().printf("%s", ""), 6);
     EXPECT_EQ(RecvRaw(peer(), 6), "+0000 ");
-}
-
-TEST_F(SocketTest, ReceivedChecksumsAreCheckedAndStripped)
-{
     struct Case {
         const char* wire;
         int rv;
@@ -182,7 +178,9 @@ TEST_F(SocketTest, ReceivedChecksumsAreCheckedAndStripped)
         bool complete = false;
         EXPECT_EQ(client().ReadLine(complete), c.rv) << c.wire;
         EXPECT_TRUE(complete) << c.wire;
-        if (c.text) EXPECT_STREQ(client().RxBuffer(), c.text) << c.wire;
+        if (c.text) {
+            EXPECT_STREQ(client().RxBuffer(), c.text) << c.wire;
+        }
     }
     char line[] = "+0215 hello";
     size_t len = strlen(line);
@@ -204,7 +202,9 @@ TEST_F(SocketTest, RefusesTextAtTheBufferLimit)
         EXPECT_EQ(client().printf("%s", text.c_str()), c.rv) << c.length;
         std::string warning = "warn <" + std::string(client().Addr()) + "> Trying to send too much data.\n";
         EXPECT_EQ(Logged(log), c.rv < 0 ? warning : "") << c.length;
-        if (c.rv > 0) EXPECT_EQ(RecvRaw(peer(), static_cast<size_t>(c.rv)).size(), static_cast<size_t>(c.rv));
+        if (c.rv > 0) {
+            EXPECT_EQ(RecvRaw(peer(), static_cast<size_t>(c.rv)).size(), static_cast<size_t>(c.rv));
+        }
     }
 }
 
@@ -316,7 +316,7 @@ TEST_F(SocketTest, DisconnectDiscardsBytesReadAhead)
     EXPECT_EQ(Lines(client(), 1), std::vector<std::string>{"fresh"});
 }
 
-TEST(Socket, ClosedSocketRefusesWork)
+TEST(Socket, FailuresAreRefusedAndLogged)
 {
     Socket s(Addr(AF_INET, "127.0.0.1:1"));
     bool ready = true;
@@ -335,19 +335,15 @@ TEST(Socket, ClosedSocketRefusesWork)
     EXPECT_NE(lines.find("Socket.cpp:"), std::string::npos) << lines;
     EXPECT_NE(lines.find(" virtual bool Socket::Create() Address family 33 not supported.\n"), std::string::npos)
         << lines;
-}
-
-TEST(Socket, FailedConnectIsLoggedAndClosed)
-{
     Socket probe(Addr(AF_INET, "127.0.0.1"));
     ASSERT_TRUE(probe.Create() && probe.Bind());
     SockAddr free;
     ASSERT_EQ(free.GetSockname(probe.Fd()), 0);
     probe.Disconnect();  // nothing listens on the port now
-    Socket s(free);
-    StderrCapture log;
-    EXPECT_FALSE(s.Connect() || s.IsConnected());
-    EXPECT_EQ(Logged(log), "err  <" + std::string(s.Addr()) + "> Unable to connect (111).\n");
+    Socket refused(free);
+    StderrCapture connectLog;
+    EXPECT_FALSE(refused.Connect() || refused.IsConnected());
+    EXPECT_EQ(Logged(connectLog), "err  <" + std::string(refused.Addr()) + "> Unable to connect (111).\n");
 }
 
 TEST(Socket, UnixBindReplacesAStaleFileAndRemovesItsOwn)
@@ -371,43 +367,32 @@ TEST(Socket, UnixBindReplacesAStaleFileAndRemovesItsOwn)
     std::filesystem::remove_all(dir);
 }
 
-// A reader blocked in ReadLine on its own thread while another thread
-// lists the connections; the peer's close then ends the reader.
-TEST_F(SocketTest, StatusReportWhileAnotherThreadReads)
+// A reader blocked in ReadLine on its own thread while others list the
+// connections and connections are made and destroyed: a listing never sees
+// one half-built or half-destroyed, and the peer's close ends the reader.
+TEST_F(SocketTest, StatusReportWhileOtherThreadsReadAndChurn)
 {
     std::atomic<int> result{1};
+    std::atomic<bool> stop{false};
     std::thread reader([&] {
         int rv;
         while ((rv = client().ReadLine()) >= 0) {
         }
         result = rv;
     });
+    std::thread lister([&] {
+        while (!stop) Sock::StatusReport(&peer());
+    });
     for (int i = 0; i < 5; i++) Sock::StatusReport(&peer());
+    for (int i = 0; i < 2000; i++) Socket churn(Addr(AF_INET, "127.0.0.1"));
+    stop = true;
+    lister.join();
     peer().Disconnect();
     reader.join();
     EXPECT_EQ(result, -EPIPE);
     EXPECT_GT(client().RxBytes(), 5u * 85u);
     Sock::CloseAll();
     EXPECT_FALSE(client().IsConnected() || m_link.server->IsConnected());
-}
-
-// Connections made and destroyed while another thread keeps listing them:
-// a listing never sees one half-built or half-destroyed.
-TEST_F(SocketTest, StatusReportDuringConstructionAndDestruction)
-{
-    std::atomic<bool> stop{false};
-    std::thread lister([&] {
-        while (!stop) Sock::StatusReport(&peer());
-    });
-    std::thread drain([&] {
-        while (client().ReadLine() >= 0) {
-        }
-    });
-    for (int i = 0; i < 2000; i++) Socket churn(Addr(AF_INET, "127.0.0.1"));
-    stop = true;
-    lister.join();
-    peer().Disconnect();
-    drain.join();
 }
 
 }  // namespace
