@@ -380,10 +380,10 @@ TEST_F(SocketTest, StatusReportWhileOtherThreadsReadAndChurn)
         }
         result = rv;
     });
-    std::thread lister([&] {
+    for (int i = 0; i < 5; i++) Sock::StatusReport(&peer());
+    std::thread lister([&] {  // now the only writer on the peer
         while (!stop) Sock::StatusReport(&peer());
     });
-    for (int i = 0; i < 5; i++) Sock::StatusReport(&peer());
     for (int i = 0; i < 2000; i++) Socket churn(Addr(AF_INET, "127.0.0.1"));
     stop = true;
     lister.join();
