@@ -43,8 +43,7 @@ public:
     bool SetKeepAlive(int, int, int) override { return false; }
     int vprintf(const char* format, va_list args) override
     {
-        int n = vsnprintf(m_txBuf, m_bufLen, format, args);
-        return static_cast<int>(write(m_txBuf, static_cast<size_t>(n)));
+        return static_cast<int>(write(m_txBuf, static_cast<size_t>(vsnprintf(m_txBuf, m_bufLen, format, args))));
     }
     ssize_t write(const void* buf, size_t len) override
     {
@@ -68,11 +67,7 @@ public:
     bool RSelect(bool&, long, long) override { return false; }
     FILE* File() override { return nullptr; }
     void Describe(Sock* out) override { out->printf("%4d %9u %9u %s %s\n", Fd(), RxBytes(), TxBytes(), Addr(), Name()); }
-    bool NonBlocking(bool on) override
-    {
-        m_nonBlocking = on;
-        return true;
-    }
+    bool NonBlocking(bool on) override { return m_nonBlocking = on, true; }
 
 private:
     std::string m_input;
@@ -106,6 +101,8 @@ TEST(Sock, LineAssemblyAcrossTerminators)
     struct Case {
         std::string input;
         std::vector<Read> reads;
+        ssize_t end = -EPIPE;
+        bool drop = true;
     } cases[] = {
         {"abc\n", {{3, true, "abc"}, {-ESPIPE, false, ""}}},
         {"\n\nabc\n", {{0, false, ""}, {0, false, ""}, {3, true, "abc"}}},
@@ -115,20 +112,12 @@ TEST(Sock, LineAssemblyAcrossTerminators)
         {"a~b~\n", {{2, true, "ab"}}},  // nothing available: sleeps, then goes on
         {"ab", {{-ESPIPE, false, "ab"}}},  // the peer closes mid-line
         {std::string("a\0b\n", 4), {{3, true, "a"}}},  // a NUL byte is line content
+        {"ab", {{-EIO, false, "ab"}}, -EIO, false},     // an error without a disconnect is passed on
     };
     for (const Case& c : cases) {
-        ScriptedSock s(c.input);
+        ScriptedSock s(c.input, c.end, c.drop);
         EXPECT_EQ(ReadAll(s, c.reads.size()), c.reads) << c.input;
     }
-}
-
-TEST(Sock, ReadErrorWithoutDisconnectIsPassedOn)
-{
-    ScriptedSock s("ab", -EIO, false);
-    bool complete = true;
-    EXPECT_EQ(s.ReadLine(complete), -EIO);
-    EXPECT_FALSE(complete);
-    EXPECT_STREQ(s.RxBuffer(), "ab");
 }
 
 TEST(Sock, NonBlockingReturnsPartialLinesAndKeepsThem)
@@ -182,33 +171,15 @@ TEST(Sock, BadSizesAndPositionsAreRefusedUntouched)
     EXPECT_EQ(s.RxBuffer()[3], '\n');
 }
 
-TEST(Sock, ExitFlagStopsAssembly)
-{
-    ScriptedSock s("abc\n");
-    daemon_should_exit = true;
-    bool complete = true;
-    EXPECT_EQ(s.ReadLine(complete), 0);
-    daemon_should_exit = false;
-    EXPECT_EQ(s.ReadLine(complete), 3);
-}
-
-TEST(Sock, CompleteLinesAreCountedTwice)
+// The exit flag stops assembly; complete lines are counted twice.
+TEST(Sock, ExitFlagAndByteCount)
 {
     ScriptedSock s("abc\n\n");
-    ReadAll(s, 2);
+    daemon_should_exit = true;
+    EXPECT_EQ(s.ReadLine(), 0);
+    daemon_should_exit = false;
+    EXPECT_EQ(ReadAll(s, 2), (std::vector<Read>{{3, true, "abc"}, {0, false, ""}}));
     EXPECT_EQ(s.RxBytes(), 5u + 3u);
-}
-
-TEST(Sock, CustomData)
-{
-    ScriptedSock s;
-    EXPECT_EQ(s.CustomDataGet("k"), nullptr);
-    EXPECT_FALSE(s.CustomDataDel("k"));
-    s.CustomDataSet("k", "1");
-    s.CustomDataSet("k", "2");
-    EXPECT_STREQ(s.CustomDataGet("k"), "2");
-    EXPECT_TRUE(s.CustomDataDel("k"));
-    EXPECT_EQ(s.CustomDataGet("k"), nullptr);
 }
 
 const char kRule[] = "-------------------------------------------------------------------------------------\n";
@@ -241,11 +212,11 @@ TEST(Debuggable, StatusReportListsTheRegistry)
     char row[64];
     std::string expected = "\nD e b u g g a b l e ( 2 )\nPtr      Name\n"
                            "--------------------------------------------------------\n";
-    snprintf(row, sizeof row, "%08x Sock 127.0.0.1:3543\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(
-                                                                static_cast<Debuggable*>(&out))));
-    expected += row;
-    snprintf(row, sizeof row, "%08x item 2\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(&named)));
-    expected += row;
+    for (Debuggable* d : {static_cast<Debuggable*>(&out), &named}) {
+        snprintf(row, sizeof row, "%08x %s\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(d)),
+                 d == &named ? "item 2" : "Sock 127.0.0.1:3543");
+        expected += row;
+    }
     Debuggable::StatusReport(&out);
     EXPECT_EQ(out.m_sent, expected);
 }

@@ -39,15 +39,11 @@ SockAddr V6(std::initializer_list<unsigned> groups, int port = 0)
     return SockAddr(AF_INET6, bytes, port);
 }
 
-TEST(SockAddr, TypeNamesFollowTheTable)
+// Names are case-sensitive; unknown values read back as "none" or "x".
+TEST(SockAddr, TypeAndParityNamesOutsideTheTable)
 {
-    EXPECT_EQ(SockAddr::Type("name"), AF_NAME);
-    EXPECT_STREQ(SockAddr::Type(AF_NAME), "name");
-    EXPECT_EQ(SockAddr::Type("rs485"), AF_RS485);
-    EXPECT_EQ(SockAddr::Type("none"), 0);
     EXPECT_EQ(SockAddr::Type("IPV4"), 0);
     EXPECT_STREQ(SockAddr::Type(7), "none");
-    EXPECT_STREQ(SockAddr::Type(sa_family_t{0}), "none");
     EXPECT_STREQ(SockAddr::Parity2a(static_cast<Parity>(5)), "x");
     EXPECT_EQ(SockAddr::a2parity('E'), NONE);
 }
@@ -124,7 +120,9 @@ TEST(SockAddr, IPv6TextCompressesOnlyTheFirstZeroRun)
     for (const Case& c : cases) EXPECT_EQ(Text(c.addr, c.addr.GetPort() != 0), c.text);
 }
 
-TEST(SockAddr, SerialTextRoundTrips)
+// Accepted texts print back the same after one more round; refused ones
+// leave an invalid address.
+TEST(SockAddr, SerialTextRoundTripsOrIsRefused)
 {
     sockaddr_serial line = {};
     safe_strncpy(line.dev, "ttyUSB0", sizeof line.dev);
@@ -136,19 +134,30 @@ TEST(SockAddr, SerialTextRoundTrips)
     SockAddr::SetDefaultSerial(line);
     struct Case {
         const char* text;
-        const char* printed;
-        int index;
+        int rv;
+        const char* printed = "";
+        int index = 0;
     } cases[] = {
-        {"7", "7@ttyUSB0!19200/7/o/2", 7},
-        {"2@ttyS1!9600/8/e/1", "2@ttyS1!9600/8/e/1", 2},
-        {"3@ttyS1", "3@ttyS1!19200/7/o/2", 3},
-        {"ttyS2!4800/8/n/1", "ttyS2!4800/8/n/1", 0},
-        {"ttyS2", "ttyS2!19200/7/o/2", 0},
-        {"x5@ttyS3", "ttyS3!19200/7/o/2", 0},  // '@' later in the text: index from the start
-        {"4@ttyS1!9600/8/q/1", "4@ttyS1!9600/8/n/1", 4},
+        {"7", 0, "7@ttyUSB0!19200/7/o/2", 7},
+        {"2@ttyS1!9600/8/e/1", 0, "2@ttyS1!9600/8/e/1", 2},
+        {"3@ttyS1", 0, "3@ttyS1!19200/7/o/2", 3},
+        {"ttyS2!4800/8/n/1", 0, "ttyS2!4800/8/n/1", 0},
+        {"ttyS2", 0, "ttyS2!19200/7/o/2", 0},
+        {"x5@ttyS3", 0, "ttyS3!19200/7/o/2", 0},  // '@' later in the text: index from the start
+        {"4@ttyS1!9600/8/q/1", 0, "4@ttyS1!9600/8/n/1", 4},
+        {"1@ttyS123456789AB!9600/8/n/1", 0, "1@ttyS123456789AB!9600/8/n/1", 1},  // 15 characters fit
+        {"0", -EINVAL}, {"-2@ttyS1", -EINVAL}, {"1@ttyS1!9600/8", -EINVAL}, {"1@ttyS1!9600/x/n/1", -EINVAL},
+        {"a!b@ttyS1", -EINVAL},  // "!" only before the device part
+        {"1@ttyS1234567890AB!9600/8/n/1", -ENOSPC}, {"1@ttyS1234567890AB", -ENOSPC},  // 16 characters
+        {"99999999999999999999", -EINVAL},
     };
     for (const Case& c : cases) {
-        SockAddr a = Parsed(AF_RS485, c.text);
+        SockAddr a(AF_NAME, "keep");
+        EXPECT_EQ(a.GetSerial(c.text), c.rv) << c.text;
+        if (c.rv < 0) {
+            EXPECT_EQ(a.GetAF(), 0) << c.text;
+            continue;
+        }
         EXPECT_EQ(Text(a), c.printed) << c.text;
         EXPECT_EQ(a.GetPort(), c.index) << c.text;
         EXPECT_EQ(Text(Parsed(AF_RS485, Text(a).c_str())), c.printed) << c.text;
@@ -158,55 +167,14 @@ TEST(SockAddr, SerialTextRoundTrips)
     EXPECT_EQ(Text(SockAddr(AF_RS485, "ttyS0", 0x10005)), "5@ttyS0");
 }
 
-TEST(SockAddr, SerialParseErrors)
-{
-    struct Case {
-        const char* text;
-        int rv;
-    } cases[] = {
-        {"0", -EINVAL},
-        {"-2@ttyS1", -EINVAL},
-        {"a!b@ttyS1", -EINVAL},           // "!" only before the device part
-        {"1@ttyS1!9600/8", -EINVAL},
-        {"1@ttyS1!9600/x/n/1", -EINVAL},
-        {"1@ttyS1234567890AB!9600/8/n/1", -ENOSPC},  // 16 characters
-        {"1@ttyS1234567890AB", -ENOSPC},
-        {"99999999999999999999", -EINVAL},
-    };
-    for (const Case& c : cases) {
-        SockAddr a(AF_NAME, "keep");
-        EXPECT_EQ(a.GetSerial(c.text), c.rv) << c.text;
-        EXPECT_EQ(a.GetAF(), 0) << c.text;
-    }
-    SockAddr a;
-    EXPECT_EQ(a.GetSerial("1@ttyS123456789AB!9600/8/n/1"), 0);  // 15 characters fit
-}
-
 TEST(SockAddr, MacTextAndFailureClearsTheValue)
 {
     SockAddr a(AF_MAC, "02:11:22:33:44:55");
-    EXPECT_EQ(a.GetAF(), AF_MAC);
-    EXPECT_EQ(Text(a), "02:11:22:33:44:55");
     EXPECT_EQ(a.GetMAC("02:11:22:zz:44:55"), -EINVAL);
     const unsigned char* raw = reinterpret_cast<const unsigned char*>(&a.Get());
-    for (int i = 0; i < 8; i++) EXPECT_EQ(raw[i], 0);
+    EXPECT_EQ(std::string(raw, raw + 8), std::string(8, '\0'));
     EXPECT_EQ(SockAddr(AF_MAC, "nonsense").GetAF(), 0);
-    EXPECT_EQ(SockAddr(AF_UNIX, "/tmp/x").GetAF(), 0);
-}
-
-TEST(SockAddr, PortsByFamily)
-{
-    SockAddr v4(AF_INET, 0x0a000001u, 3543);
-    EXPECT_EQ(v4.Get().in4.sin_port, htons(3543));
-    EXPECT_EQ(v4.Get().in4.sin_addr.s_addr, htonl(0x0a000001u));
-    v4.SetPort(80);
-    EXPECT_EQ(v4.GetPort(), 80);
-    SockAddr serial(AF_RS485, "ttyS0", 3);
-    serial.SetPort(9);
-    EXPECT_EQ(serial.GetPort(), 9);
-    SockAddr name(AF_NAME, "eth0");
-    name.SetPort(9);
-    EXPECT_EQ(name.GetPort(), 0);
+    EXPECT_EQ(SockAddr(AF_UNIX, "/tmp/x").GetAF(), 0);  // this constructor takes names and MACs only
 }
 
 TEST(SockAddr, EqualityIgnoresWhatItShould)
@@ -221,8 +189,9 @@ TEST(SockAddr, EqualityIgnoresWhatItShould)
     SockAddr n1(AF_NAME, "eth0"), n2(AF_NAME, "eth0");
     n2.GetPrivate().name.port = 5;
     EXPECT_TRUE(n1 == n2);
-    EXPECT_TRUE(n1 < n2);  // equal, yet ordered by port
-    EXPECT_FALSE(n2 < n1);
+    EXPECT_TRUE(n1 < n2 && !(n2 < n1));  // equal, yet ordered by port
+    n1.SetPort(9);  // a name has no port to set
+    EXPECT_EQ(n1.GetPort(), 0);
 
     SockAddr s1 = Parsed(AF_RS485, "3@ttyS1!9600/8/n/1"), s2 = Parsed(AF_RS485, "3@ttyS1!4800/7/e/2");
     EXPECT_TRUE(s1 == s2);
@@ -246,9 +215,8 @@ TEST(SockAddr, OrderingUsesTheExactUnitDifference)
 
     // IPv4 compares the raw word: on a little-endian host the last octet weighs most.
     SockAddr a = Parsed(AF_INET, "1.0.0.2"), b = Parsed(AF_INET, "2.0.0.1");
-    bool littleEndian = htonl(1) != 1;
-    EXPECT_EQ(b < a, littleEndian);
-    EXPECT_EQ(a < b, !littleEndian);
+    EXPECT_EQ(b < a, htonl(1) != 1);
+    EXPECT_EQ(a < b, htonl(1) == 1);
 
     EXPECT_FALSE(SockAddr(AF_NAME, "zz") < Parsed(AF_INET, "1.1.1.1"));
     EXPECT_TRUE(Parsed(AF_INET, "9.9.9.9") < SockAddr(AF_NAME, "a"));  // family 2 before 33
@@ -268,7 +236,7 @@ TEST(SockAddr, HostentConstructorIsCrossed)
     h.h_addr_list = list;
     SockAddr a(&h);
     EXPECT_EQ(a.GetAF(), AF_INET);
-    EXPECT_EQ(memcmp(&a.Get().in6.sin6_addr, &h.h_addr_list, 4), 0);  // the pointer's bytes
+    EXPECT_EQ(memcmp(&a.Get().in6.sin6_addr, &h.h_addr_list, 4), 0);  // the pointer's bytes, not the address
     EXPECT_EQ(a.Get().in4.sin_addr.s_addr, 0u);
 }
 
