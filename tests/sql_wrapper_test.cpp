@@ -45,6 +45,12 @@ protected:
             for (const std::string& failure : m_server->Failures()) ADD_FAILURE() << failure;
     }
     void TearDown() override { Finish(); }
+    // A client of one prepared connection answering each statement in turn.
+    SqlWrapper& Answering(const std::vector<std::pair<std::string, std::string>>& answers)
+    {
+        Serve({Answers(answers)});
+        return Sql();
+    }
     SqlWrapper& Sql(int retries = 0, int maxLineLen = 2048)
     {
         m_sql = std::make_unique<SqlWrapper>(&m_addr, nullptr, maxLineLen, retries);
@@ -231,8 +237,7 @@ TEST_F(RetryTest, BaseReconnectKeepsItsOwnLoop)
 TEST_F(ClientTest, StatementWithoutSemicolonNeverReachesTheServer)
 {
     StderrCapture err;
-    Serve({Answers({{"SELECT 1;", "1\n1\n"}})});
-    SqlWrapper& sql = Sql();
+    SqlWrapper& sql = Answering({{"SELECT 1;", "1\n1\n"}});
     EXPECT_FALSE(sql.Exec("SELECT 1"));
     EXPECT_TRUE(sql.GetRV());
     EXPECT_FALSE(sql.Exec(""));
@@ -251,8 +256,7 @@ TEST_F(ClientTest, RowsAreCutToTheColumnLimit)
         header += "|c" + std::to_string(i);
         row += "|" + std::to_string(i);
     }
-    Serve({Answers({{"SELECT *;", header + "\n" + row + "\n" + row + "\n"}})});
-    SqlWrapper& sql = Sql();
+    SqlWrapper& sql = Answering({{"SELECT *;", header + "\n" + row + "\n" + row + "\n"}});
     ASSERT_TRUE(sql.Exec("SELECT *;"));
     EXPECT_EQ(sql.GetHeaders().size(), 30u);
     std::vector<std::string> columns;
@@ -272,8 +276,7 @@ TEST_F(ClientTest, NextParsedRemovesEscapesAndSplitsAtSeparators)
         {"a\\\\b|c", {"a\\b", "c"}}, {"ab\\", {"ab"}},        {"", {}}};
     std::string answer = "h\n";
     for (const auto& row : rows) answer += row.first + "\n";
-    Serve({Answers({{"SELECT h;", answer + "a|b\\|c|d\\|e\n"}})});
-    SqlWrapper& sql = Sql();
+    SqlWrapper& sql = Answering({{"SELECT h;", answer + "a|b\\|c|d\\|e\n"}});
     ASSERT_TRUE(sql.Exec("SELECT h;"));
     for (const auto& [line, want] : rows) {
         char* columns[8];
@@ -292,8 +295,7 @@ TEST_F(ClientTest, NextParsedRemovesEscapesAndSplitsAtSeparators)
 
 TEST_F(ClientTest, MapRowsPairColumnsWithHeaderNames)
 {
-    Serve({Answers({{"SELECT dup;", "id|name|id\n1|x|2\n"}, {"SELECT few;", "a|b\n1|2|3\n"}})});
-    SqlWrapper& sql = Sql();
+    SqlWrapper& sql = Answering({{"SELECT dup;", "id|name|id\n1|x|2\n"}, {"SELECT few;", "a|b\n1|2|3\n"}});
     std::map<std::string, std::string> row;
     ASSERT_TRUE(sql.Exec("SELECT dup;"));
     ASSERT_TRUE(sql.Next(row));
@@ -308,13 +310,12 @@ TEST_F(ClientTest, MapRowsPairColumnsWithHeaderNames)
 TEST_F(ClientTest, ResultsWithoutRowsWithErrorsAndUndrained)
 {
     StderrCapture err;
-    Serve({Answers({{"INSERT 1;", ""},
+    SqlWrapper& sql = Answering({{"INSERT 1;", ""},
                     {"SELECT none;", "a|b\n"},
                     {"SELECT bad;", "Error: near \"bad\": syntax error\n"},
                     {"SELECT T;", "\vError: no such table: T\n"},
                     {"SELECT a;", "a\n1\n2\n3\n"},
-                    {"SELECT 2;", "v\n2\n"}})});
-    SqlWrapper& sql = Sql();
+                    {"SELECT 2;", "v\n2\n"}});
     ASSERT_TRUE(sql.Exec("INSERT 1;"));
     EXPECT_TRUE(sql.Eof());
     EXPECT_TRUE(sql.GetHeaders().empty());

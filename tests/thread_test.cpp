@@ -44,9 +44,9 @@ private:
     std::atomic<int>* m_gone;
 };
 
-TEST(Thread, StartsOnceAndIsRunningWhenStartReturns)
+TEST(Thread, StartsOnceStopsSilentlyAndIsRunningWhenStartReturns)
 {
-    LoopThread thread("worker"), nowait("nowait");
+    LoopThread thread("worker"), nowait("nowait", false);
     EXPECT_EQ(thread.Tid(), -1);
     EXPECT_FALSE(thread.IsRunning());
     ASSERT_TRUE(thread.Start());
@@ -61,17 +61,11 @@ TEST(Thread, StartsOnceAndIsRunningWhenStartReturns)
     ASSERT_TRUE(nowait.Start(true));
     EXPECT_FALSE(nowait.Start(true)) << "a no-wait start counts as started";
     EXPECT_TRUE(WaitUntil([&] { return nowait.IsRunning(); }, ScaledMs(5000)));
-}
-
-TEST(Thread, StopOfUnstartedThreadAndNoWaitStopReturnAtOnceSilently)
-{
     StderrCapture err;
-    LoopThread idle("idle"), running("running", false);
-    EXPECT_TRUE(idle.Stop());
-    ASSERT_TRUE(running.Start());
-    EXPECT_TRUE(running.Stop(true));
-    EXPECT_TRUE(running.ShouldStop());
-    EXPECT_TRUE(running.IsRunning());
+    EXPECT_TRUE(LoopThread("idle").Stop()) << "an unstarted thread";
+    EXPECT_TRUE(nowait.Stop(true)) << "a no-wait stop returns at once";
+    EXPECT_TRUE(nowait.ShouldStop());
+    EXPECT_TRUE(nowait.IsRunning());
     EXPECT_EQ(err.Take(), "");
 }
 
