@@ -80,23 +80,17 @@ protected:
 
 TEST_F(ClientTest, ConnectSkipsBannerLinesAndAnnouncesItself)
 {
-    struct Case {
-        const char* comment;
-        const char* announced;
-        const char* banner;
-    };
-    const std::vector<Case> cases = {{"tester", "tester", ""},
-                                     {"tester", "tester", "Welcome to the shell\nversion 1.0\n"},
-                                     {"tester", "tester", "a\n\nbc\r\n"},
-                                     {"tester", "tester", "#>x\n"},
-                                     {"", "", ""},
-                                     {nullptr, "Unknown connection", ""}};
+    // A missing comment is announced as "Unknown connection".
+    const std::vector<std::pair<const char*, std::string>> cases = {
+        {"tester", ""}, {"tester", "Welcome to the shell\nversion 1.0\n"}, {"tester", "a\n\nbc\r\n"},
+        {"tester", "#>x\n"}, {"", ""}, {nullptr, ""}};
     std::vector<Script> scripts;
-    for (const Case& c : cases) scripts.push_back(Greeting(c.announced, c.banner));
+    for (const auto& [comment, banner] : cases)
+        scripts.push_back(Greeting(comment ? comment : "Unknown connection", banner));
     Serve(scripts);
-    for (const Case& c : cases) {
-        PrivateConnection& connection = Connection(c.comment);
-        EXPECT_TRUE(connection.Connect()) << c.announced << c.banner;
+    for (const auto& [comment, banner] : cases) {
+        PrivateConnection& connection = Connection(comment);
+        EXPECT_TRUE(connection.Connect()) << banner;
         EXPECT_TRUE(connection.Eof());
         connection.Close();
         EXPECT_FALSE(connection.Connected());
@@ -140,22 +134,15 @@ TEST_F(ClientTest, ReadLineLengthsMarkerAndErrorLines)
                 {Send("12345678\n123456789\n1234567890\n\v\n\vError: no such table: T\nconsumed\nafter\r")})});
     PrivateConnection& connection = Connection();
     ASSERT_TRUE(connection.Connect());
-    struct Line {
-        int result;
-        const char* text;
-        bool eof;
-    };
-    for (const Line& want : std::vector<Line>{{8, "12345678", false},
-                                              {9, "123456789", false},
-                                              {10, "1234567890", false},
-                                              {0, "", true},
-                                              {-EIO, nullptr, false},  // Eof() of the consumed line
-                                              {5, "after", false}}) {
+    // Only the bare marker is an end; the error line is consumed with the next.
+    const std::vector<std::pair<int, const char*>> lines = {
+        {8, "12345678"}, {9, "123456789"}, {10, "1234567890"}, {0, ""}, {-EIO, nullptr}, {5, "after"}};
+    for (auto [result, text] : lines) {
         int n = connection.ReadLine();
-        ASSERT_EQ(n, want.result);
-        EXPECT_EQ(connection.Eof(), want.eof) << n;
-        if (want.text) {
-            EXPECT_EQ(std::string(connection.Line(), static_cast<size_t>(n)), want.text);
+        ASSERT_EQ(n, result);
+        EXPECT_EQ(connection.Eof(), n == 0) << n;
+        if (text) {
+            EXPECT_EQ(std::string(connection.Line(), static_cast<size_t>(n)), text);
         }
     }
     EXPECT_EQ(connection.LastError(), "Error: no such table: T");
