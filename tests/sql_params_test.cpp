@@ -5,12 +5,10 @@
 
 namespace {
 
-const char* const kInsert =
-    "INSERT INTO Events (EvntDateTime, EvntDscID, UsrID, HwID, EvntData) "
-    "VALUES(:EvntDateTime, :EvntDscID, :UsrID, :HwID, :EvntData);";
+enum Form { FIRST, STRING, ALL_BARE, ALL_QUOTED };
 
 struct Case {
-    const char* label;
+    Form form;
     const char* query;
     const char* name;
     const char* value;
@@ -18,56 +16,40 @@ struct Case {
     const char* result;
 };
 
-void ExpectCases(const std::vector<Case>& cases,
-                 bool (*replace)(std::string&, const std::string&, const std::string&))
+bool Replace(Form form, std::string& query, const std::string& name, const std::string& value)
 {
-    for (const Case& c : cases) {
-        std::string query = c.query;
-        EXPECT_EQ(replace(query, c.name, c.value), c.replaced) << c.label;
-        EXPECT_EQ(query, c.result) << c.label;
+    switch (form) {
+    case FIRST: return sql_param_replace(query, name, value);
+    case STRING: return sql_param_replace_str(query, name, value);
+    default: return sql_param_replace_all(query, name, value, form == ALL_QUOTED);
     }
 }
 
-bool ReplaceAllBare(std::string& q, const std::string& n, const std::string& v)
+TEST(SqlParams, ReplacesReferencesInEachForm)
 {
-    return sql_param_replace_all(q, n, v, false);
-}
-
-bool ReplaceAllQuoted(std::string& q, const std::string& n, const std::string& v)
-{
-    return sql_param_replace_all(q, n, v, true);
-}
-
-TEST(SqlParams, ReplaceFirstOnly)
-{
-    ExpectCases({{"first of two", "a=:HwID OR b=:HwID;", "HwID", "7", true, "a=7 OR b=:HwID;"},
-                 {"absent", "a=:HwID;", "UsrID", "7", false, "a=:HwID;"},
-                 {"case matters", "a=:HwID;", "hwid", "7", false, "a=:HwID;"},
-                 {"prefix of longer name", "x=:Evnt, y=:EvntData;", "Evnt", "1", true, "x=1, y=:EvntData;"},
-                 {"inside longer reference", "y=:EvntData;", "Evnt", "1", true, "y=1Data;"},
-                 {"inside a literal", "'a:b';", "b", "2", true, "'a2';"}},
-                sql_param_replace);
-}
-
-TEST(SqlParams, ReplaceStringQuotesAndDoublesQuotesOnly)
-{
-    ExpectCases({{"quote doubled", "v=:S;", "S", "12\"x", true, "v=\"12\"\"x\";"},
-                 {"empty", "v=:S;", "S", "", true, "v=\"\";"},
-                 {"others pass", "v=:S;", "S", "a'b\\c\t", true, "v=\"a'b\\c\t\";"},
-                 {"first only", ":S,:S", "S", "q", true, "\"q\",:S"},
-                 {"absent", "v=:T;", "S", "q", false, "v=:T;"}},
-                sql_param_replace_str);
-}
-
-TEST(SqlParams, ReplaceAllWithOrWithoutQuotes)
-{
-    ExpectCases({{"both", "a=:HwID OR b=:HwID;", "HwID", "7", true, "a=7 OR b=7;"},
-                 {"absent", "a=1;", "HwID", "7", false, "a=1;"},
-                 {"bare value", ":v", "v", "x\"y", true, "x\"y"}},
-                ReplaceAllBare);
-    ExpectCases({{"quoted, not doubled", ":v,:v", "v", "x\"y", true, "\"x\"y\",\"x\"y\""},
-                 {"empty", ":v", "v", "", true, "\"\""}},
-                ReplaceAllQuoted);
+    const Case cases[] = {
+        {FIRST, "a=:HwID OR b=:HwID;", "HwID", "7", true, "a=7 OR b=:HwID;"},
+        {FIRST, "a=:HwID;", "UsrID", "7", false, "a=:HwID;"},
+        {FIRST, "a=:HwID;", "hwid", "7", false, "a=:HwID;"},
+        {FIRST, "x=:Evnt, y=:EvntData;", "Evnt", "1", true, "x=1, y=:EvntData;"},
+        {FIRST, "y=:EvntData;", "Evnt", "1", true, "y=1Data;"},
+        {FIRST, "'a:b';", "b", "2", true, "'a2';"},
+        {STRING, "v=:S;", "S", "12\"x", true, "v=\"12\"\"x\";"},
+        {STRING, "v=:S;", "S", "", true, "v=\"\";"},
+        {STRING, "v=:S;", "S", "a'b\\c\t", true, "v=\"a'b\\c\t\";"},
+        {STRING, ":S,:S", "S", "q", true, "\"q\",:S"},
+        {STRING, "v=:T;", "S", "q", false, "v=:T;"},
+        {ALL_BARE, "a=:HwID OR b=:HwID;", "HwID", "7", true, "a=7 OR b=7;"},
+        {ALL_BARE, "a=1;", "HwID", "7", false, "a=1;"},
+        {ALL_BARE, ":v", "v", "x\"y", true, "x\"y"},
+        {ALL_QUOTED, ":v,:v", "v", "x\"y", true, "\"x\"y\",\"x\"y\""},
+        {ALL_QUOTED, ":v", "v", "", true, "\"\""},
+    };
+    for (const Case& c : cases) {
+        std::string query = c.query;
+        EXPECT_EQ(Replace(c.form, query, c.name, c.value), c.replaced) << c.query << " " << c.name;
+        EXPECT_EQ(query, c.result) << c.query << " " << c.name;
+    }
 }
 
 TEST(SqlParams, ReplaceAllRefusesAValueHoldingItsOwnReference)
@@ -77,19 +59,6 @@ TEST(SqlParams, ReplaceAllRefusesAValueHoldingItsOwnReference)
     EXPECT_FALSE(sql_param_replace_all(query, "v", "(:v)", false));
     EXPECT_EQ(query, "a=:v;");
     EXPECT_EQ(LogLines(err.Take()), "warn <SqlWrapper> Value of \":v\" holds its own reference.\n");
-}
-
-TEST(SqlParams, FillsTheSelfTestInsert)
-{
-    std::string query = kInsert;
-    EXPECT_TRUE(sql_param_replace(query, "EvntDateTime", "'2026-01-01 00:00:00'"));
-    EXPECT_TRUE(sql_param_replace(query, "EvntDscID", "3"));
-    EXPECT_TRUE(sql_param_replace(query, "UsrID", "0"));
-    EXPECT_TRUE(sql_param_replace(query, "HwID", "12"));
-    EXPECT_TRUE(sql_param_replace_str(query, "EvntData", "vtest \"self\" test"));
-    EXPECT_EQ(query,
-              "INSERT INTO Events (EvntDateTime, EvntDscID, UsrID, HwID, EvntData) "
-              "VALUES('2026-01-01 00:00:00', 3, 0, 12, \"vtest \"\"self\"\" test\");");
 }
 
 }  // namespace

@@ -16,15 +16,16 @@
 namespace {
 
 // Loops until asked to stop; with obeyStop false only `release` ends it.
+// Counts its destructions in `gone`, to see a self-deleting thread go.
 class LoopThread : public Thread {
 public:
-    explicit LoopThread(const char* name, bool obeyStop = true) : Thread(name), m_obeyStop(obeyStop) {}
-    ~LoopThread() override { Finish(); }
-
-    void Finish()
+    explicit LoopThread(const char* name, bool obeyStop = true, std::atomic<int>* gone = nullptr)
+        : Thread(name), m_obeyStop(obeyStop), m_gone(gone) {}
+    ~LoopThread() override
     {
         release = true;
         Stop(false);
+        if (m_gone) (*m_gone)++;
     }
 
     std::atomic<bool> release{false};
@@ -40,29 +41,12 @@ protected:
 
 private:
     bool m_obeyStop;
+    std::atomic<int>* m_gone;
 };
 
-// Counts destructions, to see a self-deleting thread go.
-class SelfDeleting : public LoopThread {
-public:
-    explicit SelfDeleting(std::atomic<int>& gone) : LoopThread("self"), m_gone(gone) {}
-    ~SelfDeleting() override { m_gone++; }
-
-private:
-    std::atomic<int>& m_gone;
-};
-
-std::string KernelName(pid_t tid)
+TEST(Thread, StartsOnceStopsSilentlyAndIsRunningWhenStartReturns)
 {
-    std::ifstream comm("/proc/self/task/" + std::to_string(tid) + "/comm");
-    std::string name;
-    std::getline(comm, name);
-    return name;
-}
-
-TEST(Thread, StartsOnceAndIsRunningWhenStartReturns)
-{
-    LoopThread thread("worker");
+    LoopThread thread("worker"), nowait("nowait", false);
     EXPECT_EQ(thread.Tid(), -1);
     EXPECT_FALSE(thread.IsRunning());
     ASSERT_TRUE(thread.Start());
@@ -74,61 +58,45 @@ TEST(Thread, StartsOnceAndIsRunningWhenStartReturns)
     EXPECT_FALSE(thread.IsRunning());
     EXPECT_FALSE(thread.Start()) << "an ended thread is not started again";
     EXPECT_TRUE(thread.Stop()) << "a second stop after the join";
-}
-
-TEST(Thread, NoWaitStartCountsAsStarted)
-{
-    LoopThread thread("nowait");
-    ASSERT_TRUE(thread.Start(true));
-    EXPECT_FALSE(thread.Start(true));
-    EXPECT_TRUE(WaitUntil([&] { return thread.IsRunning(); }, ScaledMs(5000)));
-}
-
-TEST(Thread, StopOfUnstartedThreadAndNoWaitStopReturnAtOnceSilently)
-{
+    ASSERT_TRUE(nowait.Start(true));
+    EXPECT_FALSE(nowait.Start(true)) << "a no-wait start counts as started";
+    EXPECT_TRUE(WaitUntil([&] { return nowait.IsRunning(); }, ScaledMs(5000)));
     StderrCapture err;
-    LoopThread idle("idle");
-    EXPECT_TRUE(idle.Stop());
-    LoopThread running("running", false);
-    ASSERT_TRUE(running.Start());
-    EXPECT_TRUE(running.Stop(true));
-    EXPECT_TRUE(running.ShouldStop());
-    EXPECT_TRUE(running.IsRunning());
+    EXPECT_TRUE(LoopThread("idle").Stop()) << "an unstarted thread";
+    EXPECT_TRUE(nowait.Stop(true)) << "a no-wait stop returns at once";
+    EXPECT_TRUE(nowait.ShouldStop());
+    EXPECT_TRUE(nowait.IsRunning());
     EXPECT_EQ(err.Take(), "");
-}
-
-TEST(Thread, StopWithoutWaitTimeFailsAtOnce)
-{
-    StderrCapture err;
-    LoopThread thread("stubborn", false);
-    ASSERT_TRUE(thread.Start());
-    thread.MaxWaitTime(0);
-    EXPECT_FALSE(thread.Stop());
-    EXPECT_EQ(LogLines(err.Take()), "err  Unable to stop thread within 0 seconds.\n");
-    thread.MaxWaitTime(20);
 }
 
 TEST(Thread, StopCountsItsWaitsAndGivesUp)
 {
-    StderrCapture err;
-    LoopThread thread("stubborn", false);
-    ASSERT_TRUE(thread.Start());
-    thread.MaxWaitTime(2);
-    EXPECT_FALSE(thread.Stop());
-    EXPECT_EQ(LogLines(err.Take()),
-              "warn Still waiting for thread 'stubborn' (1/2).\n"
-              "warn Still waiting for thread 'stubborn' (2/2).\n"
-              "err  Unable to stop thread within 2 seconds.\n");
-    thread.release = true;
-    thread.MaxWaitTime(20);
-    EXPECT_TRUE(thread.Stop());
+    const std::pair<int, const char*> cases[] = {
+        {0, "err  Unable to stop thread within 0 seconds.\n"},
+        {2, "warn Still waiting for thread 'stubborn' (1/2).\n"
+            "warn Still waiting for thread 'stubborn' (2/2).\n"
+            "err  Unable to stop thread within 2 seconds.\n"}};
+    for (auto [seconds, log] : cases) {
+        StderrCapture err;
+        LoopThread thread("stubborn", false);
+        ASSERT_TRUE(thread.Start());
+        thread.MaxWaitTime(seconds);
+        EXPECT_FALSE(thread.Stop());
+        EXPECT_EQ(LogLines(err.Take()), log);
+        thread.release = true;
+        thread.MaxWaitTime(20);
+        EXPECT_TRUE(thread.Stop());
+    }
 }
 
 TEST(Thread, KernelSeesFirstFifteenCharactersOfTheName)
 {
     LoopThread thread("0123456789abcdefXYZ");
     ASSERT_TRUE(thread.Start());
-    EXPECT_EQ(KernelName(thread.Tid()), "0123456789abcde");
+    std::ifstream comm("/proc/self/task/" + std::to_string(thread.Tid()) + "/comm");
+    std::string name;
+    std::getline(comm, name);
+    EXPECT_EQ(name, "0123456789abcde");
     EXPECT_STREQ(thread.Name(), "0123456789abcdefXYZ");
 }
 
@@ -142,19 +110,26 @@ TEST(Thread, DetachedThreadIsNotJoined)
     EXPECT_TRUE(WaitUntil([&] { return !thread.IsRunning(); }, ScaledMs(5000)));
 }
 
-TEST(Thread, SelfDeletingThreadGoesWhenItEnds)
+TEST(Thread, SelfDeletingThreadGoesWhenItEndsOrAtFini)
 {
-    std::atomic<int> gone{0};
-    auto* thread = new SelfDeleting(gone);
-    thread->Delete();
-    ASSERT_TRUE(thread->Start());
-    thread->Stop(true);
-    // The thread deletes itself under the list lock: looking under it too
-    // means the thread is done with the object and the registries.
-    EXPECT_TRUE(WaitUntil([&] {
-        MUTEX_GUARD(Thread::m_objListLock);
-        return gone == 1;
-    }, ScaledMs(5000)));
+    for (bool byFini : {false, true}) {
+        std::atomic<int> gone{0};
+        auto* thread = new LoopThread("self", true, &gone);
+        thread->Delete();
+        ASSERT_TRUE(thread->Start());
+        if (byFini) {
+            EXPECT_TRUE(Thread::Fini());
+            EXPECT_EQ(gone, 1);
+            continue;
+        }
+        thread->Stop(true);
+        // The thread deletes itself under the list lock: looking under it too
+        // means the thread is done with the object and the registries.
+        EXPECT_TRUE(WaitUntil([&] {
+            MUTEX_GUARD(Thread::m_objListLock);
+            return gone == 1;
+        }, ScaledMs(5000)));
+    }
 }
 
 TEST(Thread, SignalAllStopReachesEveryThread)
@@ -166,16 +141,6 @@ TEST(Thread, SignalAllStopReachesEveryThread)
     EXPECT_TRUE(a.ShouldStop());
     EXPECT_TRUE(b.ShouldStop());
     EXPECT_TRUE(WaitUntil([&] { return !a.IsRunning() && !b.IsRunning(); }, ScaledMs(5000)));
-}
-
-TEST(Thread, FiniWaitsForSelfDeletingThreadsToGo)
-{
-    std::atomic<int> gone{0};
-    auto* thread = new SelfDeleting(gone);
-    thread->Delete();
-    ASSERT_TRUE(thread->Start());
-    EXPECT_TRUE(Thread::Fini());
-    EXPECT_EQ(gone, 1);
 }
 
 TEST(Thread, FiniReportsThreadsStillListed)
@@ -192,15 +157,13 @@ TEST(Thread, RunningTimeReadsTicksPastBlanksAndParenthesesInTheName)
     LoopThread thread("a) 1 2 3");
     long kernel = 9, user = 9;
     thread.RunningTime(kernel, user);
-    EXPECT_EQ(kernel, 0);
-    EXPECT_EQ(user, 0);
+    EXPECT_EQ(std::make_pair(kernel, user), std::make_pair(0L, 0L)) << "zero before the start";
     thread.spin = true;
     ASSERT_TRUE(thread.Start());
     EXPECT_TRUE(WaitUntil([&] {
         thread.RunningTime(kernel, user);
         return user > 0;
     }, ScaledMs(10000)));
-    EXPECT_GE(kernel, 0);
 }
 
 TEST(Thread, SetPriorityPicksLowestHighestOrMidpoint)
@@ -210,18 +173,13 @@ TEST(Thread, SetPriorityPicksLowestHighestOrMidpoint)
     sched_param param{};
     param.sched_priority = 1;
     if (pthread_setschedparam(thread.ThreadId(), SCHED_RR, &param) != 0) GTEST_SKIP() << "no real-time rights";
-    auto priority = [&] {
+    for (auto [level, priority] : {std::pair<int, int>{5, 50}, {INT_MAX, 99}, {INT_MIN, 1}}) {
+        thread.SetPriority(level);
         int policy;
         pthread_getschedparam(thread.ThreadId(), &policy, &param);
         EXPECT_EQ(policy, SCHED_RR);
-        return param.sched_priority;
-    };
-    thread.SetPriority(5);
-    EXPECT_EQ(priority(), 50);
-    thread.SetPriority(INT_MAX);
-    EXPECT_EQ(priority(), 99);
-    thread.SetPriority(INT_MIN);
-    EXPECT_EQ(priority(), 1);
+        EXPECT_EQ(param.sched_priority, priority) << level;
+    }
 }
 
 }  // namespace
