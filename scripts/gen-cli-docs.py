@@ -38,14 +38,19 @@ def c_string_literals(text):
     return entries
 
 
+def read_table(path, name):
+    """The text between the braces of the C array `name` in `path`."""
+    source = open(path, encoding="utf-8").read()
+    m = re.search(name + r"\[\]\s*=\s*\{(.*?)\};", source, re.S)
+    if not m:
+        fail(f"{path}: no {name} table")
+    return m.group(1)
+
+
 def read_usage(path):
     """[(word, synopsis after the program name, description)] in usage order."""
-    source = open(path, encoding="utf-8").read()
-    m = re.search(r"kEntries\[\]\s*=\s*\{(.*?)\};", source, re.S)
-    if not m:
-        fail(f"{path}: no kEntries table")
     usage = []
-    for entry in c_string_literals(m.group(1)):
+    for entry in c_string_literals(read_table(path, "kEntries")):
         parts = re.fullmatch(r"%s ?(.*)\n\t(.*)\n", entry)
         if not parts:
             fail(f"{path}: usage entry not '%s ...\\n\\t...\\n': {entry!r}")
@@ -56,11 +61,7 @@ def read_usage(path):
 
 
 def read_command_words(path):
-    source = open(path, encoding="utf-8").read()
-    m = re.search(r"kCommands\[\]\s*=\s*\{(.*?)\};", source, re.S)
-    if not m:
-        fail(f"{path}: no kCommands table")
-    return re.findall(r'\{\s*"([^"]+)"\s*,', m.group(1))
+    return re.findall(r'\{\s*"([^"]+)"\s*,', read_table(path, "kCommands"))
 
 
 def read_sections(path):
