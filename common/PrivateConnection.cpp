@@ -19,14 +19,13 @@ namespace {
 const char kFile[] = "PrivateConnection.cpp";
 const char kErrorPrefix[] = "Error: ";
 const char kEndMarker = '\v';
-const unsigned kDefaultPort = 3543;
 // A server error line consumes the line after it, which may be an error
 // line itself; a hostile server must not make that recursion unbounded.
 const int kMaxErrorChain = 8;
 // ShouldContinue sleeps its second in these steps, watching for a stop.
 const int kSleepStepMs = 10;
 
-SockAddr private_default_addr() { return SockAddr(AF_INET, 0x7F000001u, static_cast<int>(kDefaultPort)); }
+SockAddr private_default_addr() { return SockAddr(AF_INET, 0x7F000001u, static_cast<int>(kServicePort)); }
 
 int private_clamp_line_len(int maxLineLen)
 {

@@ -49,6 +49,11 @@ public:
     // Called with each complete line; its result becomes the line's length.
     virtual int ProcessCompleteLine(char* /*line*/, int len) { return len; }
     virtual void JamTogehter(bool /*on*/) {}
+    // Added after the slots above: what waits to be read, found without
+    // waiting. The number of bytes received and not yet read, -EPIPE when
+    // only the peer's close waits (or the connection is closed), 0 when
+    // nothing does. The base keeps no read-ahead and says 0.
+    virtual int Pending() { return 0; }
 
     // Sends through vprintf: its result.
     int printf(const char* format, ...) __attribute__((format(printf, 2, 3)));

@@ -152,8 +152,12 @@ bool Socket::Connect()
     bool fresh = m_fd == -1;
     if (!Create()) return false;
     if (!FamilySupported(__PRETTY_FUNCTION__, __LINE__)) return false;
-    if (connect(m_fd, &m_remote.Get().addr, kAddrLen) != 0) {
-        syslog_safe(3, "<%s> Unable to connect (%d).", m_remote_str, errno);
+    int err = 0;
+    if (m_connectTimeoutMs > 0) err = ConnectBounded();
+    else if (connect(m_fd, &m_remote.Get().addr, kAddrLen) != 0) err = socket_errno();
+    m_connectErrno = err;
+    if (err != 0) {
+        syslog_safe(3, "<%s> Unable to connect (%d).", m_remote_str, err);
         // A fresh descriptor for the next try: a failed one is unusable.
         if (fresh) Disconnect();
         return false;
@@ -169,6 +173,38 @@ bool Socket::Connect()
     if (rv < 0) syslog_safe(4, "Can't get local socket address (%d).", -rv);
     socket_set_receive_timeout(m_fd);
     return true;
+}
+
+// connect() that gives up after ConnectTimeout(): 0 or an errno, ETIMEDOUT
+// when the time ran out. A stop that shuts the descriptor down ends it too.
+int Socket::ConnectBounded()
+{
+    const int fd = m_fd;
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fcntl(fd, F_SETFL, flags | O_NONBLOCK) < 0) return socket_errno();
+    int err = connect(fd, &m_remote.Get().addr, kAddrLen) == 0 ? 0 : errno;
+    TimeSpan waiting;
+    while (err == EINPROGRESS || err == EINTR) {
+        int left = m_connectTimeoutMs - waiting.DurationMs();
+        if (left <= 0) {
+            err = ETIMEDOUT;
+        } else if (daemon_should_exit) {
+            err = EINTR;
+            break;
+        } else {
+            pollfd pfd = {fd, POLLOUT, 0};
+            int n = poll(&pfd, 1, std::min(left, kPollMs));
+            if (n < 0 && errno != EINTR) {
+                err = errno;
+            } else if (n > 0) {
+                socklen_t len = sizeof err;
+                if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &err, &len) != 0) err = errno;
+                else if (err == 0 && (pfd.revents & (POLLHUP | POLLERR))) err = ECONNRESET;
+            }
+        }
+    }
+    (void)fcntl(fd, F_SETFL, flags);
+    return err;
 }
 
 void Socket::Disconnect()
@@ -250,24 +286,48 @@ ssize_t Socket::write(const void* buf, size_t len)
 {
     const char* p = static_cast<const char*>(buf);
     size_t left = len;
+    // Without a bound the send itself may block, as it always has.
+    const int flags = MSG_NOSIGNAL | (m_waitTimeoutMs > 0 ? MSG_DONTWAIT : 0);
+    TimeSpan waiting;
     while (left > 0 && !daemon_should_exit) {
-        ssize_t n = send(m_fd, p, left, MSG_NOSIGNAL);
+        ssize_t n = send(m_fd, p, left, flags);
         if (n > 0) {
             Sent(static_cast<size_t>(n));
             p += n;
             left -= static_cast<size_t>(n);
+            waiting.Reset();
             continue;
         }
         int err = n == 0 ? EAGAIN : errno;
         if (err == EAGAIN || err == EWOULDBLOCK) {
-            pollfd pfd = {m_fd, POLLOUT, 0};
-            (void)poll(&pfd, 1, kPollMs);
+            int rv = Await(POLLOUT, waiting);
+            if (rv < 0) return rv;
         } else if (err != EINTR) {
             if (err == EPIPE) Disconnect();
             return -err;
         }
     }
     return static_cast<ssize_t>(len - left);
+}
+
+// One slice of a wait for `events`: 0 when it ended (ready or not),
+// -ETIMEDOUT when WaitTimeout() has passed since `waiting` began, -EPIPE
+// when a read finds the link dead (which disconnects).
+int Socket::Await(short events, const TimeSpan& waiting)
+{
+    int slice = kPollMs;
+    if (m_waitTimeoutMs > 0) {
+        int left = m_waitTimeoutMs - waiting.DurationMs();
+        if (left <= 0) return -ETIMEDOUT;
+        slice = std::min(slice, left);
+    }
+    if (events == POLLIN && LinkDead()) {
+        Disconnect();
+        return -EPIPE;
+    }
+    pollfd pfd = {m_fd, events, 0};
+    (void)poll(&pfd, 1, slice);
+    return 0;
 }
 
 // Line assembly hands out one byte per call, so this is the hot path: the
@@ -289,17 +349,19 @@ void Socket::Received(size_t n)
 bool Socket::LinkDead() const { return m_linkDeadTimeout != -1 && m_lastRx.Duration() > m_linkDeadTimeout; }
 
 // One read from the buffer, or from the descriptor (through the buffer
-// when the request is small and the flags allow): a count, 0 for a closed
-// peer, or -1 with errno.
+// when the request is small and the flags allow), never waiting when flags
+// are 0 (read() waits between tries): a count, 0 for a closed peer, or -1
+// with errno.
 ssize_t Socket::Fetch(char* buf, size_t len, int flags)
 {
+    const int recvFlags = flags ? flags : MSG_DONTWAIT;
     if (Buffered() == 0 && m_ahead && !m_f && (flags & ~MSG_DONTWAIT) == 0 && len < kAheadLen) {
-        ssize_t n = flags ? recv(m_fd, m_ahead, kAheadLen, flags) : ::read(m_fd, m_ahead, kAheadLen);
+        ssize_t n = recv(m_fd, m_ahead, kAheadLen, recvFlags);
         if (n <= 0) return n;
         m_aheadPos = 0;
         m_aheadEnd = static_cast<size_t>(n);
     }
-    if (Buffered() == 0) return flags ? recv(m_fd, buf, len, flags) : ::read(m_fd, buf, len);
+    if (Buffered() == 0) return recv(m_fd, buf, len, recvFlags);
     size_t n = std::min(len, Buffered());
     memcpy(buf, m_ahead + m_aheadPos, n);
     if (!(flags & MSG_PEEK)) m_aheadPos += n;
@@ -317,6 +379,7 @@ ssize_t Socket::read(void* buf, size_t len, int flags)
     char* p = static_cast<char*>(buf);
     size_t left = len;
     int err = 0;
+    TimeSpan waiting;  // each wait for a byte is bounded on its own
     while (left > 0) {
         ssize_t n = Fetch(p, left, flags);
         if (n > 0) {
@@ -325,21 +388,36 @@ ssize_t Socket::read(void* buf, size_t len, int flags)
             left -= static_cast<size_t>(n);
             err = 0;
             if (flags & MSG_PEEK) break;  // peeking again would copy the same bytes
+            waiting.Reset();
         } else if (n == 0) {
             return -EPIPE;
         } else if ((err = errno) == EAGAIN || err == EWOULDBLOCK) {
             if (flags) return static_cast<ssize_t>(len - left);  // 0 when nothing came
-            if (LinkDead()) {
-                Disconnect();
-                return -EPIPE;
-            }
-            TimeSpan::Sleep(kPollMs, 1);
+            int rv = Await(POLLIN, waiting);
+            if (rv < 0) return rv;
         } else if (err != EINTR) {
             return -err;
         }
         if (daemon_should_exit || m_fd == -1) break;
     }
     return err ? -err : static_cast<ssize_t>(len - left);
+}
+
+int Socket::Pending()
+{
+    if (m_fd == -1) return -EPIPE;
+    if (Buffered() > 0) return static_cast<int>(std::min(Buffered(), static_cast<size_t>(INT_MAX)));
+    char peek;
+    // With a stdio view the bytes must stay on the descriptor.
+    bool keep = m_ahead && !m_f;
+    ssize_t n = keep ? recv(m_fd, m_ahead, kAheadLen, MSG_DONTWAIT) : recv(m_fd, &peek, 1, MSG_PEEK | MSG_DONTWAIT);
+    if (n == 0) return -EPIPE;
+    if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? 0 : -errno;
+    if (keep) {
+        m_aheadPos = 0;
+        m_aheadEnd = static_cast<size_t>(n);
+    }
+    return static_cast<int>(n);
 }
 
 bool Socket::Poll(short events, bool& ready, long sec, long usec)

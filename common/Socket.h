@@ -25,8 +25,9 @@ public:
     // A new heap Socket for one accepted connection (the caller owns it),
     // or null when the descriptor is not in `set` or accept failed.
     Sock* AcceptListCheck(fd_set& set) override;
-    // Blocking connect to the remote address; false on failure (a
-    // descriptor made by this call is closed again).
+    // Connect to the remote address, blocking unless ConnectTimeout() is
+    // set; false on failure (a descriptor made by this call is closed
+    // again), with the reason in ConnectErrno().
     bool Connect() override;
     // Closes the FILE view and the descriptor; removes the Unix socket file
     // this object bound.
@@ -39,11 +40,13 @@ public:
     // text of BufLen() characters or more (BufLen() - 6 with checksums),
     // or a negated errno of the write.
     int vprintf(const char* format, va_list args) override;
-    // All len bytes, or a negated errno (-EPIPE disconnects).
+    // All len bytes, or a negated errno (-EPIPE disconnects; -ETIMEDOUT
+    // when WaitTimeout() is set and the peer took no byte within it).
     ssize_t write(const void* buf, size_t len) override;
     // flags 0: waits for all len bytes, polling every 100 ms; -EPIPE when
     // the peer closed or nothing came for LinkDeadTimeout() seconds (which
-    // disconnects). Other flags: recv() until len bytes came; the count so
+    // disconnects); -ETIMEDOUT when WaitTimeout() is set and no byte came
+    // within it (the connection stays). Other flags: recv() until len bytes came; the count so
     // far (0: nothing) when no more are available. Bytes read ahead from
     // the descriptor come first; they are counted when handed out here.
     ssize_t read(void* buf, size_t len, int flags) override;
@@ -59,6 +62,20 @@ public:
     bool NonBlocking(bool on) override;
     int ProcessCompleteLine(char* line, int len) override;
     void JamTogehter(bool on) override;
+    // Looks without waiting; see Sock. Bytes found are kept in the read-ahead.
+    int Pending() override;
+
+    // Additions that change nothing while 0, their default. The longest a
+    // Connect may take, and the longest each wait inside read() (flags 0)
+    // for a byte, or inside write() for room, may take; in milliseconds,
+    // each counted from the start of that wait (a byte that comes starts
+    // the next). A connect that runs out fails with ETIMEDOUT.
+    void ConnectTimeout(int ms) { m_connectTimeoutMs = ms; }
+    int ConnectTimeout() const { return m_connectTimeoutMs; }
+    void WaitTimeout(int ms) { m_waitTimeoutMs = ms; }
+    int WaitTimeout() const { return m_waitTimeoutMs; }
+    // The errno of the last failed Connect, 0 after a successful one.
+    int ConnectErrno() const { return m_connectErrno; }
 
     // A line beginning with "+" must carry "+<hex sum> " of the rest: the
     // rest is moved to the start and its length returned (len updated).
@@ -73,6 +90,8 @@ private:
     bool FamilySupported(const char* function, int line) const;
     bool Poll(short events, bool& ready, long sec, long usec);
     bool LinkDead() const;
+    int ConnectBounded();
+    int Await(short events, const TimeSpan& waiting);
     void Received(size_t n);
     void Sent(size_t n);
     ssize_t Fetch(char* buf, size_t len, int flags);
@@ -89,4 +108,7 @@ private:
     size_t m_aheadEnd;
     // Coarse-clock time of the last restart of the receive clock.
     timespec m_rxTick;
+    int m_connectTimeoutMs = 0;
+    int m_waitTimeoutMs = 0;
+    int m_connectErrno = 0;
 };

@@ -8,6 +8,9 @@
 // The prompt of the database shell and of the daemon command channel.
 extern const char strPrompt[];
 extern const int strlenPrompt;
+// The port of the database shell, the command channel and discovery, on
+// every unit; the default wherever an address gives none.
+constexpr unsigned short kServicePort = 3543;
 
 // Guarded allocator. Each block carries a guard before and after it and
 // the call site that made it; a damaged guard is logged (level 3) when the

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "SimDatabase.h"
+#include "utils.h"
 
 const char kSimUsage[] =
     "usage: vantor-sim [--listen=ADDR] [--db=PATH] [--events=N] [--not-ready=N] [--max-clients=N]\n"
@@ -123,7 +124,7 @@ bool sim_parse_options(int argc, char** argv, SimOptions& options, std::string& 
     SimOptions parsed;
     parsed.listen.in4.sin_family = AF_INET;
     parsed.listen.in4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    parsed.listen.in4.sin_port = htons(3543);
+    parsed.listen.in4.sin_port = htons(kServicePort);
     for (int i = 1; i < argc; ++i)
         if (!parse_one(argv[i], parsed, error)) return false;
     options = parsed;

@@ -10,7 +10,7 @@ bool parse_server_option(const char* text, SockAddr& addr)
         fprintf(stderr, "Invalid IPv4 address: \"%s\".\n", text);
         return false;
     }
-    if (addr.GetPort() == 0) addr.SetPort(kDefaultPort);
+    if (addr.GetPort() == 0) addr.SetPort(kServicePort);
     char buf[64];
     printf("Connecting to %s...\n", addr.Str(buf, true));
     return true;

@@ -2,12 +2,10 @@
 #pragma once
 
 #include "SockAddr.h"
-
-// The tool's default port, used when "--server=" gives none.
-const unsigned short kDefaultPort = 3543;
+#include "utils.h"
 
 // Parses `text` (after "--server=") as an IPv4 address with optional port
-// into `addr`, port 0 becoming kDefaultPort, and prints "Connecting to
+// into `addr`, port 0 becoming kServicePort, and prints "Connecting to
 // <addr:port>...". On failure prints "Invalid IPv4 address" to standard
 // error and returns false.
 bool parse_server_option(const char* text, SockAddr& addr);

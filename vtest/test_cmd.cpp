@@ -107,8 +107,9 @@ int main_test(int argc, char** argv)
     if (serverGiven && !parse_server_option(argv[1] + 9, server)) return -1;
 
     SqlWrapper sql(serverGiven ? &server : nullptr, nullptr, kLineLength, 0);
+    if (!serverGiven) server = SockAddr(AF_INET, 0x7F000001u, static_cast<int>(kServicePort));
     char where[64];
-    SelfTest test{sql, serverGiven ? server.Str(where, true) : "127.0.0.1:3543"};
+    SelfTest test{sql, server.Str(where, true)};
     std::string hwId = test.SelectHardware();
     if (!hwId.empty()) {
         std::string stamp = now_text();

@@ -11,21 +11,52 @@
 
 #include "wait.h"
 
+namespace {
+
+SockAddr loopback4() { return SockAddr(AF_INET, 0x7F000001u, 0); }
+
+// A listening socket on `addr` (port 0: a free one), its address with the
+// port in `bound`; -1 on failure.
+int listen_on(const SockAddr& addr, int backlog, SockAddr& bound)
+{
+    int fd = socket(addr.GetAF(), SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) return -1;
+    bound = addr;
+    socklen_t len = sizeof(sockaddr_all);
+    if (addr.GetAF() == AF_UNIX) (void)unlink(addr.Get().un.sun_path);
+    if (bind(fd, &addr.Get().addr, len) != 0 || listen(fd, backlog) != 0 ||
+        (addr.GetAF() != AF_UNIX && getsockname(fd, &bound.GetPrivate().addr, &len) != 0)) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+}  // namespace
+
+std::vector<ScriptStep> Trickle(const std::string& bytes, size_t size, int ms)
+{
+    std::vector<ScriptStep> steps;
+    for (size_t at = 0; at < bytes.size(); at += size) {
+        if (at > 0) steps.push_back(Wait(ms));
+        steps.push_back(Send(bytes.substr(at, size)));
+    }
+    return steps;
+}
+
 ScriptedServer::ScriptedServer(std::vector<Script> scripts, int stepTimeoutMs)
+    : ScriptedServer(std::move(scripts), loopback4(), stepTimeoutMs)
+{
+}
+
+ScriptedServer::ScriptedServer(std::vector<Script> scripts, const SockAddr& listen, int stepTimeoutMs)
     : m_scripts(std::move(scripts)), m_stepTimeoutMs(stepTimeoutMs)
 {
-    m_listenFd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    if (m_listenFd < 0 || bind(m_listenFd, reinterpret_cast<sockaddr*>(&addr), len) != 0 ||
-        listen(m_listenFd, 16) != 0 || getsockname(m_listenFd, reinterpret_cast<sockaddr*>(&addr), &len) != 0 ||
-        pipe2(m_wakePipe, O_CLOEXEC) != 0) {
+    m_listenFd = listen_on(listen, 16, m_addr);
+    if (m_listenFd < 0 || pipe2(m_wakePipe, O_CLOEXEC) != 0) {
         Fail("cannot listen");
         return;
     }
-    m_port = ntohs(addr.sin_port);
     m_thread = std::thread(&ScriptedServer::Run, this);
 }
 
@@ -35,9 +66,10 @@ ScriptedServer::~ScriptedServer()
     if (m_thread.joinable()) m_thread.join();
     for (int fd : {m_listenFd, m_wakePipe[0], m_wakePipe[1]})
         if (fd >= 0) close(fd);
+    if (m_addr.GetAF() == AF_UNIX) (void)unlink(m_addr.Get().un.sun_path);
 }
 
-SockAddr ScriptedServer::Addr() const { return SockAddr(AF_INET, 0x7F000001u, static_cast<int>(m_port)); }
+SockAddr ScriptedServer::Addr() const { return m_addr; }
 
 std::vector<std::chrono::steady_clock::time_point> ScriptedServer::AcceptTimes() const
 {
@@ -109,14 +141,31 @@ void ScriptedServer::Play(int fd, size_t index)
     size_t seen = 0;
     const std::string tag = "connection " + std::to_string(index) + ": ";
     for (const ScriptStep& step : m_scripts[index]) {
-        if (step.kind == ScriptStep::Close) {
+        switch (step.kind) {
+        case ScriptStep::Close:
             m_scriptsDone++;
             return;
+        case ScriptStep::Wait: {
+            pollfd wake = {m_wakePipe[0], POLLIN, 0};
+            if (poll(&wake, 1, step.ms) > 0) return;  // the server is going
+            continue;
         }
-        if (step.kind == ScriptStep::Send) {
+        case ScriptStep::Send:
             if (send(fd, step.bytes.data(), step.bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(step.bytes.size()))
                 Fail(tag + "send failed");
             continue;
+        case ScriptStep::ExpectUntil: {
+            size_t found;
+            while ((found = Received(index).find(step.bytes, seen)) == std::string::npos)
+                if (!ReadSome(fd, index, m_stepTimeoutMs)) {
+                    Fail(tag + "expected \"" + step.bytes + "\" in \"" + Received(index).substr(seen) + "\"");
+                    return;
+                }
+            seen = found + step.bytes.size();
+            continue;
+        }
+        case ScriptStep::Expect:
+            break;
         }
         // Expect: byte by byte as they come, so a short read is no mismatch.
         while (Received(index).size() < seen + step.bytes.size())
@@ -131,4 +180,26 @@ void ScriptedServer::Play(int fd, size_t index)
     m_scriptsDone++;
     while (ReadSome(fd, index, -1)) {
     }
+}
+
+BlackHole::BlackHole()
+{
+    m_listenFd = listen_on(loopback4(), 0, m_addr);
+    if (m_listenFd < 0) return;
+    // The queue of a backlog-0 listener holds one connection; later SYNs are
+    // dropped. Fill it until a connect stays pending.
+    for (int i = 0; i < 8; i++) {
+        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        if (fd < 0) return;
+        m_fillers.push_back(fd);
+        (void)connect(fd, &m_addr.Get().addr, sizeof(sockaddr_in));
+        pollfd pfd = {fd, POLLOUT, 0};
+        if (poll(&pfd, 1, 200) == 0) return;
+    }
+}
+
+BlackHole::~BlackHole()
+{
+    for (int fd : m_fillers) close(fd);
+    if (m_listenFd >= 0) close(m_listenFd);
 }

@@ -1,4 +1,5 @@
-// A loopback TCP server that plays byte-exact scripts, one per accepted
+// The one scripted peer of the tests: a loopback server (TCP over IPv4 or
+// IPv6, or a Unix socket) that plays byte-exact scripts, one per accepted
 // connection in order, and records what each connection received. Extra
 // connections are accepted and closed at once. Every wait is bounded.
 #pragma once
@@ -13,26 +14,37 @@
 #include "SockAddr.h"
 
 struct ScriptStep {
-    enum Kind { Send, Expect, Close } kind;
+    enum Kind { Send, Expect, ExpectUntil, Close, Wait } kind;
     std::string bytes;
+    int ms = 0;
 };
 using Script = std::vector<ScriptStep>;
 
 inline ScriptStep Send(std::string bytes) { return {ScriptStep::Send, std::move(bytes)}; }
 // Reads exactly as many bytes as given and records a failure if they differ.
 inline ScriptStep Expect(std::string bytes) { return {ScriptStep::Expect, std::move(bytes)}; }
+// Reads until what came since the last Expect holds `end` (variable text
+// such as a date, checked afterwards through Received()).
+inline ScriptStep ExpectUntil(std::string end) { return {ScriptStep::ExpectUntil, std::move(end)}; }
 // Closes the connection. A script without it keeps the connection open,
 // silent, until the client closes it or the server goes.
 inline ScriptStep Close() { return {ScriptStep::Close, ""}; }
+// Pauses before the next step (a slow or trickling peer).
+inline ScriptStep Wait(int ms) { return {ScriptStep::Wait, "", ms}; }
+// The script that sends `bytes` in pieces of `size` bytes, `ms` apart.
+std::vector<ScriptStep> Trickle(const std::string& bytes, size_t size, int ms);
 
 class ScriptedServer {
 public:
+    // Listens on 127.0.0.1 (or `listen`: ::1, or a Unix socket path) on a
+    // free port.
     explicit ScriptedServer(std::vector<Script> scripts, int stepTimeoutMs = 10000);
+    ScriptedServer(std::vector<Script> scripts, const SockAddr& listen, int stepTimeoutMs = 10000);
     ~ScriptedServer();
     ScriptedServer(const ScriptedServer&) = delete;
     ScriptedServer& operator=(const ScriptedServer&) = delete;
 
-    // 127.0.0.1 and the listening port.
+    // The listening address with its port.
     SockAddr Addr() const;
     int Accepted() const { return m_accepted; }
     // When each connection was accepted.
@@ -54,7 +66,7 @@ private:
     int m_stepTimeoutMs;
     int m_listenFd = -1;
     int m_wakePipe[2] = {-1, -1};
-    unsigned short m_port = 0;
+    SockAddr m_addr;
     std::atomic<int> m_accepted{0};
     std::atomic<int> m_scriptsDone{0};
     mutable std::mutex m_lock;
@@ -62,4 +74,21 @@ private:
     std::vector<std::chrono::steady_clock::time_point> m_acceptTimes;
     std::vector<std::string> m_failures;
     std::thread m_thread;
+};
+
+// A loopback address whose accept queue is full: connecting to it hangs
+// (the SYN is dropped) until the client's own time-out, as with a host that
+// drops connection attempts.
+class BlackHole {
+public:
+    BlackHole();
+    ~BlackHole();
+    BlackHole(const BlackHole&) = delete;
+    BlackHole& operator=(const BlackHole&) = delete;
+    SockAddr Addr() const { return m_addr; }
+
+private:
+    int m_listenFd = -1;
+    std::vector<int> m_fillers;
+    SockAddr m_addr;
 };
