@@ -18,6 +18,11 @@ namespace {
 
 const long long kMaxPeerId = 2147483647;
 
+std::string dir_path(const std::string& dir, const char* name)
+{
+    return dir + (!dir.empty() && dir.back() == '/' ? "" : "/") + name;
+}
+
 // Keeps the first kBacklogMaxIgnoredNames names in sorted order, counting all.
 void note_ignored(std::set<std::string>& names, const char* name, size_t& count)
 {
@@ -83,7 +88,7 @@ bool backlog_peer_name(const char* name, int& id)
 bool backlog_read(const std::string& dir, BacklogReading& reading, std::string& unknown)
 {
     BacklogReading read;
-    std::string unitPath = dir + "/" + kUnitVersionFile;
+    std::string unitPath = dir_path(dir, kUnitVersionFile);
     int rv = read.unit.ReadFile(unitPath.c_str(), &read.unitMtime);
     if (rv != 0) {
         unknown = unitPath + ": " + backlog_reason(rv);
@@ -97,7 +102,7 @@ bool backlog_read(const std::string& dir, BacklogReading& reading, std::string& 
     }
     std::sort(ids.begin(), ids.end());
     read.peers.reserve(ids.size());
-    std::string path = dir + "/" + kPeerVersionPrefix;
+    std::string path = dir_path(dir, kPeerVersionPrefix);
     size_t stem = path.size();
     for (int id : ids) {
         PeerReading peer;

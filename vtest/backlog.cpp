@@ -75,10 +75,13 @@ bool parse_interval(const char* text, BacklogOptions& o)
     return parse_decimal_seconds(text, kMinIntervalSeconds, kMaxIntervalSeconds, o.interval);
 }
 
+// Trailing slashes are cut so that messages name files plainly.
 bool parse_dir(const char* text, BacklogOptions& o)
 {
-    if (!*text) return false;
-    o.dir = text;
+    std::string dir = text;
+    while (dir.size() > 1 && dir.back() == '/') dir.pop_back();
+    if (dir.empty()) return false;
+    o.dir = dir;
     return true;
 }
 
