@@ -1,7 +1,10 @@
 // backlog: how far each peer's confirmed version trails the unit's, as a
 // table, JSON or one monitoring-plugin line; the exit status is the
 // plugin's (0 OK, 1 WARNING, 2 CRITICAL, 3 UNKNOWN).
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cinttypes>
@@ -148,35 +151,57 @@ double monotonic_seconds()
     return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
 }
 
-// Waits until `seconds` have passed since `start` (monotonic), or until one
-// of the blocked signals in `stop` arrives.
-void wait_interval(const sigset_t& stop, double start, double seconds)
+// Write end of the pipe that SIGINT and SIGTERM write a byte to, so the
+// wait between two readings ends at once (no race with a flag and a sleep).
+int g_stopPipe = -1;
+
+void on_stop_signal(int)
+{
+    int saved = errno;
+    char byte = 0;
+    ssize_t written = write(g_stopPipe, &byte, 1);  // a full pipe already wakes the wait
+    (void)written;
+    errno = saved;
+}
+
+// Catches SIGINT and SIGTERM for the rest of the run, so a second one cannot
+// kill it before it reports. Returns the pipe's read end, or -1.
+int catch_stop_signals()
+{
+    int fds[2];
+    if (pipe2(fds, O_CLOEXEC | O_NONBLOCK) != 0) return -1;
+    g_stopPipe = fds[1];
+    struct sigaction action = {};
+    action.sa_handler = on_stop_signal;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    return fds[0];
+}
+
+// Waits until `seconds` have passed since `start` (monotonic), or until
+// `stop` (catch_stop_signals' pipe; -1 for none) is readable.
+void wait_interval(int stop, double start, double seconds)
 {
     for (;;) {
         double left = start + seconds - monotonic_seconds();
         if (left <= 0) return;
-        timespec wait = {static_cast<time_t>(left), static_cast<long>((left - std::floor(left)) * 1e9)};
-        if (sigtimedwait(&stop, nullptr, &wait) > 0) return;
+        pollfd wake = {stop, POLLIN, 0};
+        if (poll(&wake, stop < 0 ? 0 : 1, static_cast<int>(std::ceil(left * 1000))) > 0) return;
     }
 }
 
-// One reading, or two with --interval (`elapsed` seconds apart). SIGINT and
-// SIGTERM end the wait early; they stay blocked to the end, so a second one
-// cannot kill the run before it reports.
+// One reading, or two with --interval (`elapsed` seconds apart); SIGINT and
+// SIGTERM end the wait early.
 bool take_readings(const BacklogOptions& options, BacklogReading& earlier, BacklogReading& later, double& elapsed,
                    std::string& unknown)
 {
     if (options.interval == 0) return backlog_read(options.dir, later, unknown);
-    sigset_t stop;
-    sigemptyset(&stop);
-    sigaddset(&stop, SIGINT);
-    sigaddset(&stop, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stop, nullptr);
+    int stop = catch_stop_signals();
     double start = monotonic_seconds();
     if (!backlog_read(options.dir, earlier, unknown)) return false;
     wait_interval(stop, start, options.interval);
-    double second = monotonic_seconds();
-    elapsed = second - start;
+    elapsed = monotonic_seconds() - start;
     return backlog_read(options.dir, later, unknown);
 }
 
