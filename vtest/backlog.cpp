@@ -44,13 +44,12 @@ struct BacklogView {
     timespec now;
 };
 
-int usage_error(const char* program, const std::string& message)
+void usage_error(const char* program, const std::string& message)
 {
     fprintf(stderr,
             "Error: %s\nUsage: %s backlog [--warn=N] [--crit=N] [--stale=SECONDS] [--interval=SECONDS]"
             " [--json | --summary] [--dir=DIR]\n",
             message.c_str(), program);
-    return -1;
 }
 
 bool parse_count(const char* text, std::optional<uint64_t>& count)
@@ -112,8 +111,11 @@ const ValueOption kValueOptions[] = {
 // One argument; false after reporting it.
 bool parse_argument(const char* program, const char* arg, BacklogOptions& options)
 {
-    if (strcmp(arg, "--json") == 0) return options.json = true;
-    if (strcmp(arg, "--summary") == 0) return options.summary = true;
+    bool* flag = strcmp(arg, "--json") == 0 ? &options.json : strcmp(arg, "--summary") == 0 ? &options.summary : nullptr;
+    if (flag) {
+        *flag = true;
+        return true;
+    }
     for (const ValueOption& option : kValueOptions) {
         size_t length = strlen(option.prefix);
         if (strncmp(arg, option.prefix, length) != 0) continue;
