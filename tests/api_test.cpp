@@ -252,16 +252,7 @@ TEST(Api, SilenceEndsByTimeOutOrDeadLinkAndTheNextExecReconnects)
 
 TEST(Api, ConnectFailuresAndRefusedCommands)
 {
-    // A port that refuses: bound once, then free again.
-    int probe = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in in4 = {};
-    in4.sin_family = AF_INET;
-    in4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof in4;
-    ASSERT_EQ(0, bind(probe, reinterpret_cast<sockaddr*>(&in4), len));
-    ASSERT_EQ(0, getsockname(probe, reinterpret_cast<sockaddr*>(&in4), &len));
-    close(probe);
-    const SockAddr addr(in4);
+    const SockAddr addr = RefusedAddr();
     Recorder api(addr);
     for (int attempt = 0; attempt < 3; attempt++) {
         EXPECT_FALSE(api.Exec("cmd")) << attempt;
