@@ -28,10 +28,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     snprintf(un.sun_path + 1, sizeof un.sun_path - 1, "vtest-fuzz-api-%d", static_cast<int>(getpid()));
     int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (bind(listener, reinterpret_cast<sockaddr*>(&un), sizeof un) != 0 || listen(listener, 1) != 0) __builtin_trap();
-    const std::string sent = "#> " + std::string(reinterpret_cast<const char*>(data) + 1, size - 1);
+    const std::string input = "#> " + std::string(reinterpret_cast<const char*>(data) + 1, size - 1);
     std::thread daemon([&] {
         int fd = accept(listener, nullptr, nullptr);
-        if (fd < 0 || write(fd, sent.data(), sent.size()) != static_cast<ssize_t>(sent.size())) __builtin_trap();
+        if (fd < 0 || write(fd, input.data(), input.size()) != static_cast<ssize_t>(input.size())) __builtin_trap();
         shutdown(fd, SHUT_WR);
         char sink[256];
         while (read(fd, sink, sizeof sink) > 0) {
@@ -43,20 +43,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         Collector api(SockAddr(un), "#> ");
         int len = 4 + data[0] % 61;
         std::unique_ptr<char[]> buf(new char[len]);
-        bool more = api.Exec("cmd");
+        bool sent = api.Exec("cmd");
         got += api.got;
-        while (more && !api.LastError()) {
+        while (sent && !api.LastError()) {  // each round begins after a prompt
             got += "#> ";
-            while ((more = api.ReadLineOrPrompt(buf.get(), len))) got += buf.get() + std::string(api.LastLineEnd() ? 1 : 0, api.LastLineEnd());
+            while (api.ReadLineOrPrompt(buf.get(), len)) got += buf.get() + std::string(api.LastLineEnd() ? 1 : 0, api.LastLineEnd());
         }
         got += api.Partial();
     }
     daemon.join();
     close(listener);
-    // Every byte of `got` is the next kept byte of `sent`.
+    // Every byte of `got` is the next kept byte of `input`.
     size_t j = 0;
     bool afterNul = false;
-    for (char c : sent) {
+    for (char c : input) {
         if (j < got.size() && c == got[j]) {
             afterNul = afterNul && c != '\r' && c != '\n';
             if (++j, c == '\r' || c == '\n') afterNul = false;

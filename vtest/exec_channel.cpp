@@ -38,7 +38,8 @@ int ExecChannel::Ready(int& earlier)
             SkipGreeting();
         } else if (pending > 0) {
             TakeBackPrompt();
-            earlier = Finish(m_previous);
+            int rv = Finish(m_previous);
+            if (!earlier) earlier = rv;
             if (earlier && !m_options.keepGoing) return 0;
         } else {
             Forget();
