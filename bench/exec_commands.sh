@@ -48,6 +48,9 @@ for line in open(sys.argv[2], "rb"):
     out.write(to_prompt())
 EOF
 
+# The interpreter itself: a version manager's shim would add its own start-up.
+python=$(python3 -c 'import sys; print(sys.executable)')
+
 best() {  # best <runs> <command...>: the fastest run's "seconds kilobytes"
   local runs=$1; shift
   for _ in $(seq "$runs"); do
@@ -60,7 +63,7 @@ printf '%-22s %9s %9s %9s %9s %7s %7s %9s\n' what vtest_s vtest_KB python_s pyth
 for what in commands enum; do
   read -r vs vk < <(best 3 "$build/vtest/vtest" exec --server=127.0.0.1:"$port" --no-echo --file "$work/$what")
   bytes=$(wc -c <"$work/out")
-  read -r ps pk < <(best 3 python3 "$work/reference.py" "$port" "$work/$what")
+  read -r ps pk < <(best 3 "$python" "$work/reference.py" "$port" "$work/$what")
   label=$([ "$what" = commands ] && echo "$commands commands" || echo "one 8 MB output")
   awk -v w="$label" -v vs="$vs" -v vk="$vk" -v ps="$ps" -v pk="$pk" -v b="$bytes" \
     'BEGIN { printf "%-22s %9s %9s %9s %9s %7.2f %7.2f %9s\n", w, vs, vk, ps, pk, vs / (ps + 0.005), vk / pk, b }'
