@@ -51,13 +51,7 @@ EOF
 # The interpreter itself: a version manager's shim would add its own start-up.
 python=$(python3 -c 'import sys; print(sys.executable)')
 
-best() {  # best <runs> <command...>: the fastest run's "seconds kilobytes"
-  local runs=$1; shift
-  for _ in $(seq "$runs"); do
-    /usr/bin/time -f '%e %M' -o "$work/t" "$@" >"$work/out" 2>/dev/null
-    cat "$work/t"
-  done | sort -n | head -1
-}
+source "$(dirname "$0")/best.sh"
 
 printf '%-22s %9s %9s %9s %9s %7s %7s %9s\n' what vtest_s vtest_KB python_s python_KB time_x mem_x output_B
 for what in commands enum; do

@@ -5,6 +5,7 @@
 #include <cctype>
 #include <set>
 
+#include "ShellLine.h"
 #include "SimOptions.h"
 
 namespace {
@@ -83,22 +84,10 @@ const Column kColumns[] = {
 };
 const size_t kColumnCount = sizeof kColumns / sizeof kColumns[0];
 
-std::vector<std::string> split_words(const std::string& line)
-{
-    std::vector<std::string> words;
-    size_t at = 0;
-    while ((at = line.find_first_not_of(" \t", at)) != std::string::npos) {
-        size_t end = line.find_first_of(" \t", at);
-        words.push_back(line.substr(at, end - at));
-        at = end;
-    }
-    return words;
-}
-
 // One row from a file line; the reason when it is not one.
 bool parse_row(const std::string& line, Central& central, std::string& reason)
 {
-    std::vector<std::string> words = split_words(line);
+    std::vector<std::string> words = sim_split_words(line);
     if (words.size() != kColumnCount) {
         reason = "expected " + std::to_string(kColumnCount) + " columns, found " + std::to_string(words.size());
         return false;

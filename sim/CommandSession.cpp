@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Sock.h"
+#include "ShellLine.h"
 #include "SimOptions.h"
 #include "daemon.h"
 #include "debugger.h"
@@ -16,19 +17,16 @@ namespace {
 // A sleep looks at the stop flags this often.
 const int kSleepSliceMs = 50;
 
-bool is_blank(char c) { return c == ' ' || c == '\t'; }
-
-std::vector<std::string> split_words(const std::string& text)
+// The first word of `line` (empty when none), with `end` set just after it.
+std::string first_word(const std::string& line, size_t& end)
 {
-    std::vector<std::string> words;
-    for (size_t at = 0; at < text.size();) {
-        while (at < text.size() && is_blank(text[at])) ++at;
-        size_t end = at;
-        while (end < text.size() && !is_blank(text[end])) ++end;
-        if (end > at) words.push_back(text.substr(at, end - at));
-        at = end;
+    size_t start = line.find_first_not_of(" \t");
+    if (start == std::string::npos) {
+        end = line.size();
+        return "";
     }
-    return words;
+    end = std::min(line.find_first_of(" \t", start), line.size());
+    return line.substr(start, end - start);
 }
 
 // Keeps what is printed to it, so that the connection table goes out as
@@ -106,12 +104,9 @@ CommandSession::CommandSession(ShellShared& shared, AnswerSink& out, const std::
 bool CommandSession::HandleLine(const std::string& line)
 {
     if (line.size() > kSimMaxCommandLine) return HandleTooLong();
-    size_t start = 0;
-    while (start < line.size() && is_blank(line[start])) ++start;
-    size_t end = start;
-    while (end < line.size() && !is_blank(line[end])) ++end;
-    if (start == end) return Answer(true);  // an empty command: just the prompt
-    const std::string word = line.substr(start, end - start);
+    size_t end;
+    const std::string word = first_word(line, end);
+    if (word.empty()) return Answer(true);  // an empty command: just the prompt
     // The arguments start after one blank: echo keeps any further ones.
     const std::string args = end < line.size() ? line.substr(end + 1) : std::string();
     for (const Command& command : kCommands)
@@ -206,7 +201,7 @@ bool CommandSession::Quit(const std::string&)
 
 bool CommandSession::Serial(const std::string& args)
 {
-    std::vector<std::string> words = split_words(args);
+    std::vector<std::string> words = sim_split_words(args);
     if (words.size() == 1 && words[0] == "enum") {
         m_out += m_shared.centrals.Enum();
     } else if (words.size() == 3 && words[0] == "set") {
@@ -222,8 +217,7 @@ bool CommandSession::Serial(const std::string& args)
 
 bool sim_is_shell_line(const std::string& line)
 {
-    size_t start = line.find_first_not_of(" \t");
-    if (start == std::string::npos) return false;
-    const std::string word = line.substr(start, line.find_first_of(" \t", start) - start);
+    size_t end;
+    const std::string word = first_word(line, end);
     return word == "comment" || word == "shell" || word == "monitor";
 }

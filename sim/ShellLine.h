@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <string>
+#include <vector>
 
 // Longest request line the server takes, in bytes without the line end.
 constexpr size_t kShellMaxLine = 65535;
@@ -59,6 +60,9 @@ struct ShellCommand {
     unsigned ops = 0;   // kMonitor* bits; a bare monitor request means every change
     std::string error;  // the message of an "Error: " answer, for kInvalid
 };
+
+// The words of `line`, split at blanks and tabs.
+std::vector<std::string> sim_split_words(const std::string& line);
 
 // Classifies `line`; never fails (a malformed directive becomes kInvalid).
 void shell_parse_command(const std::string& line, ShellCommand& command);
