@@ -54,17 +54,14 @@ Script Answers(const std::vector<std::pair<std::string, std::string>>& exchanges
     return script;
 }
 
-RunResult ExecAgainst(const SockAddr& server, std::vector<std::string> args, const std::string& input = "")
-{
-    args.insert(args.begin(), {"exec", "--server=" + AddrText(server)});
-    return RunVtest(args, input);
-}
-
 // Each row runs on its own thread against its own peer (the time-outs wait
-// in parallel). Errors: the "Error: " lines, "@" for the server.
+// in parallel). In args and errors "@" is the server, "%f" the row's script
+// file (holding `file`); `input` is standard input.
 TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
 {
-    const std::string l(5000, 'l');
+    const std::string l(5000, 'l'), dir = MakeTempDir();
+    const std::string clean = "\xef\xbb\xbf  first  \r\n\n# comment\n\t# indented\nsecond\tline\t\n", tooLong(4001, 'x');
+    const Script twoLines = Answers({{"first", "#> "}, {"second\tline", "#> "}});
     struct Row {
         const char* label;
         std::vector<std::string> args;
@@ -72,6 +69,7 @@ TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
         int status;
         std::string out, errors;
         std::vector<std::string> sent;  // per connection
+        std::string file = "", input = "";
     } rows[] = {
         {"one command: no header", {"version"}, {Answers({{"version", "1.0\r\n#> "}})}, 0, "1.0\n", "", {"version\n"}},
         {"CR LF, CR, pieces of a long line", {"a", "b"}, {Answers({{"a", "x\r\ny\r\r\n" + l + "\n#> "}, {"b", "#> "}})}, 0,
@@ -104,20 +102,55 @@ TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
          "Error: cannot connect to @: no answer within 1 s.\n", {""}},
         {"--retries: more attempts a second apart", {"--retries=1", "a"}, {{Send("x"), Close()}, {Send("y"), Close()}}, 2,
          "", "Error: cannot connect to @: closed before the prompt (2 attempts).\n", {"", ""}},
+        {"script: byte-order mark, CR LF, blanks, comments", {"--no-echo", "--file", "%f"},
+         {Answers({{"first", "1\n#> "}, {"second\tline", "2\n#> "}, {"third", "3\n#> "}})}, 0, "1\n2\n3\n", "",
+         {"first\nsecond\tline\nthird\n"}, clean + "third"},
+        {"script: a long line stops the run", {"--file=%f"}, {twoLines}, 5, "#> first\n#> second\tline\n",
+         "Error: %f:6: line longer than 4000 bytes\n", {"first\nsecond\tline\n"}, clean + tooLong + "\nthird\n"},
+        {"script: a NUL byte", {"--file", "%f"}, {Answers({{"a", "#> "}})}, 5, "#> a\n", "Error: %f:2: line holds a NUL byte\n",
+         {"a\n"}, std::string("a\nb\0c\n", 6)},
+        {"script: a lone carriage return", {"--file", "%f"}, {}, 5, "", "Error: %f:1: line holds a lone carriage return\n",
+         {}, "a\rb\n"},
+        {"script: standard input", {"--stdin"}, {twoLines}, 5, "#> first\n#> second\tline\n",
+         "Error: stdin:6: line longer than 4000 bytes\n", {"first\nsecond\tline\n"}, "", clean + tooLong},
+        {"script: empty, nothing connected", {"--file", "%f"}, {}, 0, "", "", {}},
+        {"script: not a regular file", {"--file", "/dev/null"}, {}, 5, "", "Error: cannot open /dev/null: not a regular file.\n", {}},
+        {"usage: no command", {}, {}, 255, "", "Error: no command.\n", {}},
+        {"usage: an unknown option", {"--bogus", "a"}, {}, 255, "", "Error: unknown option '--bogus'.\n", {}},
+        {"usage: --timeout", {"--timeout=3601", "a"}, {}, 255, "", "Error: bad --timeout value '3601' (whole seconds, 1 to 3600).\n", {}},
+        {"usage: --retries", {"--retries=-2", "a"}, {}, 255, "", "Error: bad --retries value '-2' (-1, or 0 to 86400).\n", {}},
+        {"usage: an octet", {"--server=10.0.0.256", "a"}, {}, 255, "", "Error: bad IPv4 address '10.0.0.256'.\n", {}},
+        {"usage: a port", {"--server=127.0.0.1:0", "a"}, {}, 255, "", "Error: bad port '0' (1 to 65535).\n", {}},
+        {"usage: brackets", {"--server=[::1", "a"}, {}, 255, "", "Error: expected [IPv6 address]:port.\n", {}},
+        {"usage: two sources", {"--stdin", "--file", "x"}, {}, 255, "", "Error: --stdin and --file exclude each other.\n", {}},
+        {"usage: commands and a source", {"--stdin", "a"}, {}, 255, "",
+         "Error: commands come from arguments, --stdin or --file.\n", {}},
+        {"usage: --file alone", {"--file"}, {}, 255, "", "Error: --file needs a file name.\n", {}},
+        {"usage: an empty command", {""}, {}, 255, "", "Error: command 1 is empty.\n", {}},
+        {"usage: a line break", {"a", "b\rc"}, {}, 255, "", "Error: command 2 holds a line break.\n", {}},
+        {"usage: a long command", {"a", tooLong}, {}, 255, "", "Error: command 2 is longer than 4000 bytes.\n", {}},
     };
     std::vector<std::thread> threads;
     for (const Row& row : rows)
-        threads.emplace_back([&row] {
+        threads.emplace_back([&row, &rows, &dir] {
             ScriptedServer server(row.scripts);
-            RunResult r = ExecAgainst(server.Addr(), row.args);
+            const std::string file = dir + "/" + std::to_string(&row - &rows[0]);
+            std::ofstream(file, std::ios::binary) << row.file;
+            std::vector<std::string> args = {"exec", "--server=" + AddrText(server.Addr())};
+            for (const std::string& arg : row.args) args.push_back(Replaced(arg, "%f", file));
+            RunResult r = RunVtest(args, row.input);
             EXPECT_EQ(row.status, r.status) << row.label << "\n" << r.err;
             EXPECT_EQ(row.out, r.out) << row.label;
-            EXPECT_EQ(Replaced(row.errors, "@", AddrText(server.Addr())), ErrorLines(r.err)) << row.label;
+            EXPECT_EQ(Replaced(Replaced(row.errors, "@", AddrText(server.Addr())), "%f", file), ErrorLines(r.err)) << row.label;
+            const char usage[] = "\nUsage: " VTEST_BINARY " exec [options] (<command>)+ | --stdin | --file <file>\n";
+            EXPECT_EQ(row.status == 255, r.err.find(usage) != std::string::npos) << row.label;
             EXPECT_TRUE(server.WaitScriptsDone(ScaledMs(5000))) << row.label;
             EXPECT_EQ(row.sent.size(), static_cast<size_t>(server.Accepted())) << row.label;
             for (size_t i = 0; i < row.sent.size(); i++) EXPECT_EQ(row.sent[i], server.Received(i)) << row.label;
+            unlink(file.c_str());
         });
     for (std::thread& t : threads) t.join();
+    rmdir(dir.c_str());
 }
 
 // End-of-file right behind a prompt is the daemon closing between
@@ -135,71 +168,6 @@ TEST(Exec, StreamsStandardInputAndReconnectsWhenTheDaemonClosedBetweenCommands)
     child.CloseInput();
     EXPECT_EQ(0, child.Wait(5000));
     EXPECT_EQ(2, server.Accepted());
-}
-
-TEST(Exec, ScriptLinesAreCutSkippedOrRefused)
-{
-    const std::string dir = MakeTempDir(), path = dir + "/script";
-    const std::string clean = "\xef\xbb\xbf  first  \r\n\n# comment\n\t# indented\nsecond\tline\t\n", tooLong(4001, 'x');
-    struct Row {
-        const char* label;
-        std::string content;  // of the file, or standard input with --stdin
-        std::vector<std::string> args;
-        int status;
-        std::string sent, error;  // error: "@" for the script's path
-    } rows[] = {
-        {"byte-order mark, CR LF, blanks, comments", clean + "third", {"--file", path}, 0, "first\nsecond\tline\nthird\n", ""},
-        {"a long line stops the run", clean + tooLong + "\nthird\n", {"--file=" + path}, 5, "first\nsecond\tline\n",
-         "Error: @:6: line longer than 4000 bytes\n"},
-        {"a NUL byte", std::string("a\nb\0c\n", 6), {"--file", path}, 5, "a\n", "Error: @:2: line holds a NUL byte\n"},
-        {"a lone carriage return", "a\rb\n", {"--file", path}, 5, "", "Error: @:1: line holds a lone carriage return\n"},
-        {"standard input", clean + tooLong, {"--stdin"}, 5, "first\nsecond\tline\n", "Error: stdin:6: line longer than 4000 bytes\n"},
-        {"an empty script connects to nothing", "", {"--file", path}, 0, "", ""},
-        {"a directory", "", {"--file", dir}, 5, "", "Error: cannot open " + dir + ": Is a directory.\n"},
-    };
-    for (const Row& row : rows) {
-        std::vector<std::pair<std::string, std::string>> exchanges;
-        for (size_t at = 0, end; (end = row.sent.find('\n', at)) != std::string::npos; at = end + 1)
-            exchanges.push_back({row.sent.substr(at, end - at), "#> "});
-        ScriptedServer server({Answers(exchanges)});
-        bool fromStdin = row.args[0] == "--stdin";
-        if (!fromStdin) std::ofstream(path, std::ios::binary) << row.content;
-        RunResult r = ExecAgainst(server.Addr(), row.args, fromStdin ? row.content : "");
-        EXPECT_EQ(row.status, r.status) << row.label << "\n" << r.err;
-        EXPECT_EQ(row.sent, server.Received(0)) << row.label;
-        EXPECT_EQ(row.sent.empty() ? 0 : 1, server.Accepted()) << row.label;
-        EXPECT_EQ(Replaced(row.error, "@", path), ErrorLines(r.err)) << row.label;
-    }
-    unlink(path.c_str());
-    rmdir(dir.c_str());
-}
-
-TEST(Exec, UsageErrorsConnectToNothing)
-{
-    const std::pair<std::vector<std::string>, std::string> rows[] = {
-        {{}, "no command"},
-        {{"--bogus", "a"}, "unknown option '--bogus'"},
-        {{"--timeout=3601", "a"}, "bad --timeout value '3601' (whole seconds, 1 to 3600)"},
-        {{"--retries=-2", "a"}, "bad --retries value '-2' (-1, or 0 to 86400)"},
-        {{"--server=10.0.0.256", "a"}, "bad IPv4 address '10.0.0.256'"},
-        {{"--server=127.0.0.1:0", "a"}, "bad port '0' (1 to 65535)"},
-        {{"--server=[::1", "a"}, "expected [IPv6 address]:port"},
-        {{"--stdin", "--file", "x"}, "--stdin and --file exclude each other"},
-        {{"--stdin", "a"}, "commands come from arguments, --stdin or --file"},
-        {{"--file"}, "--file needs a file name"},
-        {{""}, "command 1 is empty"},
-        {{"a", "b\rc"}, "command 2 holds a line break"},
-        {{"a", std::string(4001, 'x')}, "command 2 is longer than 4000 bytes"},
-    };
-    ScriptedServer server({});
-    for (const auto& [args, reason] : rows) {
-        RunResult r = ExecAgainst(server.Addr(), args);
-        EXPECT_EQ(255, r.status) << reason;
-        const std::string text = "Error: " + reason + ".\nUsage: " VTEST_BINARY
-                                 " exec [options] (<command>)+ | --stdin | --file <file>\n";
-        EXPECT_EQ(text, r.err.substr(r.err.size() - std::min(r.err.size(), text.size()))) << reason;
-    }
-    EXPECT_EQ(0, server.Accepted());
 }
 
 // The default port and every address form, in a network namespace of the
@@ -250,7 +218,9 @@ TEST(Exec, AgainstTheSimulatedUnit)
         {{"quit"}, 4, "Bye.\n"},
     };
     for (const Row& row : rows) {
-        RunResult r = ExecAgainst(SockAddr(AF_INET, 0x7F000001u, sim.Port()), row.args);
+        std::vector<std::string> args = {"exec", "--server=" + sim.Address()};
+        args.insert(args.end(), row.args.begin(), row.args.end());
+        RunResult r = RunVtest(args);
         EXPECT_EQ(row.status, r.status) << row.args[0] << r.err;
         EXPECT_EQ(row.out, r.out) << row.args[0];
     }
