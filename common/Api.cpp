@@ -176,9 +176,9 @@ bool Api::ReadLineOrPrompt(char* buffer, int len)
     }
     for (int count = 0; count < m_promptLen; count++) {
         ssize_t n = m_link->read(buffer + count, 1, 0);
-        if (n < 0) {
+        if (n != 1) {  // 0 only when the process is being asked to exit
             buffer[count] = '\0';
-            return ReadFailed(buffer, len, static_cast<int>(n));
+            return ReadFailed(buffer, len, n < 0 ? static_cast<int>(n) : -EINTR);
         }
         if (api_line_end(buffer[count])) {
             m_lastLineEnd = buffer[count];
