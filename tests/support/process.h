@@ -81,6 +81,8 @@ public:
     bool Write(const std::string& text);
     // Sends `signal` to the child (the emulator passes it on to an emulated one).
     bool Signal(int signal);
+    // Closes the child's standard input: it reads end-of-file.
+    void CloseInput();
     // Exit status as RunResult::status, or -1 after timeoutMs (then killed).
     int Wait(int timeoutMs);
 
