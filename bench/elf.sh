@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Whole-process benchmark: vtest-elf's report against `readelf -W -h -l -S`
-# on large files, each run's output to a file; best of 5 wall times and peak
-# memory (max RSS), the machine named. Target: vtest-elf within 1.5 times
+# on large files, each run's output to a file; the best of 5 wall times with
+# that run's CPU time and peak memory (max RSS), the machine and its load
+# named (CPU time says more than wall time on a busy machine). Target: vtest-elf within 1.5 times
 # readelf's best plus 20 ms.
 # Usage: bench/elf.sh [build-dir] [file...]   (default files: an object with
 # 70,010 sections, made once under the build dir, libLLVM-15 and node when
@@ -24,23 +25,24 @@ if [ ${#files[@]} -eq 0 ]; then
   for f in /usr/lib/x86_64-linux-gnu/libLLVM-15.so.1 /usr/bin/node; do [ -f "$f" ] && files+=("$f"); done
 fi
 
-best() {  # best <command...>: the fastest of 5 runs as "seconds kilobytes"
+best() {  # best <command...>: the fastest of 5 runs as "wall_s cpu_s kilobytes"
   for _ in 1 2 3 4 5; do
-    /usr/bin/time -f '%e %M' -o "$work/t" "$@" >"$work/out" 2>/dev/null || true
     local start=$EPOCHREALTIME
-    "$@" >"$work/out" 2>/dev/null || true
+    /usr/bin/time -f '%U %S %M' -o "$work/t" "$@" >"$work/out" 2>/dev/null || true
     local end=$EPOCHREALTIME
-    echo "$(awk -v s="$start" -v e="$end" 'BEGIN { printf "%.4f", e - s }') $(cut -d' ' -f2 "$work/t")"
+    awk -v s="$start" -v e="$end" '{ printf "%.4f %.2f %d\n", e - s, $1 + $2, $3 }' "$work/t"
   done | sort -n | head -1
 }
 
 echo "machine: $(uname -m), $(grep -m1 'model name' /proc/cpuinfo | cut -d: -f2 | sed 's/^ //'), $(nproc) cores," \
      "load $(cut -d' ' -f1 /proc/loadavg); $(readelf --version | head -1)"
-printf '%-44s %8s %9s %8s %9s %9s %7s %s\n' file MB readelf_s readelf_KB vtest_s vtest_KB ratio target
+printf '%-24s %6s %9s %7s %9s %9s %7s %9s %6s %s\n' file MB readelf_s cpu_s peak_KB vtest_s cpu_s peak_KB ratio target
 for f in "${files[@]}"; do
-  read -r rs rk < <(best readelf -W -h -l -S "$f")
-  read -r vs vk < <(best "$build/vtest/vtest-elf" "$f")
-  awk -v f="$(basename "$f")" -v mb="$(stat -c %s "$f")" -v rs="$rs" -v rk="$rk" -v vs="$vs" -v vk="$vk" \
+  read -r rs rc rk < <(best readelf -W -h -l -S "$f")
+  read -r vs vc vk < <(best "$build/vtest/vtest-elf" "$f")
+  awk -v f="$(basename "$f")" -v mb="$(stat -c %s "$f")" -v rs="$rs" -v rc="$rc" -v rk="$rk" -v vs="$vs" \
+      -v vc="$vc" -v vk="$vk" \
     'BEGIN { ok = vs <= 1.5 * rs + 0.020 ? "met" : "MISSED";
-             printf "%-44s %8.1f %9.4f %8d %9.4f %9d %7.2f %s\n", f, mb / 1e6, rs, rk, vs, vk, vs / rs, ok }'
+             printf "%-24s %6.1f %9.4f %7.2f %9d %9.4f %7.2f %9d %6.2f %s\n", f, mb / 1e6, rs, rc, rk, vs, vc, vk,
+                    vs / rs, ok }'
 done

@@ -375,7 +375,6 @@ TEST_F(ElfTest, ElfCommandReadsArgv0AndIgnoresItsArguments)
         {good, Report(good), ""},
         {junk, "", "warn <Elf> Unable to read " + junk + ": not ELF.\n"},
         {"./vtest", Report(good), ""},
-        {"vtest", Report(VTEST_BINARY), ""},  // the tool itself, not ./vtest
     };
     for (const Case& c : cases) {
         RunResult r = VtestElfAs(c.argv0, dir);
@@ -383,6 +382,17 @@ TEST_F(ElfTest, ElfCommandReadsArgv0AndIgnoresItsArguments)
         EXPECT_EQ(r.out, c.out) << c.argv0;
         EXPECT_EQ(LogLines(r.err), c.log) << c.argv0;
     }
+}
+
+// A bare name was found through PATH: the tool, not ./vtest, is reported.
+TEST_F(ElfTest, ElfCommandWithBareArgv0ReportsTheTool)
+{
+    SKIP_IF_EMULATED(EmulationGap::ProcSelfExe);
+    Save(Image(false, false, 40).bytes, "vtest");
+    RunResult r = VtestElfAs("vtest", dir);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out, Report(VTEST_BINARY));
+    EXPECT_EQ(r.err, "");
 }
 
 TEST_F(ElfTest, VtestElfReportsEachFileAndFailsForAnyItCannotRead)
