@@ -328,26 +328,22 @@ void Elf::ReadTables()
 
 ElfSegment Elf::Segment(uint64_t i) const
 {
+    // Where each field sits: ELF64 moved p_flags up to keep the words aligned.
+    struct Layout {
+        uint64_t flags, offset, vaddr, paddr, filesz, memsz, align;
+    };
+    static const Layout k32 = {24, 4, 8, 12, 16, 20, 28}, k64 = {4, 8, 16, 24, 32, 40, 48};
+    const Layout& l = m_is64 ? k64 : k32;
     uint64_t at = m_header.phoff + i * m_header.phentsize;
     ElfSegment s;
     s.type = U32(at);
-    if (m_is64) {
-        s.flags = U32(at + 4);
-        s.offset = U64(at + 8);
-        s.vaddr = U64(at + 16);
-        s.paddr = U64(at + 24);
-        s.filesz = U64(at + 32);
-        s.memsz = U64(at + 40);
-        s.align = U64(at + 48);
-    } else {
-        s.offset = U32(at + 4);
-        s.vaddr = U32(at + 8);
-        s.paddr = U32(at + 12);
-        s.filesz = U32(at + 16);
-        s.memsz = U32(at + 20);
-        s.flags = U32(at + 24);
-        s.align = U32(at + 28);
-    }
+    s.flags = U32(at + l.flags);
+    s.offset = Word(at + l.offset);
+    s.vaddr = Word(at + l.vaddr);
+    s.paddr = Word(at + l.paddr);
+    s.filesz = Word(at + l.filesz);
+    s.memsz = Word(at + l.memsz);
+    s.align = Word(at + l.align);
     return s;
 }
 

@@ -86,16 +86,19 @@ def header_lines(text):
     return fields
 
 
+def segment_row(g):
+    """A program header row from its matched fields: type, five numbers, flags, alignment."""
+    return {"offset": int(g[1], 16), "vaddr": int(g[2], 16), "paddr": int(g[3], 16), "filesz": int(g[4], 16),
+            "memsz": int(g[5], 16), "flg": g[6], "align": int(g[7], 16)}
+
+
 def parse_ours(text):
     r = {"header": header_lines(text), "segments": [], "interp": [], "sections": [], "symtabs": [],
          "dynamic": None, "needed": [], "notes": []}
     for line in text.split("\n"):
         m = re.match(r"  \[\s*\d+\] (\S+) +0x(\w+) 0x(\w+) 0x(\w+) 0x(\w+) 0x(\w+) (\S+) 0x(\w+)$", line)
         if m:
-            g = m.groups()
-            r["segments"].append({"offset": int(g[1], 16), "vaddr": int(g[2], 16), "paddr": int(g[3], 16),
-                                  "filesz": int(g[4], 16), "memsz": int(g[5], 16), "flg": g[6],
-                                  "align": int(g[7], 16)})
+            r["segments"].append(segment_row(m.groups()))
             continue
         m = re.match(r"  \[\s*\d+\] (\S+) +0x(\w+) 0x(\w+) 0x(\w+) 0x(\w+) 0x(\w+) (\d+) (\d+) (\d+)(?: (.*))?$", line)
         if m:
@@ -148,10 +151,7 @@ def parse_readelf(text, symbols):
     for i, line in enumerate(lines):
         m = re.match(r"  (\S+)\s+0x(\w+) 0x(\w+) 0x(\w+) 0x(\w+) 0x(\w+) (.{3}) (?:0x)?(\w+)$", line)
         if m:
-            g = m.groups()
-            r["segments"].append({"offset": int(g[1], 16), "vaddr": int(g[2], 16), "paddr": int(g[3], 16),
-                                  "filesz": int(g[4], 16), "memsz": int(g[5], 16), "flg": g[6],
-                                  "align": int(g[7], 16)})
+            r["segments"].append(segment_row(m.groups()))
             continue
         m = re.match(r"      \[Requesting program interpreter: (.*)\]$", line)
         if m:
