@@ -31,26 +31,30 @@ struct Named {
     const char* name;
 };
 
-const Named kOsAbis[] = {{0, "SYSV"},     {1, "HPUX"},      {2, "NETBSD"},     {3, "GNU"},     {6, "SOLARIS"},
-                         {7, "AIX"},      {8, "IRIX"},      {9, "FREEBSD"},    {10, "TRU64"},  {11, "MODESTO"},
-                         {12, "OPENBSD"}, {64, "ARM_AEABI"}, {97, "ARM"},      {255, "STANDALONE"}};
+const Named kOsAbis[] = {{0, "SYSV"},    {1, "HPUX"},     {2, "NETBSD"},     {3, "GNU"},
+                         {6, "SOLARIS"}, {7, "AIX"},      {8, "IRIX"},       {9, "FREEBSD"},
+                         {10, "TRU64"},  {11, "MODESTO"}, {12, "OPENBSD"},   {64, "ARM_AEABI"},
+                         {97, "ARM"},    {255, "STANDALONE"}};
 const Named kFileTypes[] = {{0, "NONE"}, {1, "REL"}, {2, "EXEC"}, {3, "DYN"}, {4, "CORE"}};
-const Named kMachines[] = {
-    {0, "NONE"},     {2, "SPARC"},    {3, "386"},      {4, "68K"},          {8, "MIPS"},     {10, "MIPS_RS3_LE"},
-    {15, "PARISC"},  {18, "SPARC32PLUS"}, {20, "PPC"}, {21, "PPC64"},       {22, "S390"},    {40, "ARM"},
-    {42, "SH"},      {43, "SPARCV9"}, {50, "IA_64"},   {62, "X86_64"},      {83, "AVR"},     {94, "XTENSA"},
-    {164, "HEXAGON"}, {183, "AARCH64"}, {243, "RISCV"}, {247, "BPF"},       {252, "CSKY"},   {258, "LOONGARCH"},
-    {0x9026, "ALPHA"}};
-const Named kSegmentTypes[] = {{0, "NULL"},           {1, "LOAD"},         {2, "DYNAMIC"},        {3, "INTERP"},
-                               {4, "NOTE"},           {5, "SHLIB"},        {6, "PHDR"},           {7, "TLS"},
+const Named kMachines[] = {{0, "NONE"},      {2, "SPARC"},      {3, "386"},      {4, "68K"},
+                           {8, "MIPS"},      {10, "MIPS_RS3_LE"}, {15, "PARISC"}, {18, "SPARC32PLUS"},
+                           {20, "PPC"},      {21, "PPC64"},     {22, "S390"},    {40, "ARM"},
+                           {42, "SH"},       {43, "SPARCV9"},   {50, "IA_64"},   {62, "X86_64"},
+                           {83, "AVR"},      {94, "XTENSA"},    {164, "HEXAGON"}, {183, "AARCH64"},
+                           {243, "RISCV"},   {247, "BPF"},      {252, "CSKY"},   {258, "LOONGARCH"},
+                           {0x9026, "ALPHA"}};
+const Named kSegmentTypes[] = {{0, "NULL"},    {1, "LOAD"},  {2, "DYNAMIC"},           {3, "INTERP"},
+                               {4, "NOTE"},    {5, "SHLIB"}, {6, "PHDR"},              {7, "TLS"},
                                {0x6474e550, "GNU_EH_FRAME"}, {0x6474e551, "GNU_STACK"}, {0x6474e552, "GNU_RELRO"},
                                {0x6474e553, "GNU_PROPERTY"}};
-const Named kSectionTypes[] = {
-    {0, "NULL"},           {1, "PROGBITS"},      {2, "SYMTAB"},       {3, "STRTAB"},         {4, "RELA"},
-    {5, "HASH"},           {6, "DYNAMIC"},       {7, "NOTE"},         {8, "NOBITS"},         {9, "REL"},
-    {10, "SHLIB"},         {11, "DYNSYM"},       {14, "INIT_ARRAY"},  {15, "FINI_ARRAY"},    {16, "PREINIT_ARRAY"},
-    {17, "GROUP"},         {18, "SYMTAB_SHNDX"}, {19, "RELR"},        {0x6ffffff5, "GNU_ATTRIBUTES"},
-    {0x6ffffff6, "GNU_HASH"}, {0x6ffffffd, "VERDEF"}, {0x6ffffffe, "VERNEED"}, {0x6fffffff, "VERSYM"}};
+const Named kSectionTypes[] = {{0, "NULL"},          {1, "PROGBITS"},      {2, "SYMTAB"},
+                               {3, "STRTAB"},        {4, "RELA"},          {5, "HASH"},
+                               {6, "DYNAMIC"},       {7, "NOTE"},          {8, "NOBITS"},
+                               {9, "REL"},           {10, "SHLIB"},        {11, "DYNSYM"},
+                               {14, "INIT_ARRAY"},   {15, "FINI_ARRAY"},   {16, "PREINIT_ARRAY"},
+                               {17, "GROUP"},        {18, "SYMTAB_SHNDX"}, {19, "RELR"},
+                               {0x6ffffff5, "GNU_ATTRIBUTES"}, {0x6ffffff6, "GNU_HASH"},
+                               {0x6ffffffd, "VERDEF"}, {0x6ffffffe, "VERNEED"}, {0x6fffffff, "VERSYM"}};
 
 template <size_t N>
 const char* NameOf(const Named (&table)[N], uint32_t value)
@@ -199,41 +203,39 @@ bool Elf::Open(const char* path)
     int fd = regular_file_open(path, &st);
     if (fd == -EISDIR || fd == -EINVAL) return Fail(path, 0, "not a regular file");
     if (fd < 0) return Fail(path, -fd, "");
-    int err = 0;
-    void* map = MAP_FAILED;
-    if (st.st_size == 0) {
-        err = -1;
-    } else if (static_cast<uint64_t>(st.st_size) > SIZE_MAX) {
-        err = EFBIG;
-    } else {
-        map = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
-        if (map == MAP_FAILED) err = errno;
-    }
+    int err = st.st_size == 0 ? 0 : Map(fd, static_cast<uint64_t>(st.st_size));
     close(fd);
-    if (err == -1) return Fail(path, 0, "empty");
+    if (st.st_size == 0) return Fail(path, 0, "empty");
     if (err) return Fail(path, err, "");
-    m_data = static_cast<const unsigned char*>(map);
-    m_size = static_cast<uint64_t>(st.st_size);
-
-    std::string reason;
-    if (m_size < 4 || memcmp(m_data, "\177ELF", 4) != 0)
-        reason = "not ELF";
-    else if (m_size < 6)
-        reason = "shorter than its header";
-    else if (m_data[4] != 1 && m_data[4] != 2)
-        reason = Format("bad class %u", m_data[4]);
-    else if (m_data[5] != 1 && m_data[5] != 2)
-        reason = Format("bad byte order %u", m_data[5]);
-    else if (m_size < (m_data[4] == 2 ? 64u : 52u))
-        reason = "shorter than its header";
-    if (!reason.empty()) {
+    std::string fault = IdentFault();
+    if (!fault.empty()) {
         Close();
-        return Fail(path, 0, reason);
+        return Fail(path, 0, fault);
     }
     m_error.clear();
     ReadHeader();
     ReadTables();
     return true;
+}
+
+int Elf::Map(int fd, uint64_t size)
+{
+    if (size > SIZE_MAX) return EFBIG;
+    void* map = mmap(nullptr, static_cast<size_t>(size), PROT_READ, MAP_PRIVATE, fd, 0);
+    if (map == MAP_FAILED) return errno;
+    m_data = static_cast<const unsigned char*>(map);
+    m_size = size;
+    return 0;
+}
+
+std::string Elf::IdentFault() const
+{
+    if (m_size < 4 || memcmp(m_data, "\177ELF", 4) != 0) return "not ELF";
+    if (m_size < 6) return "shorter than its header";
+    if (m_data[4] != 1 && m_data[4] != 2) return Format("bad class %u", m_data[4]);
+    if (m_data[5] != 1 && m_data[5] != 2) return Format("bad byte order %u", m_data[5]);
+    if (m_size < (m_data[4] == 2 ? 64u : 52u)) return "shorter than its header";
+    return "";
 }
 
 uint16_t Elf::U16(uint64_t at) const

@@ -141,6 +141,11 @@ public:
 private:
     class Out;
     void Close();
+    // Maps `size` bytes of fd: 0 or an errno.
+    int Map(int fd, uint64_t size);
+    // Why the mapped bytes cannot be read as ELF, or empty.
+    std::string IdentFault() const;
+    // Logs the failure of Open (err: a system call's errno, else `reason`).
     bool Fail(const char* path, int err, const std::string& reason);
     void ReadHeader();
     void ReadTables();

@@ -184,7 +184,7 @@ def parse_readelf(text, symbols):
             build = re.search(r"Build ID: (\w+)", m.group(4))
             r["notes"][-1]["rows"].append([escape(m.group(1)), note_type(m.group(3)), int(m.group(2), 16),
                                            build.group(1) if build else None])
-    for m in re.finditer(r"^Symbol table '(.*)' contains (\d+) entries:$", symbols, re.M):
+    for m in re.finditer(r"^Symbol table '(.*)' contains (\d+) entr(?:y|ies):$", symbols, re.M):
         r["symtabs"].append((escape(m.group(1)), int(m.group(2))))
     return r
 
