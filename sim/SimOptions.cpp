@@ -4,12 +4,13 @@
 
 #include <cstring>
 
+#include "DiscoveryUnits.h"
 #include "SimDatabase.h"
 #include "utils.h"
 
 const char kSimUsage[] =
     "usage: vantor-sim [--listen=ADDR] [--db=PATH] [--events=N] [--not-ready=N] [--max-clients=N]\n"
-    "                 [--idle-timeout=SECONDS]\n"
+    "                 [--idle-timeout=SECONDS] [--discovery-units=N|FILE] [--setipv4-delay=SECONDS]\n"
     "  --listen=ADDR      127.0.0.1:3543 (default), IPV6|PORT, or a Unix socket path\n"
     "  --db=PATH          database file; created and seeded when missing or empty\n"
     "                     (default: a fresh seeded database, removed at exit)\n"
@@ -17,7 +18,10 @@ const char kSimUsage[] =
     "  --not-ready=N      answer the first N shell directives \"DB not ready\" (0..1000000)\n"
     "  --max-clients=N    connections served at once, 1..4096 (default 256)\n"
     "  --idle-timeout=S   drop a client silent for S seconds, unless it monitors a table;\n"
-    "                     0 never drops (0..86400, default 60)\n";
+    "                     0 never drops (0..86400, default 60)\n"
+    "  --discovery-units=N|FILE  also play N units (1..10000) or those of FILE on UDP\n"
+    "                     port 3543: answer \"Hello\", obey \"SetIPv4\"\n"
+    "  --setipv4-delay=S  a unit takes its new address S seconds late (0..3600, default 0)\n";
 
 namespace {
 
@@ -78,6 +82,13 @@ bool parse_path(const std::string& text, std::string& path)
     return true;
 }
 
+// A unit count, or else the path of a units file.
+bool parse_units(const std::string& text, SimOptions& o)
+{
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return parse_path(text, o.unitsFile);
+    return parse_number(text, 1, kSimMaxUnits, o.discoveryUnits);
+}
+
 // "--name=value": true with `value` set when `arg` is that option.
 bool option_value(const std::string& arg, const char* name, std::string& value)
 {
@@ -98,6 +109,8 @@ bool parse_one(const std::string& arg, SimOptions& o, std::string& error)
     else if (option_value(arg, "not-ready", value)) ok = parse_number(value, 0, kSimMaxNotReady, o.notReady);
     else if (option_value(arg, "max-clients", value)) ok = parse_number(value, 1, kSimMaxClientsCap, o.maxClients);
     else if (option_value(arg, "idle-timeout", value)) ok = parse_number(value, 0, kSimMaxIdleTimeout, o.idleTimeout);
+    else if (option_value(arg, "discovery-units", value)) ok = parse_units(value, o);
+    else if (option_value(arg, "setipv4-delay", value)) ok = parse_number(value, 0, kSimMaxSetIPv4Delay, o.setIPv4Delay);
     else {
         error = "unknown option: " + arg;
         return false;
