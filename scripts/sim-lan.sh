@@ -30,6 +30,12 @@ ready_tries=300  # 0.1 s apart
 
 die() { echo "sim-lan: $*" >&2; exit 1; }
 
+# Running and not a zombie (nobody may be reaping the simulator promptly).
+alive() {
+  local st
+  st=$(cut -d' ' -f3 "/proc/$1/stat" 2>/dev/null) && [ -n "$st" ] && [ "$st" != Z ]
+}
+
 # Reverse-path filtering drops datagrams from networks the receiver has no
 # route to, which is exactly what a unit with a foreign address sends.
 no_rp_filter() {  # no_rp_filter NAMESPACE DEVICE...
@@ -44,7 +50,7 @@ start_sim() {  # start_sim N|FILE SIM-OPTION...
   echo $! >"$state.pid"
   for _ in $(seq $ready_tries); do
     grep -q "listening on" "$state.sim.log" && return 0
-    kill -0 "$(cat "$state.pid")" 2>/dev/null || break
+    alive "$(cat "$state.pid")" || break
     sleep 0.1
   done
   cat "$state.sim.log" >&2
@@ -90,7 +96,7 @@ down() {
   if [ -f "$state.pid" ]; then
     local pid; pid=$(cat "$state.pid")
     kill "$pid" 2>/dev/null || true
-    for _ in $(seq 50); do kill -0 "$pid" 2>/dev/null || break; sleep 0.1; done
+    for _ in $(seq 500); do alive "$pid" || break; sleep 0.01; done
     rm -f "$state.pid"
   fi
   for ns in "$client" "$units"; do ip netns del "$ns" 2>/dev/null || true; done

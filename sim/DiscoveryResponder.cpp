@@ -42,6 +42,11 @@ DiscoveryResponder::DiscoveryResponder(std::vector<SimUnit> units, double moveDe
 
 DiscoveryResponder::~DiscoveryResponder()
 {
+    // Wake the thread out of its poll at once and let it end before the
+    // join, whose waits come in whole seconds.
+    Stop(true);
+    if (m_fd >= 0) shutdown(m_fd, SHUT_RDWR);
+    for (int i = 0; i < kSliceMs && IsRunning(); i++) usleep(1000);
     Stop();
     if (m_fd >= 0) close(m_fd);
 }

@@ -1,0 +1,203 @@
+// The discovery library: the answer parser and MAC order as tables, then
+// real passes in a namespace of their own against a scripted unit.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+
+#include "Discover.h"
+#include "NetUtils.h"
+#include "daemon.h"
+#include "scripted_server.h"
+#include "sim_lan.h"
+#include "wait.h"
+
+namespace {
+
+// A request as sent: the text and its NUL.
+std::string Nul(const char* text) { return std::string(text, strlen(text) + 1); }
+
+std::string Text(const DiscoverRecord& record)
+{
+    std::string out;
+    for (const auto& [key, value] : record) out += (out.empty() ? "" : " ") + key + "=" + value;
+    return out;
+}
+
+std::string Text(const std::list<DiscoverRecord>& records)
+{
+    std::string out;
+    for (const DiscoverRecord& record : records) out += (out.empty() ? "" : " | ") + Text(record);
+    return out;
+}
+
+TEST(Discover, ParsesAnswersIntoRecordsInMacOrder)
+{
+    const struct {
+        const char* label;
+        std::vector<std::string> answers;
+        const char* records;
+    } cases[] = {
+        {"ordered by mac", {"mac=00:00:00:00:00:02\nhwid=7", "mac=00:00:00:00:00:01"},
+         "mac=00:00:00:00:00:01 | hwid=7 mac=00:00:00:00:00:02"},
+        {"value ends at a further =", {"version=1.2=3"}, "version=1.2"},
+        {"single-line form", {"mac:00:11:22:33:44:55 hwid:5 ipv4:10.0.0.5"},
+         "hwid=5 ipv4=10.0.0.5 mac=00:11:22:33:44:55 master=?"},
+        {"hwid before mac is not taken", {"hwid:5 mac:00:11:22:33:44:55"}, "mac=00:11:22:33:44:55 master=?"},
+        {"single line ends the answer", {"a=1\nx mac:1  ipv6:fe80::1\nb=2"}, "a=1 ipv6=fe80::1 mac=1 master=?"},
+        {"empty lines and bare keys skipped, = line ends", {"a=1\n\n\nb\nc=\n===\nd=4"}, "a=1"},
+        {"a record without mac is a barrier", {"hostname=x", "mac=02", "mac=01"}, "hostname=x | mac=02 | mac=01"},
+        {"an empty mac is none", {"mac=02", "mac:", "mac=01"}, "mac=01 | mac=02 | mac= master=?"},
+        {"equal macs keep arrival order", {"mac=01\nn=1", "mac=01\nn=2", "mac=00"},
+         "mac=00 | mac=01 n=1 | mac=01 n=2"},
+    };
+    for (const auto& c : cases) {
+        std::list<DiscoverRecord> records;
+        for (std::string answer : c.answers) {
+            DiscoverRecord record;
+            Discover::ParseAnswer(&answer[0], record);
+            Discover::InsertByMac(records, std::move(record));
+        }
+        EXPECT_EQ(Text(records), c.records) << c.label;
+    }
+}
+
+std::vector<std::string> g_reported;
+void Collect(const char* line, int* value) { g_reported.push_back(std::string(line) + " #" + std::to_string(*value)); }
+
+TEST(Discover, CallbackFormReportsAtHostnameOrEarlyMaster)
+{
+    const struct {
+        const char* label;
+        std::string answer;
+        std::vector<std::string> reported;
+        const char* left;
+    } cases[] = {
+        {"hostname reports", "mac=m\nipv4=i\nhwid=7\nrs485=12\nmasterMac=mm\nhostname=h", {"m i 7 NONE mm #9"}, ""},
+        {"master before hwid reports", "mac=m\nmaster=x\nhwid=7", {"m NONE NONE NONE NONE #9"}, ""},
+        {"master after hwid leaves the line", "mac=m\nhwid=7\nmaster=x", {}, "m NONE 7 NONE NONE"},
+        {"nothing collected", "version=1\nmaster", {}, ""},
+    };
+    for (const auto& c : cases) {
+        g_reported.clear();
+        std::string answer = c.answer;
+        EXPECT_EQ(Discover::ReportUnits(&answer[0], Collect, 9), c.left) << c.label;
+        EXPECT_EQ(g_reported, c.reported) << c.label;
+    }
+}
+
+TEST(NetUtils, ChecksumIsRfc1071InMemoryOrder)
+{
+    const struct {
+        std::string bytes;
+        unsigned char sum[2];
+    } cases[] = {
+        {std::string("\x00\x01\xf2\x03\xf4\xf5\xf6\xf7", 8), {0x22, 0x0d}},  // RFC 1071's example
+        {"\x01", {0xfe, 0xff}},                                               // odd last byte
+        {"", {0xff, 0xff}},
+    };
+    for (const auto& c : cases) {
+        unsigned short sum = ipv4_checksum(reinterpret_cast<const unsigned char*>(c.bytes.data()),
+                                           static_cast<int>(c.bytes.size()));
+        EXPECT_EQ(memcmp(&sum, c.sum, 2), 0) << c.bytes.size();
+    }
+}
+
+// One LAN for the passes below: the tests play the units themselves.
+class DiscoverLan : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() { lan = new SimLan({"0"}); }
+    static void TearDownTestSuite() { delete lan; }
+    void SetUp() override
+    {
+        SKIP_IF_EMULATED(EmulationGap::Namespaces);
+        ASSERT_TRUE(lan->Up()) << lan->Error();
+    }
+    // A scripted unit in the units namespace.
+    std::unique_ptr<ScriptedDatagramPeer> Unit(std::vector<Script> scripts)
+    {
+        std::unique_ptr<ScriptedDatagramPeer> unit;
+        EXPECT_TRUE(RunInNetns(lan->Units(), [&] { unit.reset(new ScriptedDatagramPeer(scripts, 3543)); }));
+        EXPECT_TRUE(unit && unit->Ready());
+        return unit;
+    }
+    static bool InClient(const std::function<void()>& body) { return RunInNetns(lan->Client(), body); }
+    static SimLan* lan;
+};
+SimLan* DiscoverLan::lan = nullptr;
+
+TEST_F(DiscoverLan, LaterAnswersStayQueuedForTheNextPass)
+{
+    auto unit = Unit({{Send("mac=02\nn=early"), Wait(700), Send("mac=01\nn=late")}, {Send("mac=03\nn=next")}});
+    InClient([] {
+        Discover discovery(3543);
+        discovery.SetWait(0.3);
+        std::list<DiscoverRecord> first, second;
+        ASSERT_TRUE(discovery.Find(first));
+        EXPECT_EQ(Text(first), "mac=02 n=early remote=192.168.77.2:3543");
+        discovery.SetWait(1);
+        ASSERT_TRUE(discovery.Find(second));
+        EXPECT_EQ(Text(second), "mac=01 n=late remote=192.168.77.2:3543 | mac=03 n=next remote=192.168.77.2:3543");
+    });
+}
+
+TEST_F(DiscoverLan, PairsAndCallbackFormsReadTheSameAnswers)
+{
+    Script answers = {Send("mac:00:11:22:33:44:55 hwid:5"), Send("mac=02:00:00:00:00:01\nhostname=a"),
+                      Send("mac=02:00:00:00:00:02\nhwid=3\nmaster=a")};
+    auto unit = Unit({answers, answers});
+    InClient([] {
+        Discover discovery(3543);
+        discovery.SetWait(0.3);
+        std::list<std::pair<SockAddr, SockAddr>> pairs;
+        ASSERT_TRUE(discovery.Find(pairs));
+        ASSERT_EQ(pairs.size(), 1u);
+        char from[SockAddr::m_strLen], mac[SockAddr::m_strLen];
+        EXPECT_STREQ(pairs.front().first.Str(from, true), "192.168.77.2:3543");
+        EXPECT_STREQ(pairs.front().second.Str(mac), "00:11:22:33:44:55");
+        g_reported.clear();
+        int hwId = 4;
+        ASSERT_TRUE(discovery.Find(Collect, false, &hwId, "aa:bb:cc:dd:ee:ff"));
+        EXPECT_EQ(g_reported, (std::vector<std::string>{"02:00:00:00:00:01 NONE NONE NONE NONE #4",
+                                                        "02:00:00:00:00:02 NONE 3 NONE NONE #4"}));
+    });
+}
+
+TEST_F(DiscoverLan, RequestsGoOutByteForByte)
+{
+    auto unit = Unit({});
+    InClient([] {
+        Discover discovery(3543);
+        discovery.SetWait(0.1);
+        SockAddr mac(AF_MAC, "00:11:22:33:44:55");
+        std::list<DiscoverRecord> none;
+        EXPECT_TRUE(discovery.Find(none));
+        EXPECT_TRUE(discovery.SetIPv4(mac, "192.168.1.20", "255.255.255.0", "192.168.1.1", "192.168.1.1", true, ""));
+        EXPECT_TRUE(discovery.SetIPv4(mac, "10.0.0.5", "255.0.0.0", "10.0.0.1", nullptr, false, "x"));
+        EXPECT_FALSE(discovery.SetIPv4(mac, "1.2.3.4", "255.0.0.0", "1.2.3.1", std::string(1500, 'd').c_str(), true, ""));
+        EXPECT_EQ(discovery.LastError(), -EMSGSIZE);
+    });
+    WaitUntil([&] { return unit->Received().size() >= 3; }, ScaledMs(5000));
+    EXPECT_EQ(unit->Received(),
+              (std::vector<std::string>{
+                  Nul("Hello"),
+                  Nul("SetIPv4 mac:00:11:22:33:44:55 192.168.1.20 255.255.255.0 192.168.1.1 192.168.1.1 permanent"),
+                  Nul("SetIPv4 mac:00:11:22:33:44:55 10.0.0.5 255.0.0.0 10.0.0.1 temporary\nx")}));
+}
+
+TEST_F(DiscoverLan, RaisedExitFlagEndsThePause)
+{
+    InClient([] {
+        Discover discovery(3543);
+        discovery.SetWait(30);
+        std::list<DiscoverRecord> none;
+        daemon_should_exit = true;
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_TRUE(discovery.Find(none));
+        daemon_should_exit = false;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+    });
+}
+
+}  // namespace
