@@ -93,14 +93,15 @@ size_t LineAssembler::Feed(const char* data, size_t len, Result& result)
     result = kNeedMore;
     for (size_t i = 0; i < len; ++i) {
         char c = data[i];
-        if (is_line_end(c)) {
+        if (m_ends == kLf ? c == '\n' : is_line_end(c)) {
             if (m_tooLong) {
                 m_tooLong = false;
                 m_line.clear();
                 result = kTooLong;
                 return i + 1;
             }
-            if (m_line.empty()) continue;
+            if (m_ends == kLf && !m_line.empty() && m_line.back() == '\r') m_line.pop_back();
+            else if (m_ends == kCrOrLf && m_line.empty()) continue;
             m_complete = true;
             result = kLine;
             return i + 1;
