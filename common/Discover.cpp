@@ -7,14 +7,19 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 
+#include "Api.h"
 #include "NetUtils.h"
 #include "TimeSpan.h"
 #include "daemon.h"
 #include "debugger.h"
 #include "utils.h"
+
+std::string MAC;
+int RS485_MASTER_MAC_CHANGED = 0;
 
 const char* const Discover::m_packet_hello = "Hello";
 const char* const Discover::m_packet_set_ipv4 = "SetIPv4";
@@ -31,6 +36,14 @@ const int kReadBatch = 64;
 // The request buffer of SetIPv4.
 const size_t kRequestSize = 1500;
 const char kNone[] = "NONE";
+// The longest "serial set" command sent.
+const size_t kSerialSetMax = 200;
+// "serial enum" columns: 1-based numbers of those the search reports.
+const size_t kColumnHwId = 2, kColumnRs485 = 3, kColumnMac = 4, kColumnIpv4 = 5, kColumnMaster = 7;
+const size_t kColumnsKnown = 9;
+const size_t kRs485AddressMax = 3;  // characters; longer is no address
+const char kNoMac[] = "00:00:00:00:00:00";
+const char kNoIpv4[] = "0.0.0.0";
 
 const std::string* mac_of(const DiscoverRecord& record)
 {
@@ -108,7 +121,86 @@ void UnitLine::Take(const char* key, const char* value, Discover::CentralFoundCb
     }
 }
 
+// The local daemon's command channel, each output line to exec_out.
+class LocalChannel : public Api {
+public:
+    explicit LocalChannel(void* cbData) : Api(SockAddr(AF_INET, INADDR_LOOPBACK, static_cast<int>(kServicePort)), strPrompt)
+    {
+        Timeout(Discover::kChannelTimeoutSeconds);
+        RegisterOutputCb(exec_out, cbData);
+    }
+};
+
+// A whole token of digits with an optional sign, within int.
+bool whole_int(const char* text, int& value)
+{
+    char* end = nullptr;
+    errno = 0;
+    long n = strtol(text, &end, 10);
+    if (end == text || *end || errno || n < INT_MIN || n > INT_MAX) return false;
+    value = static_cast<int>(n);
+    return true;
+}
+
+bool is_table_frame(const char* line)
+{
+    return strstr(line, "------") || strstr(line, "Version") || (strstr(line, "/dev/ttyS1") && strlen(line) <= 14);
+}
+
+// Column `number` (1-based) into its field of a central's record.
+void take_column(size_t number, const std::string& value, std::string& hwid, std::string& rs485, std::string& mac,
+                 std::string& ipv4, std::string& master)
+{
+    switch (number) {
+    case kColumnHwId: hwid = value; break;
+    case kColumnRs485: rs485 = value.size() > kRs485AddressMax ? kNone : value; break;
+    case kColumnMac: mac = value == kNoMac ? kNone : value; break;
+    case kColumnIpv4: ipv4 = value == kNoIpv4 ? kNone : value; break;
+    case kColumnMaster: master = value == kNoMac ? kNone : value; break;
+    default: break;
+    }
+}
+
 }  // namespace
+
+bool rs485_central_line(const char* line, const std::string& hwMac, std::vector<std::string>& words,
+                        std::string& record)
+{
+    if (is_table_frame(line)) return false;
+    std::vector<std::string> found;
+    for (const char* at = line; *at;) {
+        size_t n = strcspn(at, " ,");
+        if (n) found.emplace_back(at, n);
+        at += n + (at[n] ? 1 : 0);
+    }
+    if (found.empty()) return false;
+    std::string hwid = kNone, rs485 = kNone, mac = kNone, ipv4 = kNone, master = kNone;
+    for (size_t i = 0; i < found.size(); i++) take_column(i + 1, found[i], hwid, rs485, mac, ipv4, master);
+    record = mac + " " + ipv4 + " " + hwid + " " + rs485 + " " + master + " " + (hwMac.empty() ? kNone : hwMac);
+    words = std::move(found);
+    return true;
+}
+
+void exec_out(void* cbData, const char* out)
+{
+    syslog_safe(6, "%s:Starting RS-485 Search: %s", __func__, out);
+    if (!cbData) return;
+    std::vector<std::string> words;
+    std::string record;
+    if (!rs485_central_line(out, MAC, words, record)) {
+        syslog_safe(3, "Line skip: %s", out);
+        return;
+    }
+    for (size_t i = 0; i < words.size(); i++) {
+        syslog_safe(3, "Data:%s", words[i].c_str());
+        if (i + 1 > kColumnsKnown) syslog_safe(3, "Unknown argument number=%zu", i + 1);
+    }
+    int hwId = 0;
+    if (RS485_MASTER_MAC_CHANGED == 0 && words.size() >= kColumnHwId && whole_int(words[kColumnHwId - 1].c_str(), hwId))
+        RS485_MASTER_MAC_CHANGED = hwId;
+    syslog_safe(6, "SORTED:%s", record.c_str());
+    reinterpret_cast<Discover::CentralFoundCb>(cbData)(record.c_str(), &RS485_MASTER_MAC_CHANGED);
+}
 
 Discover::Discover(unsigned short port) : m_port(port)
 {
@@ -238,6 +330,11 @@ bool Discover::Find(CentralFoundCb centralFoundCallback, bool searchRs485, int* 
     syslog_safe(6, "DISCOVER-FIND FUNCTION!");
     syslog_safe(6, "Final MAC:%s", hwMac ? hwMac : "");
     int value = hwId ? *hwId : 0;
+    if (searchRs485) {
+        if (!Pass(nullptr)) return false;
+        SearchRs485(centralFoundCallback, hwMac);
+        return true;
+    }
     std::string unreported;
     bool sent = Pass([&](char* text, const SockAddr&) {
         std::string line = ReportUnits(text, centralFoundCallback, value);
@@ -245,7 +342,6 @@ bool Discover::Find(CentralFoundCb centralFoundCallback, bool searchRs485, int* 
     });
     if (!sent) return false;
     if (!unreported.empty() && centralFoundCallback) centralFoundCallback(unreported.c_str(), &value);
-    (void)searchRs485;
     return true;
 }
 
@@ -316,4 +412,28 @@ std::string Discover::ReportUnits(char* text, CentralFoundCb callback, int hwId)
         if (value) unit.Take(key, value, callback, hwId);
     }
     return unit.given && !unit.reported ? unit.Text() : std::string();
+}
+
+void Discover::SearchRs485(CentralFoundCb callback, const char* hwMac)
+{
+    syslog_safe(3, "Search for RS-485 centrals with 'serial enum'.");
+    MAC = hwMac ? hwMac : "";
+    LocalChannel api(reinterpret_cast<void*>(callback));
+    if (!api.Exec("serial enum")) syslog_safe(3, "Error: Failed to execute 'serial enum'.");
+    api.Disconnect();
+    MAC.clear();
+}
+
+bool Discover::ChangeRS485Address(const char* masterIp, const char* slaveMac, int newAddress)
+{
+    syslog_safe(6, "Discover - Change RS-485 address to %d (from %s, slave MAC %s).", newAddress,
+                masterIp ? masterIp : "", slaveMac ? slaveMac : "");
+    char command[kSerialSetMax + 1];
+    int n = snprintf(command, sizeof command, "serial set %s %d", slaveMac ? slaveMac : "", newAddress);
+    // A cut command would name another central, or none.
+    LocalChannel api(nullptr);
+    if (n < 0 || static_cast<size_t>(n) > kSerialSetMax || !api.Exec(command))
+        syslog_safe(3, "Error: Failed to execute serial set.");
+    api.Disconnect();
+    return true;
 }

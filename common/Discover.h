@@ -64,7 +64,10 @@ public:
     bool Find(std::list<std::pair<SockAddr, SockAddr>>& targets);
     // Reports units through `centralFoundCallback` (see ReportUnits), with a
     // copy of *hwId. With searchRs485 the answers are not read (they stay
-    // queued) and the RS-485 central search runs after the pause instead.
+    // queued) and the RS-485 central search runs after the pause instead:
+    // "serial enum" on the local daemon's command channel, each central
+    // reported by exec_out, `hwMac` kept in MAC meanwhile. Its failures are
+    // logged and change nothing in the result.
     bool Find(CentralFoundCb centralFoundCallback, bool searchRs485, int* hwId, const char* hwMac);
 
     // Broadcasts "SetIPv4 <type>:<target> <addr> <mask> <gateway> [<dns> ]
@@ -74,6 +77,12 @@ public:
     // (LastError() -EMSGSIZE; a cut request is never sent) or the send fails.
     bool SetIPv4(const SockAddr& target, const char* ipv4Addr, const char* ipv4Mask, const char* ipv4Gateway,
                  const char* dnsList, bool permanent, const char* optional);
+
+    // The RS-485 central with hardware address `slaveMac` gets `newAddress`:
+    // "serial set <slaveMac> <newAddress>" on the local daemon's command
+    // channel (127.0.0.1:3543), whatever `masterIp` says (it is only
+    // logged). Failures are logged; true in every case.
+    bool ChangeRS485Address(const char* masterIp, const char* slaveMac, int newAddress);
 
     // The pause after "Hello", in seconds (default 1).
     void SetWait(double seconds) { m_waitSeconds = seconds; }
@@ -106,7 +115,13 @@ public:
     // answers), or an empty string.
     static std::string ReportUnits(char* text, CentralFoundCb callback, int hwId);
 
+    // Seconds each step on the local command channel may take.
+    static const int kChannelTimeoutSeconds = 10;
+
 private:
+    // "serial enum" on the local command channel, each line to exec_out.
+    void SearchRs485(CentralFoundCb callback, const char* hwMac);
+
     // One received answer, NUL-terminated in the object's buffer.
     using AnswerHandler = std::function<void(char* text, const SockAddr& from)>;
 
@@ -127,3 +142,23 @@ private:
     int m_lastError = 0;
     std::vector<char> m_buffer;  // one answer, kAnswerBufferSize bytes once prepared
 };
+
+// The RS-485 search's process-wide state (one search at a time, unguarded):
+// the `hwMac` of the running search, and the first HwID a central line gave
+// (0 until then; no search resets it, the callback gets a pointer to it).
+extern std::string MAC;
+extern int RS485_MASTER_MAC_CHANGED;
+
+// The command channel's output handler of the RS-485 operations, one call
+// per output line; `cbData` is the search's CentralFoundCb, null for the
+// address change (then the line is only logged). Reports each central line
+// (see rs485_central_line, with MAC) and keeps its HwID column in
+// RS485_MASTER_MAC_CHANGED while that is 0 and the column is a whole int.
+void exec_out(void* cbData, const char* out);
+// One "serial enum" output line, split at blanks and commas: false for the
+// table's port, header and rule lines and for a line without a word; else
+// its words and the record "<mac> <ipv4> <hwid> <rs485> <masterMac>
+// <hwMac>" (columns 4, 5, 2, 3 and 7; absent ones, an all-zero MAC or IPv4
+// and an RS-485 address over 3 characters as "NONE").
+bool rs485_central_line(const char* line, const std::string& hwMac, std::vector<std::string>& words,
+                        std::string& record);

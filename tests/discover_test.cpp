@@ -2,6 +2,8 @@
 // real passes in a namespace of their own against a scripted unit.
 #include <gtest/gtest.h>
 
+#include <sched.h>
+
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -64,7 +66,12 @@ TEST(Discover, ParsesAnswersIntoRecordsInMacOrder)
 }
 
 std::vector<std::string> g_reported;
-void Collect(const char* line, int* value) { g_reported.push_back(std::string(line) + " #" + std::to_string(*value)); }
+int* g_counter = nullptr;
+void Collect(const char* line, int* value)
+{
+    g_reported.push_back(std::string(line) + " #" + std::to_string(*value));
+    g_counter = value;
+}
 
 TEST(Discover, CallbackFormReportsAtHostnameOrEarlyMaster)
 {
@@ -198,6 +205,63 @@ TEST_F(DiscoverLan, RaisedExitFlagEndsThePause)
         daemon_should_exit = false;
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
     });
+}
+
+// A "serial enum" session of the local daemon's command channel.
+Script SerialEnum(const std::string& lines)
+{
+    return {Send("vantor daemon\n#> "), Expect("serial enum\n"), Send(lines + "#> ")};
+}
+
+TEST_F(DiscoverLan, CentralSearchReportsEachCentralLine)
+{
+    const std::string frame = "/dev/ttyS1\nIdx  HwID  Addr  MAC  IPv4  State  Master  Version  Serial\n-------\n";
+    auto unit = Unit({{Send("mac=02\nn=queued")}, {}, {}, {Send("mac=01\nn=fresh")}});
+    InClient([&] {
+        ScriptedServer daemon({SerialEnum(frame + "1 17 5 00:11:22:33:44:55 10.0.0.9 x 00:00:00:00:00:00\n\n"
+                                                  "2 18,1234,00:00:00:00:00:00 0.0.0.0 s 02:00:00:00:00:01 v z extra\n"),
+                               SerialEnum("3 40 7 02:00:00:00:00:03\n"), SerialEnum("4 abc\n5 41\n"),
+                               {Send("#> "), Expect("serial set 02:00:00:00:00:09 12\n"), Send("Central moved.\n#> ")}},
+                              SockAddr(AF_INET, 0x7F000001u, 3543));
+        Discover discovery(3543);
+        discovery.SetWait(0.2);
+        g_reported.clear();
+        RS485_MASTER_MAC_CHANGED = 0;
+        int hwId = 0;
+        for (int search = 0; search < 3; search++) {
+            ASSERT_TRUE(discovery.Find(Collect, true, &hwId, "aa:bb:cc:dd:ee:ff"));
+            if (search == 1) *g_counter = 0;  // no search resets it; a caller may
+        }
+        EXPECT_EQ(g_reported, (std::vector<std::string>{
+                                  "00:11:22:33:44:55 10.0.0.9 17 5 NONE aa:bb:cc:dd:ee:ff #17",
+                                  "NONE NONE 18 NONE 02:00:00:00:00:01 aa:bb:cc:dd:ee:ff #17",
+                                  "02:00:00:00:00:03 NONE 40 7 NONE aa:bb:cc:dd:ee:ff #17",
+                                  "NONE NONE abc NONE NONE aa:bb:cc:dd:ee:ff #0",
+                                  "NONE NONE 41 NONE NONE aa:bb:cc:dd:ee:ff #41"}));
+        EXPECT_TRUE(discovery.ChangeRS485Address("10.0.0.1", "02:00:00:00:00:09", 12));
+        EXPECT_TRUE(discovery.ChangeRS485Address("10.0.0.1", std::string(200, 'm').c_str(), 12));
+        EXPECT_TRUE(daemon.WaitScriptsDone(ScaledMs(5000)));
+        EXPECT_EQ(daemon.Accepted(), 4);
+        EXPECT_EQ(daemon.Failures(), std::vector<std::string>{});
+        // The searches left the units' answers queued for this pass.
+        std::list<DiscoverRecord> units;
+        ASSERT_TRUE(discovery.Find(units));
+        EXPECT_EQ(Text(units), "mac=01 n=fresh remote=192.168.77.2:3543 | mac=02 n=queued remote=192.168.77.2:3543");
+    });
+}
+
+// With only the loopback interface even the hand-built frame has no source.
+TEST(DiscoverRs485, WithoutAnInterfaceNoSearchStarts)
+{
+    SKIP_IF_EMULATED(EmulationGap::Namespaces);
+    int rv = RunInNamespaces(CLONE_NEWNET, [] {
+        ScriptedServer daemon({SerialEnum("")}, SockAddr(AF_INET, 0x7F000001u, 3543));
+        Discover discovery(3543);
+        int hwId = 0;
+        bool found = discovery.Find(Collect, true, &hwId, "aa:bb:cc:dd:ee:ff");
+        return (found ? 1 : 0) + (discovery.LastError() < 0 ? 0 : 2) + (daemon.Accepted() == 0 ? 0 : 4);
+    });
+    EXPECT_EQ(rv, 0);
 }
 
 }  // namespace
