@@ -27,6 +27,19 @@ bool is_hello(const std::string& datagram)
     return datagram == kHello || datagram == std::string(kHello, sizeof kHello);  // with its NUL or without
 }
 
+// One datagram to or from `peer`, with room for control data.
+msghdr datagram_message(sockaddr_in& peer, iovec& data, char* control, size_t controlSize)
+{
+    msghdr msg = {};
+    msg.msg_name = &peer;
+    msg.msg_namelen = sizeof peer;
+    msg.msg_iov = &data;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = controlSize;
+    return msg;
+}
+
 std::string address_text(in_addr address)
 {
     char text[INET_ADDRSTRLEN];
@@ -93,13 +106,7 @@ void DiscoveryResponder::ReceiveOne()
     sockaddr_in from = {};
     char control[CMSG_SPACE(sizeof(in_pktinfo))];
     iovec iov = {m_buffer.data(), kDatagramMax};
-    msghdr msg = {};
-    msg.msg_name = &from;
-    msg.msg_namelen = sizeof from;
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
+    msghdr msg = datagram_message(from, iov, control, sizeof control);
     ssize_t n = recvmsg(m_fd, &msg, MSG_DONTWAIT);
     if (n < 0) return;
     int ifindex = 0;
@@ -136,13 +143,7 @@ int DiscoveryResponder::SendFrom(const SimUnit& unit, const std::string& text, c
     sockaddr_in target = to;
     char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
     iovec iov = {const_cast<char*>(text.data()), text.size()};
-    msghdr msg = {};
-    msg.msg_name = &target;
-    msg.msg_namelen = sizeof target;
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
+    msghdr msg = datagram_message(target, iov, control, sizeof control);
     cmsghdr* c = CMSG_FIRSTHDR(&msg);
     c->cmsg_level = IPPROTO_IP;
     c->cmsg_type = IP_PKTINFO;
