@@ -35,7 +35,7 @@ std::string Unit(const char* mac, const char* master) { return std::string("mac=
 
 TEST(DiscoverCli, LayoutsOfScriptedAnswers)
 {
-    SKIP_IF_EMULATED(EmulationGap::Namespaces);
+    SKIP_WITHOUT_NETNS();
     SimLan lan({"0"});
     ASSERT_TRUE(lan.Up()) << lan.Error();
     const char* u = "192.168.77.2";
@@ -105,7 +105,7 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswers)
 
 TEST(DiscoverCli, SendFailuresNameTheirCause)
 {
-    SKIP_IF_EMULATED(EmulationGap::Namespaces);
+    SKIP_WITHOUT_NETNS();
     const char* noRaw = "cannot send: no route for the broadcast, and its hand-built frame needs CAP_NET_RAW.\n";
     const char* noEth0 = "discover: cannot send: no route for the broadcast, and no interface \"eth0\" for its "
                          "hand-built frame (--interface=NAME names another).\n";
@@ -148,7 +148,7 @@ TEST(DiscoverCli, SendFailuresNameTheirCause)
 // socket's own port, and the units' answers come back to it.
 TEST(DiscoverCli, WithoutRouteTheHandBuiltFrameCarriesTheRequest)
 {
-    SKIP_IF_EMULATED(EmulationGap::Namespaces);
+    SKIP_WITHOUT_NETNS();
     SKIP_IF_EMULATED(EmulationGap::PacketSockets);
     SimLan lan({"3", "--no-route"});
     ASSERT_TRUE(lan.Up()) << lan.Error();
@@ -187,7 +187,7 @@ TEST(DiscoverCli, WithoutRouteTheHandBuiltFrameCarriesTheRequest)
 
 TEST(DiscoverCli, AThousandUnitsNoneLost)
 {
-    SKIP_IF_EMULATED(EmulationGap::Namespaces);
+    SKIP_WITHOUT_NETNS();
     SimLan lan({"1000"});
     ASSERT_TRUE(lan.Up()) << lan.Error();
     RunResult r = lan.Vtest({"discover", "--json"});
@@ -206,7 +206,7 @@ TEST(DiscoverCli, AThousandUnitsNoneLost)
 
 TEST(DiscoverCli, IpconfigConfirmsTheNewAddress)
 {
-    SKIP_IF_EMULATED(EmulationGap::Namespaces);
+    SKIP_WITHOUT_NETNS();
     SimLan lan({"14", "--", "--setipv4-delay=1"});
     ASSERT_TRUE(lan.Up()) << lan.Error();
     auto ipconfig = [](const char* mac, const char* address, const char* timeout) {
@@ -237,7 +237,7 @@ TEST(DiscoverCli, IpconfigConfirmsTheNewAddress)
 
 TEST(DiscoverCli, UsageErrorsSendNothing)
 {
-    SKIP_IF_EMULATED(EmulationGap::Namespaces);
+    SKIP_WITHOUT_NETNS();
     const std::string discover = std::string("Usage: ") + VTEST_BINARY +
                                  " discover [full] [tree] [--json] [--timeout=<seconds>] [--interface=<name>]\n";
     const std::string ipconfig = std::string("Usage: ") + VTEST_BINARY +

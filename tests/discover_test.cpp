@@ -2,8 +2,6 @@
 // real passes in a namespace of their own against a scripted unit.
 #include <gtest/gtest.h>
 
-#include <sched.h>
-
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -118,7 +116,7 @@ protected:
     static void TearDownTestSuite() { delete lan; }
     void SetUp() override
     {
-        SKIP_IF_EMULATED(EmulationGap::Namespaces);
+        SKIP_WITHOUT_NETNS();
         ASSERT_TRUE(lan->Up()) << lan->Error();
     }
     // A scripted unit in the units namespace.
@@ -253,7 +251,7 @@ TEST_F(DiscoverLan, CentralSearchReportsEachCentralLine)
 // With only the loopback interface even the hand-built frame has no source.
 TEST(DiscoverRs485, WithoutAnInterfaceNoSearchStarts)
 {
-    SKIP_IF_EMULATED(EmulationGap::Namespaces);
+    SKIP_WITHOUT_NETNS();
     int rv = RunInNamespaces(CLONE_NEWNET, [] {
         ScriptedServer daemon({SerialEnum("")}, SockAddr(AF_INET, 0x7F000001u, 3543));
         Discover discovery(3543);

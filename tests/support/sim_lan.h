@@ -4,6 +4,8 @@
 // that join a namespace to make sockets there.
 #pragma once
 
+#include <sched.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -42,3 +44,12 @@ private:
 // Runs `body` on a thread that joined network namespace `name` (sockets
 // made there stay in it). False when it could not join.
 bool RunInNetns(const std::string& name, const std::function<void()>& body);
+
+// Skips the test where network namespaces cannot be made (not root, or
+// under user-mode emulation).
+#define SKIP_WITHOUT_NETNS()                                                  \
+    do {                                                                      \
+        SKIP_IF_EMULATED(EmulationGap::Namespaces);                           \
+        std::string netnsWhy_ = NamespacesUnavailableReason(CLONE_NEWNET);    \
+        if (!netnsWhy_.empty()) GTEST_SKIP() << netnsWhy_;                    \
+    } while (0)
