@@ -39,7 +39,7 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswers)
     SimLan lan({"0"});
     ASSERT_TRUE(lan.Up()) << lan.Error();
     const char* u = "192.168.77.2";
-    const std::string big = "mac=01\nbig=" + std::string(65507 - 11, 'x');
+    const std::string hello("Hello", 6), big = "mac=01\nbig=" + std::string(65507 - 11, 'x');
     const struct {
         const char* label;
         std::vector<std::string> args, answers;
@@ -52,15 +52,13 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswers)
          {"mac=02:00:00:00:00:02\nhwid=7\nhostname=b\nversion=1.0\nmasterMac=02:00:00:00:00:01",
           "mac=02:00:00:00:00:01\nhostname=a", "mac=02:00:00:00:00:01\nhostname=a2\nversion="},
          Brief("02:00:00:00:00:01", u, "-", "a", "-", "-") + Brief("02:00:00:00:00:01", u, "-", "a2", "-", "-") +
-             Brief("02:00:00:00:00:02", u, "7", "b", "1.0", "02:00:00:00:00:01"),
-         0, "", std::string("Hello", 6)},
+             Brief("02:00:00:00:00:02", u, "7", "b", "1.0", "02:00:00:00:00:01"), 0, "", hello},
         {"full: every key, odd bytes escaped, the single-line form",
          {"discover", "full"},
          {"mac=01\nhost\\name=a\tb\x7f\xc3\xa9\r", "mac:02 hwid:9 ipv4:10.1.1.1"},
          Brief("01", u, "-", "-", "-", "-") + "    host\\\\name=a\\x09b\\x7f\xc3\xa9\\x0d\n    mac=01\n" +
              "    remote=192.168.77.2:3543\n" + Brief("02", u, "9", "-", "-", "-") +
-             "    hwid=9\n    ipv4=10.1.1.1\n    mac=02\n    master=?\n    remote=192.168.77.2:3543\n",
-         0, "", std::string("Hello", 6)},
+             "    hwid=9\n    ipv4=10.1.1.1\n    mac=02\n    master=?\n    remote=192.168.77.2:3543\n", 0, "", hello},
         {"tree: slaves under the first of their master's MAC, cycles last",
          {"discover", "tree"},
          {Unit("a1", ""), Unit("a2", "A1"), Unit("a3", "a2"), Unit("a4", "a5"), Unit("a5", "a4"), Unit("a6", "a6"),
@@ -69,19 +67,16 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswers)
              Brief("a3", u, "-", "-", "-", "a2", 8) + Brief("a2", u, "-", "dup", "-", "a1", 4) +
              Brief("a6", u, "-", "-", "-", "a6") + Brief("a7", u, "-", "-", "-", "a99") +
              Brief("a9", u, "-", "-", "-", "-") + Brief("a8", u, "-", "-", "-", "A9", 4) +
-             Brief("a4", u, "-", "-", "-", "a5") + Brief("a5", u, "-", "-", "-", "a4", 4),
-         0, "", std::string("Hello", 6)},
+             Brief("a4", u, "-", "-", "-", "a5") + Brief("a5", u, "-", "-", "-", "a4", 4), 0, "", hello},
         {"json: every key, escapes, invalid UTF-8",
          {"discover", "--json"},
          {"mac=01\nname=q\"b\\s\x01\xff\xc3\xa9", "mac=02"},
          "[\n  {\"mac\": \"01\", \"name\": \"q\\\"b\\\\s\\u0001\\ufffd\xc3\xa9\", \"remote\": \"192.168.77.2:3543\"},\n"
-         "  {\"mac\": \"02\", \"remote\": \"192.168.77.2:3543\"}\n]\n",
-         0, "", std::string("Hello", 6)},
-        {"json when none answered", {"discover", "--json"}, {}, "[]\n", 1, "No unit answered within 0.3 s.\n",
-         std::string("Hello", 6)},
+         "  {\"mac\": \"02\", \"remote\": \"192.168.77.2:3543\"}\n]\n", 0, "", hello},
+        {"json when none answered", {"discover", "--json"}, {}, "[]\n", 1, "No unit answered within 0.3 s.\n", hello},
         {"an answer of 65,507 bytes", {"discover", "full"}, {big},
          Brief("01", u, "-", "-", "-", "-") + "    big=" + big.substr(11) + "\n    mac=01\n    remote=192.168.77.2:3543\n",
-         0, "", std::string("Hello", 6)},
+         0, "", hello},
         {"ipconfig sends the library's MAC text, - as no DNS",
          {"ipconfig", "mac", "0A:0B:0C:0D:0E:0F", "10.1.2.3", "255.255.0.0", "10.1.0.1", "-", "temporary",
           "--no-confirm"},
@@ -134,9 +129,7 @@ TEST(DiscoverCli, SendFailuresNameTheirCause)
     for (const auto& c : cases) {
         SimLan lan(c.up);
         ASSERT_TRUE(lan.Up()) << lan.Error();
-        if (c.eth0Down) {
-            ASSERT_TRUE(lan.Ip(lan.Client(), {"link", "set", "eth0", "down"}));
-        }
+        EXPECT_EQ(c.eth0Down ? RunProgram({"/sbin/ip", "-n", lan.Client(), "link", "set", "eth0", "down"}).status : 0, 0);
         RunResult r = lan.Vtest(c.args, c.prefix);
         EXPECT_EQ(r.status, c.status) << c.label;
         EXPECT_EQ(r.err.substr(r.err.size() - std::min(r.err.size(), c.errEnd.size())), c.errEnd) << c.label << r.err;
@@ -185,16 +178,17 @@ TEST(DiscoverCli, WithoutRouteTheHandBuiltFrameCarriesTheRequest)
     close(capture);
 }
 
-TEST(DiscoverCli, AThousandUnitsNoneLost)
+// A thousand units answer one "Hello" at once, none lost; then some move.
+TEST(DiscoverCli, AThousandUnitsAndIpconfig)
 {
     SKIP_WITHOUT_NETNS();
-    SimLan lan({"1000"});
+    SimLan lan({"1000", "--", "--setipv4-delay=1"});
     ASSERT_TRUE(lan.Up()) << lan.Error();
-    RunResult r = lan.Vtest({"discover", "--json"});
-    EXPECT_EQ(r.status, 0) << r.err;
+    RunResult all = lan.Vtest({"discover", "--json"});
+    EXPECT_EQ(all.status, 0) << all.err;
     std::vector<std::string> macs, expected;
     std::regex mac("\"mac\": \"([^\"]*)\"");
-    for (auto it = std::sregex_iterator(r.out.begin(), r.out.end(), mac); it != std::sregex_iterator(); ++it)
+    for (auto it = std::sregex_iterator(all.out.begin(), all.out.end(), mac); it != std::sregex_iterator(); ++it)
         macs.push_back((*it)[1]);
     for (int i = 1; i <= 1000; i++) {
         char text[18];
@@ -202,13 +196,6 @@ TEST(DiscoverCli, AThousandUnitsNoneLost)
         expected.push_back(text);
     }
     EXPECT_EQ(macs, expected);
-}
-
-TEST(DiscoverCli, IpconfigConfirmsTheNewAddress)
-{
-    SKIP_WITHOUT_NETNS();
-    SimLan lan({"14", "--", "--setipv4-delay=1"});
-    ASSERT_TRUE(lan.Up()) << lan.Error();
     auto ipconfig = [](const char* mac, const char* address, const char* timeout) {
         return std::vector<std::string>{"ipconfig", "mac", mac, address, "255.255.255.0", "10.9.9.1", "-", timeout};
     };
@@ -222,8 +209,8 @@ TEST(DiscoverCli, IpconfigConfirmsTheNewAddress)
          Brief("02:56:54:00:00:0a", "10.9.9.9", "110", "unit-0010", "3.2.0", "02:56:54:00:00:01"), ""},
         {"taken after the time-out", ipconfig("02:56:54:00:00:0b", "10.9.9.8", "--timeout=0.5"), 1, "",
          "ipconfig: mac 02:56:54:00:00:0b did not answer from 10.9.9.8 within 0.5 s (last answered from 10.77.0.13).\n"},
-        {"never taken", ipconfig("02:56:54:00:00:99", "10.9.9.7", "--timeout=0.5"), 1, "",
-         "ipconfig: mac 02:56:54:00:00:99 did not answer from 10.9.9.7 within 0.5 s (no answer from it).\n"},
+        {"never taken", ipconfig("02:56:54:00:99:99", "10.9.9.7", "--timeout=0.5"), 1, "",
+         "ipconfig: mac 02:56:54:00:99:99 did not answer from 10.9.9.7 within 0.5 s (no answer from it).\n"},
         {"not confirmed when asked not to", ipconfig("02:56:54:00:00:0c", "10.9.9.6", "--no-confirm"), 0, "", ""},
     };
     for (const auto& c : cases) {
@@ -253,10 +240,8 @@ TEST(DiscoverCli, UsageErrorsSendNothing)
     const std::pair<std::vector<std::string>, std::string> cases[] = {
         {{"discover", "tree", "--json"}, "discover: tree and --json do not go together.\n" + discover},
         {{"discover", "--timeout=0.05"}, "discover: invalid time-out '0.05' (seconds, 0.1 to 60).\n" + discover},
-        {{"discover", "fast"}, "discover: unknown argument 'fast'.\n" + discover},
         {{"ipconfig", "mac", "02:00:00:00:00:01", "10.0.0.5", "255.0.0.0"}, "ipconfig: missing parameter: ipv4Gateway.\n" + ipconfig},
         {with(1, "eth"), "ipconfig: unknown address type 'eth'.\n" + ipconfig},
-        {with(2, "02:00:00:00:00"), "ipconfig: invalid mac address '02:00:00:00:00'.\n" + ipconfig},
         {with(3, "10.0.0.500"), "ipconfig: ipv4Address must be a dotted quad, not '10.0.0.500'.\n" + ipconfig},
         {with(7, "permanent"), "ipconfig: unexpected argument 'permanent'.\n" + ipconfig},
         {with(7, "--interface=abcdefghijklmnop"), "ipconfig: invalid interface name 'abcdefghijklmnop' (1 to 15 characters).\n" + ipconfig},

@@ -104,7 +104,6 @@ public:
     ScriptedDatagramPeer(const ScriptedDatagramPeer&) = delete;
     ScriptedDatagramPeer& operator=(const ScriptedDatagramPeer&) = delete;
 
-    bool Ready() const { return m_fd >= 0; }
     // The datagrams received so far, in order.
     std::vector<std::string> Received() const;
 

@@ -60,13 +60,6 @@ RunResult SimLan::Vtest(const std::vector<std::string>& args, const std::vector<
     return RunProgram(argv);
 }
 
-bool SimLan::Ip(const std::string& ns, const std::vector<std::string>& words) const
-{
-    std::vector<std::string> argv = {kIp, "-n", ns};
-    argv.insert(argv.end(), words.begin(), words.end());
-    return RunProgram(argv).status == 0;
-}
-
 bool RunInNetns(const std::string& name, const std::function<void()>& body)
 {
     bool joined = false;

@@ -1,7 +1,5 @@
-// Network namespaces for the discovery tests, which broadcast and
-// re-address units and so never run on the host's network: the simulated
-// LAN of scripts/sim-lan.sh under a name of the test's own, and threads
-// that join a namespace to make sockets there.
+// Network namespaces for the discovery tests (which must never broadcast on
+// the host's network): scripts/sim-lan.sh under a name of the test's own.
 #pragma once
 
 #include <sched.h>
@@ -14,15 +12,13 @@
 
 class SimLan {
 public:
-    // `upArgs`: what follows "sim-lan.sh up" (units, --no-route,
-    // --client-if=NAME, "--" and simulator options).
+    // `upArgs`: what follows "sim-lan.sh up".
     explicit SimLan(const std::vector<std::string>& upArgs);
     ~SimLan();
     SimLan(const SimLan&) = delete;
     SimLan& operator=(const SimLan&) = delete;
 
-    // True when the namespaces (and the simulator, if asked for) are up;
-    // else Error() has the script's output.
+    // False when the script failed; Error() has its output.
     bool Up() const { return m_up; }
     const std::string& Error() const { return m_error; }
     std::string Client() const { return m_name + "-client"; }
@@ -30,8 +26,6 @@ public:
     std::string SimLog() const;
     // vtest with `args` in the client namespace, after `prefix` (setpriv ...).
     RunResult Vtest(const std::vector<std::string>& args, const std::vector<std::string>& prefix = {}) const;
-    // "ip -n <ns> <words>"; true when it succeeded.
-    bool Ip(const std::string& ns, const std::vector<std::string>& words) const;
 
 private:
     RunResult Script(const std::vector<std::string>& args) const;
