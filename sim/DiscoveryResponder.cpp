@@ -51,6 +51,7 @@ std::string address_text(in_addr address)
 DiscoveryResponder::DiscoveryResponder(std::vector<SimUnit> units, double moveDelay)
     : Thread("discovery"), m_units(std::move(units)), m_moveDelay(moveDelay), m_buffer(kDatagramMax + 1)
 {
+    for (const SimUnit& unit : m_units) m_answers.push_back(unit.Answer());
 }
 
 DiscoveryResponder::~DiscoveryResponder()
@@ -127,10 +128,10 @@ void DiscoveryResponder::Handle(const std::string& datagram, const sockaddr_in& 
 void DiscoveryResponder::AnswerHello(const sockaddr_in& from, int ifindex)
 {
     size_t answered = 0;
-    for (const SimUnit& unit : m_units) {
-        int rv = SendFrom(unit, unit.Answer(), from, ifindex);
+    for (size_t i = 0; i < m_units.size(); i++) {
+        int rv = SendFrom(m_units[i], m_answers[i], from, ifindex);
         if (rv == 0) answered++;
-        else syslog_safe(4, "<vantor-sim> Unit %s cannot answer (%d).", address_text(unit.ipv4).c_str(), -rv);
+        else syslog_safe(4, "<vantor-sim> Unit %s cannot answer (%d).", address_text(m_units[i].ipv4).c_str(), -rv);
     }
     syslog_safe(6, "<vantor-sim> Hello from %s:%u: %zu units answered.", address_text(from.sin_addr).c_str(),
                 ntohs(from.sin_port), answered);
@@ -181,6 +182,7 @@ void DiscoveryResponder::MoveDue()
             continue;
         }
         m_units[it->unit].MoveTo(it->address);
+        m_answers[it->unit] = m_units[it->unit].Answer();
         it = m_moves.erase(it);
     }
 }

@@ -48,6 +48,7 @@ private:
     int m_fd = -1;
     bool m_ownAddresses = false;
     std::vector<SimUnit> m_units;
+    std::vector<std::string> m_answers;  // each unit's answer, kept ready
     double m_moveDelay;
     std::vector<Move> m_moves;
     std::vector<char> m_buffer;
