@@ -15,6 +15,8 @@
 #include "ShellLine.h"
 #include "TimeSpan.h"
 
+class SimReplicas;
+
 // State every session of one server shares (command channel sessions too).
 struct ShellShared {
     std::string dbPath;                     // prepared with sim_db_prepare
@@ -22,6 +24,7 @@ struct ShellShared {
     std::atomic<long> notReadyLeft{0};      // shell directives still to answer "not ready"
     CentralTable centrals;                  // the RS-485 bus of "serial enum" and "serial set"
     TimeSpan started;                       // for "uptime"
+    SimReplicas* replicas = nullptr;        // counts committed changes, when kept
 };
 
 // Receives a session's answer bytes.
@@ -98,4 +101,5 @@ private:
     bool m_subscribed = false;
     std::vector<MonitorChange> m_pending;  // changes of the open transaction
     bool m_pendingOverflow = false;
+    uint64_t m_uncommitted = 0;  // rows changed in the open transaction, any table
 };

@@ -12,6 +12,7 @@ const char kSimUsage[] =
     "usage: vantor-sim [--listen=ADDR] [--db=PATH] [--events=N] [--not-ready=N] [--max-clients=N]\n"
     "                 [--idle-timeout=SECONDS] [--centrals=FILE] [--discovery-units=N|FILE]\n"
     "                 [--setipv4-delay=SECONDS]\n"
+    "                 [--replicas=N[,LAG]] [--version-dir=DIR] [--replica-stall=K]\n"
     "  --listen=ADDR      127.0.0.1:3543 (default), IPV6|PORT, or a Unix socket path\n"
     "  --db=PATH          database file; created and seeded when missing or empty\n"
     "                     (default: a fresh seeded database, removed at exit)\n"
@@ -24,7 +25,11 @@ const char kSimUsage[] =
     "                     (default: three samples)\n"
     "  --discovery-units=N|FILE  also play N units (1..10000) or those of FILE on UDP\n"
     "                     port 3543: answer \"Hello\", obey \"SetIPv4\"\n"
-    "  --setipv4-delay=S  a unit takes its new address S seconds late (0..3600, default 0)\n";
+    "  --setipv4-delay=S  a unit takes its new address S seconds late (0..3600, default 0)\n"
+    "  --replicas=N[,LAG] keep version files: vantor.ver counts committed changes, and N peers\n"
+    "                     (0..4096) confirm it minus LAG (default 0) once a second\n"
+    "  --version-dir=DIR  where the version files are (default: the database path + .versions)\n"
+    "  --replica-stall=K  peer K's file is written once, at start, and never again\n";
 
 namespace {
 
@@ -78,6 +83,15 @@ bool parse_units(const std::string& text, SimOptions& o)
     return sim_parse_number(text, 1, kSimMaxUnits, o.discoveryUnits);
 }
 
+// "N" or "N,LAG".
+bool parse_replicas(const std::string& text, SimReplicaOptions& replicas)
+{
+    size_t comma = text.find(',');
+    replicas.enabled = true;
+    return sim_parse_number(text.substr(0, comma), 0, kSimMaxReplicas, replicas.count) &&
+           (comma == std::string::npos || sim_parse_number(text.substr(comma + 1), 0, kSimMaxReplicaLag, replicas.lag));
+}
+
 // "--name=value": true with `value` set when `arg` is that option.
 bool option_value(const std::string& arg, const char* name, std::string& value)
 {
@@ -101,6 +115,9 @@ bool parse_one(const std::string& arg, SimOptions& o, std::string& error)
     else if (option_value(arg, "centrals", value)) ok = parse_path(value, o.centrals);
     else if (option_value(arg, "discovery-units", value)) ok = parse_units(value, o);
     else if (option_value(arg, "setipv4-delay", value)) ok = sim_parse_number(value, 0, kSimMaxSetIPv4Delay, o.setIPv4Delay);
+    else if (option_value(arg, "replicas", value)) ok = parse_replicas(value, o.replicas);
+    else if (option_value(arg, "version-dir", value)) ok = o.replicas.enabled = parse_path(value, o.replicas.dir);
+    else if (option_value(arg, "replica-stall", value)) ok = sim_parse_number(value, 1, kSimMaxReplicas, o.replicas.stall);
     else {
         error = "unknown option: " + arg;
         return false;
@@ -143,6 +160,10 @@ bool sim_parse_options(int argc, char** argv, SimOptions& options, std::string& 
     parsed.listen.in4.sin_port = htons(kServicePort);
     for (int i = 1; i < argc; ++i)
         if (!parse_one(argv[i], parsed, error)) return false;
+    if (parsed.replicas.stall > parsed.replicas.count) {
+        error = "--replica-stall names no peer of --replicas";
+        return false;
+    }
     options = parsed;
     return true;
 }

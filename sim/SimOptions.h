@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "SimReplicas.h"
+
 // Caps of the numeric options.
 constexpr long kSimMaxNotReady = 1000000;
 constexpr long kSimMaxClientsCap = 4096;
@@ -31,6 +33,7 @@ struct SimOptions {
     std::string unitsFile;     // ... or the units of this file
     long setIPv4Delay = 0;     // seconds before a unit takes a new address
     std::string centrals;      // file of RS-485 centrals; empty: three samples
+    SimReplicaOptions replicas;  // version files and simulated peers
     bool help = false;
 };
 
