@@ -22,41 +22,32 @@
 
 namespace {
 
-// Seconds an Api waits at most where nothing is meant to time out.
-const int kPatience = 10;
-
 // Keeps each output line as the callback and then HandleOutput saw it,
-// with its line end.
+// with its line end; waits at most 10 s where nothing is meant to time out.
 class Recorder : public Api {
 public:
     explicit Recorder(const SockAddr& server) : Api(server, strPrompt)
     {
-        RegisterOutputCb(&Recorder::Callback, this);
-        Timeout(kPatience);
+        RegisterOutputCb([](void* self, const char* out) { static_cast<Recorder*>(self)->HandleOutput(out); }, this);
+        Timeout(10);
     }
     void HandleOutput(const char* out) override { seen += Marked(out); }
     std::string Marked(const char* out) const { return out + std::string(LastLineEnd() ? 1 : 0, LastLineEnd()); }
-    static void Callback(void* self, const char* out) { static_cast<Recorder*>(self)->seen += static_cast<Recorder*>(self)->Marked(out); }
+    // Checks that the callback, HandleOutput and `list` got `lines` (each with its line end), in order.
+    void ExpectDelivered(const std::list<std::string>& list, const std::vector<std::string>& lines, const std::string& label)
+    {
+        std::string twice, bare, listed;
+        for (const std::string& line : lines) twice += line + line, bare += line.substr(0, line.find_last_not_of("\r\n") + 1) + "|";
+        for (const std::string& line : list) listed += line + "|";
+        EXPECT_EQ(twice, seen) << label;
+        EXPECT_EQ(bare, listed) << label;
+    }
     std::string seen;
 };
 
-// `lines` (each with its line end) as the callback, HandleOutput and the list got them.
-void ExpectDelivered(const Recorder& api, const std::list<std::string>& list, const std::vector<std::string>& lines,
-                     const std::string& label)
-{
-    std::string seen, bare, listed;
-    for (const std::string& line : lines) {
-        seen += line + line;
-        bare += line.substr(0, line.find_last_not_of("\r\n") + 1) + "|";
-    }
-    for (const std::string& line : list) listed += line + "|";
-    EXPECT_EQ(seen, api.seen) << label;
-    EXPECT_EQ(bare, listed) << label;
-}
-
 TEST(Api, SendsCommandsAndCutsOutputIntoLines)
 {
-    struct Row {
+    const struct {
         const char* label;
         std::string greeting, answer;
         std::vector<std::string> lines;  // each with its line end
@@ -71,12 +62,12 @@ TEST(Api, SendsCommandsAndCutsOutputIntoLines)
         {"vertical tabs dropped after the prompt-length start", "#> ", "a\vbc\vd\n#> ", {"a\vbcd\n"}, 0},
         {"a NUL ends the line's text", "#> ", std::string("ab\0cd\n#> ", 9), {"ab\n"}, 0},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         ScriptedServer server({{Send(row.greeting), Expect("show all\n"), Send(row.answer)}});
         Recorder api(server.Addr());
         std::list<std::string> list;
         EXPECT_TRUE(api.Exec("show all", list) && api.LastError() == 0) << row.label;
-        ExpectDelivered(api, list, row.lines, row.label);
+        api.ExpectDelivered(list, row.lines, row.label);
         EXPECT_EQ(row.pending, api.Pending()) << row.label;
         EXPECT_EQ("show all\n", server.Received(0)) << row.label;
         EXPECT_TRUE(server.Failures().empty()) << row.label;
@@ -109,8 +100,7 @@ TEST(Api, LongLinesComeInPiecesThatFitTheBuffer)
         }
         EXPECT_EQ(0, api.LastError()) << n;
         EXPECT_EQ(line, joined) << n;
-        ASSERT_TRUE(api.Exec("long"));
-        EXPECT_EQ(0, api.LastError()) << n;
+        ASSERT_TRUE(api.Exec("long") && api.LastError() == 0) << n;
         EXPECT_EQ(doubled, api.seen) << n;
         EXPECT_STREQ("untouched", api.after) << n;
     }
@@ -124,8 +114,7 @@ TEST(Api, CloseAtEveryByteOffset)
     const std::string greeting = "Hi\r\n#> ", output = "one\r\ntwo\n\nthree\n#> ";
     std::vector<Script> scripts;
     for (size_t k = 0; k < greeting.size(); k++) scripts.push_back({Send(greeting.substr(0, k)), Close()});
-    for (size_t k = 0; k < output.size(); k++)
-        scripts.push_back({Send(greeting), Expect("cmd\n"), Send(output.substr(0, k)), Close()});
+    for (size_t k = 0; k < output.size(); k++) scripts.push_back({Send(greeting), Expect("cmd\n"), Send(output.substr(0, k)), Close()});
     scripts.push_back({Send(greeting), Expect("cmd\n"), Send(output)});
     ScriptedServer server(scripts);
     Recorder api(server.Addr());
@@ -147,7 +136,7 @@ TEST(Api, CloseAtEveryByteOffset)
         bool whole = k + 1 == scripts.size();
         EXPECT_EQ(whole ? 0 : -EPIPE, api.LastError()) << label;
         EXPECT_EQ(whole ? "" : got.substr(from), api.Partial()) << label;
-        ExpectDelivered(api, list, lines, label);
+        api.ExpectDelivered(list, lines, label);
     }
     EXPECT_EQ(static_cast<int>(scripts.size()), server.Accepted());
     EXPECT_TRUE(server.Failures().empty());
@@ -155,14 +144,15 @@ TEST(Api, CloseAtEveryByteOffset)
 
 // Silence, each case on its own thread (they wait in parallel). The
 // link-dead time-out is 0 here: a link is dead after a whole second
-// without a byte, unless Timeout() switched the check off.
+// without a byte, unless Timeout() switched the check off. After a failure
+// the next Exec reconnects.
 TEST(Api, SilenceEndsByTimeOutOrDeadLinkAndTheNextExecReconnects)
 {
     const long linkDead = Sock::DefaultLinkDeadTimeout();
     Sock::DefaultLinkDeadTimeout(0);
-    struct Row {
+    const struct {
         const char* label;
-        Script first;  // then a second connection that answers
+        Script first;         // then a second connection that answers
         int timeout, idleMs;  // idleMs: at the prompt before the Exec
         bool result;
         std::vector<std::string> lines;
@@ -178,7 +168,7 @@ TEST(Api, SilenceEndsByTimeOutOrDeadLinkAndTheNextExecReconnects)
          {"late\n"}, 0, 300},
     };
     std::vector<std::thread> threads;
-    for (const Row& row : rows)
+    for (const auto& row : rows)
         threads.emplace_back([&row] {
             ScriptedServer server({row.first, {Send("#> "), Expect("cmd\n"), Send("ok\n#> ")}});
             Recorder api(server.Addr());
@@ -190,13 +180,13 @@ TEST(Api, SilenceEndsByTimeOutOrDeadLinkAndTheNextExecReconnects)
             EXPECT_EQ(row.result, api.Exec("cmd", list)) << row.label;
             EXPECT_GE(MsSince(start), row.atLeastMs) << row.label;
             EXPECT_EQ(row.error, api.LastError()) << row.label;
-            ExpectDelivered(api, list, row.lines, row.label);
+            api.ExpectDelivered(list, row.lines, row.label);
             if (row.error == 0) return;
             api.seen.clear();
             list.clear();
-            api.Timeout(kPatience);
+            api.Timeout(10);
             EXPECT_TRUE(api.Exec("cmd", list) && api.LastError() == 0) << row.label;
-            ExpectDelivered(api, list, {"ok\n"}, row.label);
+            api.ExpectDelivered(list, {"ok\n"}, row.label);
         });
     for (std::thread& t : threads) t.join();
     Sock::DefaultLinkDeadTimeout(linkDead);
@@ -220,13 +210,11 @@ TEST(Api, ConnectFailuresAndRefusedCommands)
     EXPECT_EQ(-E2BIG, api.LastError());
     EXPECT_TRUE(api.Exec("next") && api.LastError() == 0);
     EXPECT_EQ(1, server.Accepted());
-
     BlackHole hole;
-    Api hanging(hole.Addr(), nullptr);
+    Api hanging(hole.Addr(), nullptr), serial(SockAddr(AF_RS485, "ttyS1", 3), nullptr);
     hanging.Timeout(1);
     EXPECT_FALSE(hanging.Connect());
     EXPECT_EQ(-ETIMEDOUT, hanging.LastError());
-    Api serial(SockAddr(AF_RS485, "ttyS1", 3), nullptr);
     EXPECT_FALSE(serial.Exec("cmd"));
     EXPECT_EQ(-EAFNOSUPPORT, serial.LastError());
 }
@@ -235,8 +223,7 @@ TEST(Api, ConnectFailuresAndRefusedCommands)
 // it connects on its own, and the original keeps its connection.
 TEST(Api, CopiesStartUnconnectedAndAreListed)
 {
-    ScriptedServer server({{Send("#> "), Expect("a\n"), Send("1\n#> "), Close()},
-                           {Send("Hello\n#> "), Expect("b\n"), Send("2\n#> ")}});
+    ScriptedServer server({{Send("#> "), Expect("a\n"), Send("1\n#> "), Close()}, {Send("Hello\n#> "), Expect("b\n"), Send("2\n#> ")}});
     Recorder original(server.Addr());
     const size_t listed = Api::m_objList.size();
     ASSERT_TRUE(original.Exec("a"));

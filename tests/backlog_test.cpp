@@ -1,3 +1,6 @@
+// The backlog judge as a table, then `vtest backlog` end to end: every
+// form and state, JSON read back by a parser, /var/local in a private mount
+// namespace, --interval cut short by a signal, and the simulator's replicas.
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sched.h>
@@ -66,14 +69,13 @@ TEST(BacklogJudge, TakesTheFirstStateThatAppliesWithItsStatus)
     }
     PeerReading later{1, 0, Version(990), now}, earlier{1, 0, Version(980), now};
     PeerReport rated = backlog_judge(Version(1000), later, &earlier, 2, Limits(-1), now);
-    EXPECT_TRUE(rated.rate == 5 && rated.hasEta && rated.eta == 2);
+    EXPECT_TRUE(rated.rate == 5 && rated.hasEta && rated.eta == 2);  // 10 changes in 2 s, 10 to go
 }
 
 TEST(BacklogJudge, AgesRoundDown)
 {
-    const std::pair<double, const char*> cases[] = {{0, "0s"},      {119.9, "119s"},  {120, "2m"},    {7199, "119m"},
-                                                    {7200, "2h"},   {172799, "47h"},  {172800, "2d"},
-                                                    {1e22, "115740740740740736d"}};
+    const std::pair<double, const char*> cases[] = {{0, "0s"}, {119.9, "119s"}, {120, "2m"}, {7199, "119m"}, {7200, "2h"},
+                                                    {172799, "47h"}, {172800, "2d"}, {1e22, "115740740740740736d"}};
     for (const auto& c : cases) EXPECT_EQ(backlog_age_text(c.first), c.second) << c.first;
 }
 
@@ -114,10 +116,12 @@ protected:
         args.insert(args.begin(), {"backlog", "--dir=" + m_dir});
         return RunVtest(args);
     }
-    void Empty() const
+    // Empties the directory, then makes `files` there.
+    void Files(const std::vector<File>& files) const
     {
         std::filesystem::remove_all(m_dir);
         ASSERT_EQ(mkdir(m_dir.c_str(), 0700), 0);
+        MakeFiles(m_dir, files);
     }
     std::string m_dir;
 };
@@ -129,8 +133,7 @@ TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
         const char* label;
         std::vector<File> files;
         std::vector<std::string> args;
-        const char* out;
-        const char* err;  // DIR: the directory
+        const char *out, *err;  // DIR: the directory
         int status;
     } cases[] = {
         {"no peers", {unit}, {}, "unit 1200 updated 30m ago\nno peers\n", "", 0},
@@ -158,26 +161,22 @@ TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
          2},
         {"summary OK", {unit, {"vantor.ver.1", "1200"}, {"vantor.ver.3", "1195"}, {"vantor.ver.7", "1188"}},
          {"--summary", "--warn=100", "--crit=1000"},
-         "BACKLOG OK - 3 peers, largest backlog 12 (peer 7) | peer1=0;100;1000;0 peer3=5;100;1000;0 "
-         "peer7=12;100;1000;0\n", "", 0},
+         "BACKLOG OK - 3 peers, largest backlog 12 (peer 7) | peer1=0;100;1000;0 peer3=5;100;1000;0 peer7=12;100;1000;0\n", "", 0},
         {"summary, one peer ahead", {unit, {"vantor.ver.4", "1201"}}, {"--summary"},
          "BACKLOG WARNING - 1 peer, largest backlog 0 (peer 4), 1 ahead | peer4=0;;;0\n", "", 1},
         {"summary, malformed", {unit, {"vantor.ver.4", ""}}, {"--summary", "--warn=3"},
          "BACKLOG WARNING - 1 peer, 1 malformed | peer4=U;3;;0\n", "", 1},
         {"summary, no peers", {unit}, {"--summary"}, "BACKLOG OK - no peers\n", "", 0},
-        {"summary, unit missing", {}, {"--summary"}, "BACKLOG UNKNOWN - DIR/vantor.ver: missing\n",
-         "DIR/vantor.ver: missing\n", 3},
+        {"summary, unit missing", {}, {"--summary"}, "BACKLOG UNKNOWN - DIR/vantor.ver: missing\n", "DIR/vantor.ver: missing\n", 3},
         {"unit malformed", {{"vantor.ver", "-5\n"}}, {}, "", "DIR/vantor.ver: not a version number\n", 3},
         {"--crit below --warn", {unit}, {"--warn=10", "--crit=9"}, "", "Error: --crit is below --warn.\n", 255},
-        {"--json with --summary", {unit}, {"--json", "--summary"}, "", "Error: --json and --summary exclude each other.\n",
-         255},
+        {"--json with --summary", {unit}, {"--json", "--summary"}, "", "Error: --json and --summary exclude each other.\n", 255},
         {"interval too short", {unit}, {"--interval=0.09"}, "",
          "Error: invalid value in '--interval=0.09': expected seconds from 0.1 to 3600.\n", 255},
         {"stray word", {unit}, {"all"}, "", "Error: unexpected argument 'all'.\n", 255},
     };
     for (const auto& c : cases) {
-        Empty();
-        MakeFiles(m_dir, c.files);
+        Files(c.files);
         RunResult r = Run(c.args);
         std::string err = Replace(c.err, "DIR", m_dir);
         if (c.status == 255) err += Replace(kSynopsis, "VTEST", VTEST_BINARY);
@@ -201,7 +200,7 @@ std::string ParseJson(const std::string& json)
 
 TEST_F(BacklogRun, JsonReadsBackExactly)
 {
-    MakeFiles(m_dir, {{"vantor.ver", "18446744073709551615"}, {"vantor.ver.1", "0"}, {"vantor.ver.2", "<dir>"}});
+    Files({{"vantor.ver", "18446744073709551615"}, {"vantor.ver.1", "0"}, {"vantor.ver.2", "<dir>"}});
     RunResult r = Run({"--json", "--warn=5"});
     EXPECT_EQ(ParseJson(r.out), "WARNING None 18446744073709551615 [(1, 0, 18446744073709551615, 'behind', None, ''), "
                                 "(2, None, None, 'malformed', 'a directory', '')]\n");
@@ -255,7 +254,7 @@ bool AwaitReads(int inotifyFd, std::set<std::string> names)
 TEST_F(BacklogRun, IntervalEndsEarlyOnSignalWithRates)
 {
     for (int signal : {SIGINT, SIGTERM}) {
-        MakeFiles(m_dir, {{"vantor.ver", "100"}, {"vantor.ver.1", "90"}, {"vantor.ver.2", "80"}});
+        Files({{"vantor.ver", "100"}, {"vantor.ver.1", "90"}, {"vantor.ver.2", "80"}});
         int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
         ASSERT_GE(inotify_add_watch(watch, m_dir.c_str(), IN_CLOSE_NOWRITE), 0);
         ChildProcess child(TargetArgv(VTEST_BINARY, {"backlog", "--dir=" + m_dir, "--interval=3600", "--warn=5", "--json"}));
@@ -271,7 +270,6 @@ TEST_F(BacklogRun, IntervalEndsEarlyOnSignalWithRates)
         EXPECT_EQ(parsed.substr(0, parsed.find(" [")), "CRITICAL None 100") << parsed;
         EXPECT_TRUE(parsed.find("(1, 93, 7, 'moving', None, ") != std::string::npos) << parsed;
         EXPECT_TRUE(parsed.find("(2, 80, 20, 'stalled', None, 0.0)") != std::string::npos) << parsed;
-        Empty();
     }
 }
 

@@ -47,20 +47,17 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswers)
         int status;
         std::string err, request;
     } cases[] = {
-        {"brief lines in MAC order, duplicates kept",
-         {"discover"},
+        {"brief lines in MAC order, duplicates kept", {"discover"},
          {"mac=02:00:00:00:00:02\nhwid=7\nhostname=b\nversion=1.0\nmasterMac=02:00:00:00:00:01",
           "mac=02:00:00:00:00:01\nhostname=a", "mac=02:00:00:00:00:01\nhostname=a2\nversion="},
          Brief("02:00:00:00:00:01", u, "-", "a", "-", "-") + Brief("02:00:00:00:00:01", u, "-", "a2", "-", "-") +
              Brief("02:00:00:00:00:02", u, "7", "b", "1.0", "02:00:00:00:00:01"), 0, "", hello},
-        {"full: every key, odd bytes escaped, the single-line form",
-         {"discover", "full"},
+        {"full: every key, odd bytes escaped, the single-line form", {"discover", "full"},
          {"mac=01\nhost\\name=a\tb\x7f\xc3\xa9\r", "mac:02 hwid:9 ipv4:10.1.1.1"},
          Brief("01", u, "-", "-", "-", "-") + "    host\\\\name=a\\x09b\\x7f\xc3\xa9\\x0d\n    mac=01\n" +
              "    remote=192.168.77.2:3543\n" + Brief("02", u, "9", "-", "-", "-") +
              "    hwid=9\n    ipv4=10.1.1.1\n    mac=02\n    master=?\n    remote=192.168.77.2:3543\n", 0, "", hello},
-        {"tree: slaves under the first of their master's MAC, cycles last",
-         {"discover", "tree"},
+        {"tree: slaves under the first of their master's MAC, cycles last", {"discover", "tree"},
          {Unit("a1", ""), Unit("a2", "A1"), Unit("a3", "a2"), Unit("a4", "a5"), Unit("a5", "a4"), Unit("a6", "a6"),
           Unit("a7", "a99"), Unit("a8", "A9"), Unit("a9", ""), Unit("a2", "a1") + "\nhostname=dup"},
          Brief("a1", u, "-", "-", "-", "-") + Brief("a2", u, "-", "-", "-", "A1", 4) +
@@ -68,8 +65,7 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswers)
              Brief("a6", u, "-", "-", "-", "a6") + Brief("a7", u, "-", "-", "-", "a99") +
              Brief("a9", u, "-", "-", "-", "-") + Brief("a8", u, "-", "-", "-", "A9", 4) +
              Brief("a4", u, "-", "-", "-", "a5") + Brief("a5", u, "-", "-", "-", "a4", 4), 0, "", hello},
-        {"json: every key, escapes, invalid UTF-8",
-         {"discover", "--json"},
+        {"json: every key, escapes, invalid UTF-8", {"discover", "--json"},
          {"mac=01\nname=q\"b\\s\x01\xff\xc3\xa9", "mac=02"},
          "[\n  {\"mac\": \"01\", \"name\": \"q\\\"b\\\\s\\u0001\\ufffd\xc3\xa9\", \"remote\": \"192.168.77.2:3543\"},\n"
          "  {\"mac\": \"02\", \"remote\": \"192.168.77.2:3543\"}\n]\n", 0, "", hello},
@@ -78,8 +74,7 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswers)
          Brief("01", u, "-", "-", "-", "-") + "    big=" + big.substr(11) + "\n    mac=01\n    remote=192.168.77.2:3543\n",
          0, "", hello},
         {"ipconfig sends the library's MAC text, - as no DNS",
-         {"ipconfig", "mac", "0A:0B:0C:0D:0E:0F", "10.1.2.3", "255.255.0.0", "10.1.0.1", "-", "temporary",
-          "--no-confirm"},
+         {"ipconfig", "mac", "0A:0B:0C:0D:0E:0F", "10.1.2.3", "255.255.0.0", "10.1.0.1", "-", "temporary", "--no-confirm"},
          {}, "", 0, "", "SetIPv4 mac:0a:0b:0c:0d:0e:0f 10.1.2.3 255.255.0.0 10.1.0.1 temporary" + std::string(1, '\0')},
     };
     for (const auto& c : cases) {
@@ -112,8 +107,8 @@ TEST(DiscoverCli, SendFailuresNameTheirCause)
         bool eth0Down;
         std::vector<std::string> prefix, args;
         int status;
-        std::string errEnd;
-        size_t lines;
+        std::string errEnd;  // the end of standard error
+        size_t lines;        // of standard output
     } cases[] = {
         {"frame without CAP_NET_RAW", {"0", "--no-route"}, false, kNoRawCaps, {"discover"}, 2, std::string("discover: ") + noRaw, 0},
         {"ipconfig's frame without it", {"0", "--no-route"}, false, kNoRawCaps, ipconfig, 2, std::string("ipconfig: ") + noRaw, 0},
@@ -161,6 +156,7 @@ TEST(DiscoverCli, WithoutRouteTheHandBuiltFrameCarriesTheRequest)
     std::string log = lan.SimLog();
     ASSERT_TRUE(std::regex_search(log, port, std::regex("Hello from 192\\.168\\.77\\.1:(\\d+)"))) << log;
     unsigned short srcPort = htons(static_cast<unsigned short>(std::stoi(port[1])));
+    // IPv4 header (checksum zeroed) with don't-fragment and TTL 64, then UDP to 3543 without checksum.
     const unsigned char header[] = {0x45, 0, 0, 34, 0, 0, 0x40, 0, 64, 17, 0, 0, 192, 168, 77, 1, 255, 255, 255, 255,
                                     static_cast<unsigned char>(srcPort & 0xff), static_cast<unsigned char>(srcPort >> 8),
                                     0x0d, 0xd7, 0, 14, 0, 0, 'H', 'e', 'l', 'l', 'o', 0};

@@ -1,3 +1,6 @@
+// Starting children safely: statuses, what a child sees, the stream form,
+// forks while other threads hold locks, and identity changes that must abort.
+// (The vector form with its environment runs through sec_exec_test.)
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -11,7 +14,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <thread>
@@ -33,9 +35,6 @@ const bool kAddressSanitizer = __has_feature(address_sanitizer);
 #else
 const bool kAddressSanitizer = false;
 #endif
-// A child forked while another thread is inside AddressSanitizer's malloc
-// can hang there: this toolchain's runtime does not hold its locks across fork.
-const char kAsanForkReason[] = "AddressSanitizer's allocator is not fork-safe with threads here";
 
 const char kSafeEnv[] = "IFS= \t\n\nPATH=/usr/bin:/bin:/usr/sbin:/sbin\n";
 
@@ -86,18 +85,14 @@ std::pair<int, std::string> RunWithStdout(const std::vector<std::pair<const char
     int rv = RunInNamespaces(0, [&] {
         for (const auto& [name, value] : vars) setenv(name, value, 1);
         int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (fd < 0 || dup2(fd, 1) != 1) return 99;
-        close(fd);
-        return body();
+        return fd < 0 || dup2(fd, 1) != 1 ? 99 : body();
     });
     std::string text = ReadFile(path);
-    unlink(path.c_str());
-    rmdir(dir.c_str());
+    RunProgram({"/bin/rm", "-rf", dir});
     return {rv, text};
 }
 
-// Waits for pid (the caller's RunInNamespaces bounds the time); its exit
-// status or -1.
+// The exit status of pid, or -1 (the caller's RunInNamespaces bounds the wait).
 int WaitChild(pid_t pid)
 {
     int status = 0;
@@ -112,45 +107,51 @@ int ExecEnv()
     return 98;
 }
 
-TEST(Secure, ExitStatusesReachTheCaller)
+TEST(Secure, ExitStatusesAndWhatTheChildSees)
 {
-    const std::pair<const char*, int> cases[] = {
+    const std::pair<const char*, int> statuses[] = {
         {"/bin/true", 0}, {"/bin/false", 1}, {"/nonexistent", 127}, {"ls -l", 127},  // no PATH search
         {"/bin/sh -c 'kill -9 $$'", 0}, {"/bin/sh -c 'exit 255'", 255}, {"", -1},
         {"/usr/bin/head -c 1000000 /dev/zero", 0},  // more output than a pipe holds
     };
-    for (const auto& [command, status] : cases) EXPECT_EQ(status, Secure::system(command)) << command;
+    for (const auto& [command, status] : statuses) EXPECT_EQ(status, Secure::system(command)) << command;
     // pclose leaves the raw status of a signalled child to the caller.
     Finished f = RunCommand("/bin/sh -c 'kill -TERM $$'");
     EXPECT_EQ(f.status, 0);
     EXPECT_TRUE(WIFSIGNALED(f.waitStatus) && WTERMSIG(f.waitStatus) == SIGTERM) << f.waitStatus;
     Secure::POPEN none = {nullptr, nullptr, nullptr, -1};
     EXPECT_EQ(Secure::pclose(none), -1);
-}
-
-// The string form gives an empty environment, "/tmp" and none of the
-// parent's descriptors; the vector form exactly the environment given.
-TEST(Secure, ChildSeesOnlyWhatItIsGiven)
-{
+    // An empty environment and none of the parent's descriptors (3 is ls's own).
     int fd = open("/dev/null", O_RDONLY);  // deliberately without close-on-exec
     ASSERT_GE(fd, 3);
-    // 3 is ls's own handle on the directory it lists.
-    const std::pair<const char*, const char*> outputs[] = {
-        {"/usr/bin/env", ""}, {"/bin/pwd", "/tmp\n"}, {"/bin/ls /proc/self/fd", "0\n1\n2\n3\n"}};
-    for (const auto& [command, out] : outputs) EXPECT_EQ(out, RunCommand(command).out) << command;
+    EXPECT_EQ("", RunCommand("/usr/bin/env").out);
+    EXPECT_EQ("0\n1\n2\n3\n", RunCommand("/bin/ls /proc/self/fd").out);
     close(fd);
     EXPECT_EQ("through stdin\n", RunCommand("/bin/cat", "through stdin\n").out);
     EXPECT_EQ("to stderr\n", RunCommand("/bin/sh -c 'echo to stderr >&2'").err);
+}
 
-    char* const argv[] = {const_cast<char*>("env"), nullptr};
-    char* const envp[] = {const_cast<char*>("A=1"), const_cast<char*>("B=two words"), nullptr};
-    Secure::POPEN child;
-    ASSERT_EQ(Secure::popen("/usr/bin/env", argv, envp, child), 0);
-    EXPECT_EQ(Finish(child).out, "A=1\nB=two words\n");
+TEST(Secure, StreamFormReadsOrWrites)
+{
+    FILE* r = Secure::popen("/bin/echo hello there", "r");
+    char line[64] = {};
+    ASSERT_TRUE(r && fgets(line, sizeof line, r));
+    EXPECT_STREQ(line, "hello there\n");
+    EXPECT_EQ(Secure::pclose(r), 0);
+    FILE* w = Secure::popen("/bin/sh -c 'read line; test \"$line\" = ping'", "w");
+    ASSERT_TRUE(w && fputs("ping\n", w) >= 0);
+    EXPECT_EQ(Secure::pclose(w), 0);
+    for (const char* mode : {"rw", "", "R", "r+", static_cast<const char*>(nullptr)})
+        EXPECT_EQ(Secure::popen("/bin/cat", mode), nullptr) << (mode ? mode : "null");
+    FILE* missing = Secure::popen("/nonexistent", "r");  // fails in the child only
+    ASSERT_NE(missing, nullptr);
+    EXPECT_EQ(Secure::pclose(missing), 127);
+    EXPECT_EQ(Secure::pclose(stdin), -1);
 }
 
 // A forked child gets the safe set and TZ; SanitizeEnvironment keeps the
-// named variables in the order named; SafeEnvironment lists the same entries.
+// named variables in the order named; SafeEnvironment lists a name given
+// twice once, in its first place.
 TEST(Secure, EnvironmentIsTheSafeSetPlusWhatIsKept)
 {
     const std::string safe = kSafeEnv;
@@ -167,7 +168,6 @@ TEST(Secure, EnvironmentIsTheSafeSetPlusWhatIsKept)
     };
     EXPECT_EQ(RunWithStdout({{"VTEST_B", "b=2"}, {"VTEST_A", ""}}, sanitized),
               std::make_pair(0, safe + "VTEST_B=b=2\nVTEST_A=\n"));
-
     setenv("TZ", "CET", 1);
     setenv("VTEST_K", "v", 1);
     char* names[] = {const_cast<char*>("VTEST_K"), const_cast<char*>("PATH"), const_cast<char*>("VTEST_K")};
@@ -181,7 +181,7 @@ TEST(Secure, EnvironmentIsTheSafeSetPlusWhatIsKept)
 
 TEST(Secure, SanitizeFilesClosesAllButKeptAndReopensStandardOnes)
 {
-    int rv = RunInNamespaces(0, [] {
+    EXPECT_EQ(0, RunInNamespaces(0, [] {
         int dropped = open("/dev/null", O_RDONLY), kept = open("/dev/null", O_RDONLY);
         struct stat null, now;
         stat("/dev/null", &null);
@@ -191,37 +191,17 @@ TEST(Secure, SanitizeFilesClosesAllButKeptAndReopensStandardOnes)
         if (fcntl(dropped, F_GETFD) != -1 || errno != EBADF) return 1;
         if (fcntl(kept, F_GETFD) < 0) return 2;
         if (fstat(1, &now) != 0 || now.st_rdev != null.st_rdev || !S_ISCHR(now.st_mode)) return 3;
-        if ((fcntl(1, F_GETFL) & O_ACCMODE) != O_WRONLY) return 4;
-        return 0;
-    });
-    EXPECT_EQ(rv, 0);
-}
-
-TEST(Secure, StreamPairReadsAndWrites)
-{
-    FILE* r = Secure::popen("/bin/echo hello there", "r");
-    char line[64] = {};
-    ASSERT_TRUE(r && fgets(line, sizeof line, r));
-    EXPECT_STREQ(line, "hello there\n");
-    EXPECT_EQ(Secure::pclose(r), 0);
-
-    FILE* w = Secure::popen("/bin/sh -c 'read line; test \"$line\" = ping'", "w");
-    ASSERT_TRUE(w && fputs("ping\n", w) >= 0);
-    EXPECT_EQ(Secure::pclose(w), 0);
-
-    for (const char* mode : {"rw", "", "R", "r+", static_cast<const char*>(nullptr)})
-        EXPECT_EQ(Secure::popen("/bin/cat", mode), nullptr) << (mode ? mode : "null");
-    FILE* missing = Secure::popen("/nonexistent", "r");  // fails in the child only
-    ASSERT_NE(missing, nullptr);
-    EXPECT_EQ(Secure::pclose(missing), 127);
-    EXPECT_EQ(Secure::pclose(stdin), -1);
+        return (fcntl(1, F_GETFL) & O_ACCMODE) != O_WRONLY ? 4 : 0;
+    }));
 }
 
 // Children must start and end from several threads at once while other
 // threads hold the allocator's and the logger's resources at the moment of fork.
 TEST(Secure, ChildrenStartFromManyThreadsWhileOthersAllocateAndLog)
 {
-    if (kAddressSanitizer) GTEST_SKIP() << kAsanForkReason;
+    // A child forked while another thread is inside AddressSanitizer's malloc
+    // can hang there: this toolchain's runtime does not hold its locks across fork.
+    if (kAddressSanitizer) GTEST_SKIP() << "AddressSanitizer's allocator is not fork-safe with threads here";
     secureInit();
     int savedErr = dup(2), devNull = open("/dev/null", O_WRONLY);
     ASSERT_EQ(dup2(devNull, 2), 2);
@@ -293,26 +273,23 @@ protected:
         });
     }
 
-    static bool AllIds(uid_t uid, gid_t gid)
-    {
-        uid_t r, e, s;
-        gid_t rg, eg, sg;
-        return getresuid(&r, &e, &s) == 0 && getresgid(&rg, &eg, &sg) == 0 && r == uid && e == uid && s == uid && rg == gid && eg == gid && sg == gid;
-    }
-
     Ids m_nobody{}, m_daemon{};
 };
 
 // For a root-owned and an ordinary owner: a permanent drop leaves only the
-// real ids for good; a temporary drop is undone from a record filled before.
-TEST_F(SecurePrivileges, DropsArePermanentOrRestored)
+// real ids for good; a temporary drop is undone from a record filled before;
+// a restore that cannot be done aborts.
+TEST_F(SecurePrivileges, DropsArePermanentOrRestoredAndImpossibleRestoresAbort)
 {
     for (Ids owner : {Ids{0, 0}, m_daemon}) {
         EXPECT_EQ(0, RunShaped(owner, [&] {
             auto saved = std::make_unique<Secure::PRIVILEGES>();
             Secure::DropPrivileges(saved.get());
             if (saved->uid != owner.uid || saved->gid != owner.gid) return 1;
-            if (!AllIds(m_nobody.uid, m_nobody.gid)) return 2;
+            uid_t r, e, s;
+            gid_t rg, eg, sg;
+            if (getresuid(&r, &e, &s) != 0 || getresgid(&rg, &eg, &sg) != 0) return 2;
+            if (r != m_nobody.uid || e != r || s != r || rg != m_nobody.gid || eg != rg || sg != rg) return 2;
             return seteuid(owner.uid) == 0 || setegid(owner.gid) == 0 ? 3 : 0;
         })) << "permanent, owner uid " << owner.uid;
         EXPECT_EQ(0, RunShaped(owner, [&] {
@@ -330,22 +307,15 @@ TEST_F(SecurePrivileges, DropsArePermanentOrRestored)
             return owner.uid == 0 && (n != 2 || groups[0] != 4 || groups[1] != 7) ? 3 : 0;
         })) << "temporary, owner uid " << owner.uid;
     }
-}
-
-TEST_F(SecurePrivileges, ImpossibleIdentityChangeAborts)
-{
-    auto restoring = [](uid_t uid, gid_t gid) {
-        return [uid, gid] {
+    for (Ids target : {Ids{0, 0}, Ids{m_nobody.uid, 0}})
+        EXPECT_EQ(128 + SIGABRT, RunShaped(m_nobody, [target] {
             auto saved = std::make_unique<Secure::PRIVILEGES>();
-            saved->uid = uid;
-            saved->gid = gid;
+            saved->uid = target.uid;
+            saved->gid = target.gid;
             saved->ngroups = 0;
             Secure::RestorePrivileges(*saved);
             return 0;
-        };
-    };
-    EXPECT_EQ(RunShaped(m_nobody, restoring(0, 0)), 128 + SIGABRT);
-    EXPECT_EQ(RunShaped(m_nobody, restoring(m_nobody.uid, 0)), 128 + SIGABRT);
+        })) << "restoring uid " << target.uid << " gid " << target.gid;
 }
 
 }  // namespace

@@ -55,18 +55,10 @@ TEST(SimCommands, AnswersEachCommandWithExactlyTheBytesApiReads)
         "|1    3      3     02:a0:7c:00:04:12  10.0.0.21        online       02:a0:7c:00:00:01  3.2.1     CE-7710-0412"
         "|2    4      7     02:a0:7c:00:04:13  10.0.0.22        online       02:a0:7c:00:00:02  3.2.1     CE-7710-0413|";
     const std::pair<std::string, std::string> rows[] = {  // a result ending in "*": only its start
-        {"", ""},
-        {"echo hello world", "hello world|"},
-        {"echo", "|"},
-        {"  echo   three blanks", "  three blanks|"},
-        {"version", "vantor-sim *"},
-        {"uptime", "Up 0 days, 00:0*"},
-        {"status", "|S o c k e t s|----*"},
-        {"help", "Commands:|  help *"},
-        {"sleep 50", ""},
-        {"sleep 3600001", "Error: Usage: sleep <ms> (0 to 3600000).|"},
-        {"nope now", "Error: Unknown command 'nope'.|"},
-        {"comment x", "Error: Unknown command 'comment'.|"},
+        {"", ""}, {"echo hello world", "hello world|"}, {"echo", "|"}, {"  echo   three blanks", "  three blanks|"},
+        {"version", "vantor-sim *"}, {"uptime", "Up 0 days, 00:0*"}, {"status", "|S o c k e t s|----*"},
+        {"help", "Commands:|  help *"}, {"sleep 50", ""}, {"sleep 3600001", "Error: Usage: sleep <ms> (0 to 3600000).|"},
+        {"nope now", "Error: Unknown command 'nope'.|"}, {"comment x", "Error: Unknown command 'comment'.|"},
         {"serial enum", table + Third("none  ")},
         {"serial set 02:A0:7C:00:05:01 9", "Central 02:a0:7c:00:05:01 address none -> 9.|"},
         {"serial set 02:a0:7c:00:05:01 7", "Error: RS-485 address 7 is taken by 02:a0:7c:00:04:13.|"},
@@ -74,8 +66,7 @@ TEST(SimCommands, AnswersEachCommandWithExactlyTheBytesApiReads)
         {"serial set 02:a0:7c:00:05 5", "Error: Invalid MAC address '02:a0:7c:00:05'.|"},
         {"serial set 02:a0:7c:00:09:09 5", "Error: No central with MAC 02:a0:7c:00:09:09.|"},
         {"serial set 02:a0:7c:00:05:01", "Error: Usage: serial enum | serial set <mac> <addr>.|"},
-        {"serial enum", table + Third("9     ")},
-        {"quit", "Bye.|?-32"},
+        {"serial enum", table + Third("9     ")}, {"quit", "Bye.|?-32"},
     };
     for (const auto& [command, result] : rows) {
         size_t exact = result.back() == '*' ? result.size() - 1 : std::string::npos;
