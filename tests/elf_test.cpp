@@ -269,37 +269,31 @@ TEST_F(ElfTest, RefusesWhatIsNotAReadableElfFileWithOneWarning)
     ASSERT_EQ(0, mkfifo((dir + "/fifo").c_str(), 0600));
     bool node = mknod((dir + "/null").c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0;
     const std::string elf32 = std::string("\177ELF\1\1\1", 7) + std::string(45, '\0');
-    struct Case {
-        std::string path, log, error;
+    const struct {
+        std::string path, error;  // error: OpenError(), empty when it opens
+        int err;                  // the errno of a failed system call, or 0
     } cases[] = {
-        {dir + "/fifo", "Unable to read " + dir + "/fifo: not a regular file.", "not a regular file"},
-        {dir, "Unable to read " + dir + ": not a regular file.", "not a regular file"},
-        {node ? dir + "/null" : "/dev/null", "Unable to read " + dir + "/null: not a regular file.", "not a regular file"},
-        {dir + "/none", "Unable to open " + dir + "/none (2).", "No such file or directory"},
-        {"/sys/devices/system/cpu/online", "Unable to open /sys/devices/system/cpu/online (19).", "No such device"},
-        {Save("", "empty"), "Unable to read " + dir + "/empty: empty.", "empty"},
-        {Save("\177EL", "short"), "Unable to read " + dir + "/short: not ELF.", "not ELF"},
-        {Save("MZ\x90\0\3\0\0\0", "exe"), "Unable to read " + dir + "/exe: not ELF.", "not ELF"},
-        {Save("\177ELF\3\1", "class"), "Unable to read " + dir + "/class: bad class 3.", "bad class 3"},
-        {Save(std::string("\177ELF\1\0", 6), "order"), "Unable to read " + dir + "/order: bad byte order 0.",
-         "bad byte order 0"},
-        {Save(elf32.substr(0, 51), "cut"), "Unable to read " + dir + "/cut: shorter than its header.",
-         "shorter than its header"},
-        {Save(elf32, "a b\\"), "", ""},
+        {dir + "/fifo", "not a regular file", 0}, {dir, "not a regular file", 0},
+        {node ? dir + "/null" : "/dev/null", "not a regular file", 0}, {dir + "/none", "No such file or directory", 2},
+        {"/sys/devices/system/cpu/online", "No such device", 19}, {Save("", "empty"), "empty", 0},
+        {Save("\177EL", "short"), "not ELF", 0}, {Save("MZ\x90\0\3\0\0\0", "exe"), "not ELF", 0},
+        {Save("\177ELF\3\1", "class"), "bad class 3", 0}, {Save(std::string("\177ELF\1\0", 6), "order"), "bad byte order 0", 0},
+        {Save(elf32.substr(0, 51), "cut"), "shorter than its header", 0}, {Save(elf32, "a b\\"), "", 0},
     };
-    if (!node) cases[2].log = "Unable to read /dev/null: not a regular file.";
     int watch = inotify_init1(IN_NONBLOCK);
     ASSERT_GE(watch, 0);
     ASSERT_GE(inotify_add_watch(watch, (dir + "/fifo").c_str(), IN_OPEN), 0);
     if (node) {
         ASSERT_GE(inotify_add_watch(watch, (dir + "/null").c_str(), IN_OPEN), 0);
     }
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         if (access(c.path.c_str(), F_OK) != 0 && c.path.rfind("/sys/", 0) == 0) continue;  // no sysfs here
+        std::string log = c.err ? "Unable to open " + c.path + " (" + std::to_string(c.err) + ")."
+                                : "Unable to read " + c.path + ": " + c.error + ".";
         StderrCapture capture;
         Elf elf;
-        EXPECT_EQ(elf.Open(c.path.c_str()), c.log.empty()) << c.path;
-        EXPECT_EQ(LogLines(capture.Take()), c.log.empty() ? "" : "warn <Elf> " + c.log + "\n") << c.path;
+        EXPECT_EQ(elf.Open(c.path.c_str()), c.error.empty()) << c.path;
+        EXPECT_EQ(LogLines(capture.Take()), c.error.empty() ? "" : "warn <Elf> " + log + "\n") << c.path;
         EXPECT_EQ(elf.OpenError(), c.error) << c.path;
     }
     char events[4096];

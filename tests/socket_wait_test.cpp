@@ -1,7 +1,8 @@
 // The bounded waits of Socket that Api does not show (a read wait that ends
-// without dropping the link, a write wait), and the script-line reader and
-// whole-file reader every command reading files shares. Connect time-outs
-// and Pending() run through api_test; the file kinds through version_test.
+// without dropping the link, a write wait, Pending() on bytes not yet read
+// ahead), and the script-line reader and whole-file reader every command
+// reading files shares. Connect time-outs run through api_test, the kinds
+// of file through version_test.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -18,6 +19,7 @@
 #include "process.h"
 #include "regular_file.h"
 #include "scripted_server.h"
+#include "wait.h"
 
 namespace {
 
@@ -38,6 +40,18 @@ TEST(SocketWait, EachReadOrWriteWaitTimesOutWithoutDroppingTheLink)
     stuck.WaitTimeout(200);  // the peer takes nothing
     std::string big(64 << 20, 'x');
     EXPECT_EQ(stuck.write(big.data(), big.size()), -ETIMEDOUT);
+}
+
+TEST(SocketWait, PendingTellsBytesFromTheCloseWithoutWaiting)
+{
+    ScriptedServer server({{Send("ab"), Wait(300), Close()}});
+    Socket link(server.Addr());
+    ASSERT_TRUE(link.Connect());
+    EXPECT_TRUE(WaitUntil([&] { return link.Pending() == 2; }, ScaledMs(5000)));
+    char c[2];
+    EXPECT_EQ(link.read(c, 2, 0), 2);  // the bytes looked at are still read
+    EXPECT_EQ(link.Pending(), 0);
+    EXPECT_TRUE(WaitUntil([&] { return link.Pending() == -EPIPE; }, ScaledMs(5000)));
 }
 
 // One entry per Next(): "L<n>:<text>", "R<n>:<reason>|<preview>", "E" end.
