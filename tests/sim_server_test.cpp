@@ -1,6 +1,7 @@
-// vantor-sim over real sockets: the client's exact reads on TCP and Unix
-// sockets, monitor fan-out between connections, many clients at once, and
-// clients that misbehave. (Every answer's bytes: sim_engine_test.)
+// vantor-sim over real sockets: the connection limit, idle clients and
+// monitor fan-out between connections, many clients at once, and clients
+// that misbehave. Every answer's bytes are pinned in sim_engine_test, the
+// SQL client's reads over TCP and Unix sockets in sql_sim_test.
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
@@ -9,7 +10,6 @@
 #include <atomic>
 #include <memory>
 #include <thread>
-#include <tuple>
 
 #include "process.h"
 #include "shell_client.h"
@@ -60,29 +60,6 @@ protected:
 
     std::unique_ptr<SimRunner> runner;
 };
-
-TEST_F(SimServer, ClientReadsFitEveryAnswerOverTcpAndUnixSocket)
-{
-    // Statement, Exec's result and the lines it gives (for an error: its text).
-    const std::vector<std::tuple<std::string, int, std::vector<std::string>>> cases = {
-        {"SELECT HwID FROM Hardware LIMIT 3;", 0, {"HwID", "1", "2", "3"}},
-        {"INSERT INTO Events (EvntData) VALUES (\"a|b\");", 0, {}},
-        {"SELECT * FROM Nowhere;", -5, {"Error: no such table: Nowhere"}},
-        {"SELECT EvntData FROM Events WHERE EvntID = 11;", 0, {"EvntData", "a\\|b"}},
-    };
-    for (bool unixSocket : {false, true}) {
-        ASSERT_TRUE(Start({unixSocket, 0, 0, {}}).Running());
-        Client c(*runner);
-        ASSERT_TRUE(c.Prepare());
-        for (const auto& [statement, result, expected] : cases) {
-            std::vector<std::string> lines;
-            EXPECT_EQ(result, c.reads.Exec(statement, lines)) << statement;
-            EXPECT_EQ(expected, result == 0 ? lines : std::vector<std::string>{c.reads.LastError()}) << statement;
-            EXPECT_TRUE(c.link.Quiet()) << statement;  // no leftover bytes
-        }
-        EXPECT_EQ(0, runner->Stop()) << runner->Log();
-    }
-}
 
 TEST_F(SimServer, ConnectionsBeyondTheLimitAreClosedAtAccept)
 {
