@@ -36,9 +36,12 @@ public:
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
-    // Blocks until taken; never gives up, only reports. `file` must be a
-    // string literal (the caller's __FILE__): it is kept, not copied.
-    void Lock(const char* file, int line)
+    // Blocks until taken, reporting every m_reportSeconds while it waits:
+    // true once held. False only when pthread refuses the lock for another
+    // reason than the wait (logged at level 7; nothing is held and the
+    // holder fields are untouched): the caller must not Unlock then.
+    // `file` must be a string literal (the caller's __FILE__): it is kept.
+    bool Lock(const char* file, int line)
     {
         for (;;) {
             // time(NULL) lags CLOCK_REALTIME by up to a tick, so a deadline
@@ -51,13 +54,14 @@ public:
             if (rv != ETIMEDOUT) {
                 syslog_safe(7, "DBG %s:%d Mutex::Lock() error: rv=%d this=%p.", Text(file), line, rv,
                             static_cast<void*>(this));
-                return;
+                return false;
             }
             syslog_safe(7, "DBG %s:%d Mutex::Lock() blocked ([%d] %s:%d still holds). <--------------- [%s:%d]",
                         Text(file), line, static_cast<int>(m_lock_tid), Text(m_lock_file), static_cast<int>(m_lock_line),
                         Text(m_step_file), static_cast<int>(m_step_line));
         }
         GotLock(file, line, "Lock");
+        return true;
     }
 
     // Takes the lock only if it is free (or already ours); with `flag` a
@@ -163,16 +167,21 @@ private:
 
 inline int Mutex::m_reportSeconds = 5;
 
-// Holds a Mutex for a scope; every path out unlocks.
+// Holds a Mutex for a scope; every path out unlocks it if Lock took it (a
+// refused Lock is logged and the scope runs unprotected, as it always has).
 class MutexGuard {
 public:
-    MutexGuard(Mutex& m, const char* file, int line) : m_mutex(m) { m_mutex.Lock(file, line); }
-    ~MutexGuard() { m_mutex.Unlock(); }
+    MutexGuard(Mutex& m, const char* file, int line) : m_mutex(m), m_held(m.Lock(file, line)) {}
+    ~MutexGuard()
+    {
+        if (m_held) m_mutex.Unlock();
+    }
     MutexGuard(const MutexGuard&) = delete;
     MutexGuard& operator=(const MutexGuard&) = delete;
 
 private:
     Mutex& m_mutex;
+    bool m_held;
 };
 
 #define MUTEX_LOCK(m) (m).Lock(__FILE__, __LINE__)

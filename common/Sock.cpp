@@ -19,11 +19,14 @@ const int kIdleSleepMs = 100;
 
 bool sock_is_terminator(char c) { return c == '\r' || c == '\n' || c == '\v'; }
 
+// Whether this thread's Sock constructor took the list lock.
+thread_local bool t_listLockHeld = false;
+
 // Evaluated before any base is built: the list lock is then held until the
 // end of Sock's constructor, so a listing never reads a member half made.
 const char* sock_hold_list_lock()
 {
-    ListedObj<Sock>::m_objListLock.Lock(__FILE__, __LINE__);
+    t_listLockHeld = ListedObj<Sock>::m_objListLock.Lock(__FILE__, __LINE__);
     return "Sock";
 }
 
@@ -50,7 +53,7 @@ Sock::Sock(const SockAddr& addr)
     m_rxBuf = static_cast<char*>(safe_mem_zalloc(m_bufLen, __FILE__, __LINE__));
     m_txBuf = static_cast<char*>(safe_mem_zalloc(m_bufLen, __FILE__, __LINE__));
     Rename("Sock %s", m_remote_str);
-    m_objListLock.Unlock();
+    if (t_listLockHeld) m_objListLock.Unlock();
 }
 
 Sock::~Sock()

@@ -225,18 +225,21 @@ void Socket::Disconnect()
     }
 }
 
-// The timing options go to SOL_SOCKET, not IPPROTO_TCP, as the system has
-// always done: the kernel's keep-alive timing stays its default.
+// The timing options belong to TCP: at the socket level their numbers are
+// SO_ERROR, SO_DONTROUTE and SO_BROADCAST, and don't-route would keep every
+// packet on the local subnet. A Unix socket has no TCP timing.
 bool Socket::SetKeepAlive(int idle, int interval, int count)
 {
     int on = 1, back = 0;
     socklen_t len = sizeof back;
     if (setsockopt(m_fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) != 0) return false;
     if (getsockopt(m_fd, SOL_SOCKET, SO_KEEPALIVE, &back, &len) != 0) return false;
+    sa_family_t family = m_remote.GetAF();
+    if (family != AF_INET && family != AF_INET6) return true;
     const int option[3] = {TCP_KEEPIDLE, TCP_KEEPINTVL, TCP_KEEPCNT};
     const int value[3] = {idle, interval, count};
     for (int i = 0; i < 3; i++)
-        if (value[i]) (void)setsockopt(m_fd, SOL_SOCKET, option[i], &value[i], sizeof value[i]);
+        if (value[i]) (void)setsockopt(m_fd, IPPROTO_TCP, option[i], &value[i], sizeof value[i]);
     return true;
 }
 
@@ -494,7 +497,8 @@ int Socket::ProcessCompleteLine(char* line, int len)
     return CheckChecksum(line, n);
 }
 
-// TCP_CORK's number at the socket level, as the system has always set it.
+// TCP_CORK's number at the socket level, as the system has always set it:
+// there it is SO_TYPE, which is read-only, so this call changes nothing.
 void Socket::JamTogehter(bool on)
 {
     int value = on;

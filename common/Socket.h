@@ -33,8 +33,9 @@ public:
     // this object bound.
     void Disconnect() override;
     bool IsConnected() override { return m_fd.load(std::memory_order_relaxed) != -1; }
-    // SO_KEEPALIVE, then the non-zero values at option numbers 4, 5 and 6 of
-    // SOL_SOCKET (their results ignored); false if SO_KEEPALIVE fails.
+    // SO_KEEPALIVE, then on TCP the non-zero values as TCP_KEEPIDLE,
+    // TCP_KEEPINTVL and TCP_KEEPCNT (seconds, seconds, probes; results
+    // ignored); false if SO_KEEPALIVE fails.
     bool SetKeepAlive(int idle, int interval, int count) override;
     // The number of bytes sent; -EAGAIN without a descriptor, -E2BIG for
     // text of BufLen() characters or more (BufLen() - 6 with checksums),
