@@ -77,6 +77,8 @@ public:
     int WaitTimeout() const { return m_waitTimeoutMs; }
     // The errno of the last failed Connect, 0 after a successful one.
     int ConnectErrno() const { return m_connectErrno; }
+    // With it on, a failed Connect is not logged (an owner's quiet retries).
+    void QuietConnect(bool on) { m_quietConnect = on; }
 
     // A line beginning with "+" must carry "+<hex sum> " of the rest: the
     // rest is moved to the start and its length returned (len updated).
@@ -112,4 +114,5 @@ private:
     int m_connectTimeoutMs = 0;
     int m_waitTimeoutMs = 0;
     int m_connectErrno = 0;
+    bool m_quietConnect = false;
 };

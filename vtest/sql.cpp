@@ -1,3 +1,7 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -5,14 +9,14 @@
 #include <string>
 #include <vector>
 
+#include "ScriptReader.h"
 #include "commands.h"
+#include "db_limits.h"
 #include "server_option.h"
 #include "sql_wrapper.h"
+#include "timeout_option.h"
 
 namespace {
-
-const int kLineLength = 2048;
-const int kInputBuffer = 4000;
 
 struct SqlOptions {
     SockAddr server;
@@ -20,6 +24,7 @@ struct SqlOptions {
     bool pairs = false;
     bool stdinInput = false;
     bool isFile = false;
+    int timeout = 0;  // seconds; 0: connect and greeting bounded by default, answers not
 };
 
 int missing_statement(bool isFile)
@@ -63,24 +68,37 @@ void print_pairs_row(int n, const std::map<std::string, std::string>& row)
 
 // Plain mode prints the header as soon as rows are announced, in the
 // server's order, values quoted; pairs mode prints it with the first row
-// only, in sorted order, values bare. Scripts rely on both layouts.
-void print_rows(SqlWrapper& sql, bool pairs)
+// only, in sorted order, values bare. Scripts rely on both layouts. Every
+// row gets a value per column: the server sends no separator for trailing
+// empty values. False when a fetch failed; the rows before it stay printed.
+bool print_rows(SqlWrapper& sql, bool pairs)
 {
+    const std::vector<std::string>& names = sql.GetHeaders();
+    if (!pairs) print_plain_header(names);
     for (int n = 1;; n++) {
         if (pairs) {
             std::map<std::string, std::string> row;
-            if (sql.Next(row, 0)) print_pairs_row(n, row);
+            if (!sql.Next(row, 0)) break;
+            for (const std::string& name : names) row.emplace(name, "");
+            print_pairs_row(n, row);
         } else {
-            if (n == 1) print_plain_header(sql.GetHeaders());
             std::vector<std::string> row;
-            if (sql.Next(row, 0)) print_plain_row(n, row);
+            if (!sql.Next(row, 0)) break;
+            if (row.size() < names.size()) row.resize(names.size());
+            print_plain_row(n, row);
         }
-        if (sql.Eof()) return;
     }
+    return sql.FailureReason().empty();
+}
+
+// Why the last statement failed.
+std::string failure(const SqlWrapper& sql)
+{
+    return sql.FailureReason().empty() ? sql.LastError() : sql.FailureReason();
 }
 
 // Returns the index of the first non-option argument, or argc; -1 after a
-// bad server address (already reported).
+// bad server address or time-out (already reported).
 int scan_options(int argc, char** argv, SqlOptions& options)
 {
     int i = 2;
@@ -89,6 +107,11 @@ int scan_options(int argc, char** argv, SqlOptions& options)
         if (strncmp(arg, "--server=", 9) == 0) {
             if (!parse_server_option(arg + 9, options.server)) return -1;
             options.serverGiven = true;
+        } else if (strncmp(arg, "--timeout=", 10) == 0) {
+            if (!parse_timeout_seconds(arg + 10, options.timeout)) {
+                fprintf(stderr, "Invalid timeout: %s.\n", arg + 10);
+                return -1;
+            }
         } else if (strcmp(arg, "--pairs") == 0) {
             options.pairs = true;
         } else if (strncmp(arg, "--stdin", 7) == 0) {
@@ -111,20 +134,45 @@ int run_arguments(SqlWrapper& sql, int first, int argc, char** argv, bool pairs)
     return rv;
 }
 
-// Runs each line of `input`; a failing line is reported with the input's
-// own line number and the run goes on. Returns the last statement's result.
-int run_lines(SqlWrapper& sql, FILE* input, const char* name, bool pairs)
+// Runs each line of `fd`; a failing or refused line is reported with the
+// input's own line number and the run goes on. Returns the last
+// statement's result; a read error ends the run with -ENOENT.
+int run_lines(SqlWrapper& sql, int fd, const char* name, bool pairs)
 {
-    char line[kInputBuffer];
+    ScriptReader reader(fd, static_cast<size_t>(sql.MaxStatementLen()));
     int rv = 0;
-    for (int number = 1; fgets(line, sizeof line, input); number++) {
-        line[strcspn(line, "\n")] = '\0';
-        line[strcspn(line, "\r")] = '\0';
-        if (line[0] == '\0' || line[0] == '#') continue;
-        rv = exec_sql(sql, line, pairs, false);
-        if (rv != 0) fprintf(stderr, "%s:%d [%s] %s\n", name, number, sql.LastError().c_str(), line);
+    for (;;) {
+        ScriptReader::Result next = reader.Next();
+        if (next == ScriptReader::kEnd) return rv;
+        if (next == ScriptReader::kError) {
+            fprintf(stderr, "Unable to read %s: %s.\n", name, strerror(reader.Errno()));
+            return -ENOENT;
+        }
+        if (next == ScriptReader::kRefused) {
+            fprintf(stderr, "%s:%d [%s] %s\n", name, reader.Number(), reader.Reason().c_str(),
+                    reader.Preview().c_str());
+            rv = -ENOENT;
+            continue;
+        }
+        std::string line = reader.Text();
+        rv = exec_sql(sql, &line[0], pairs, false);
+        if (rv != 0) fprintf(stderr, "%s:%d [%s] %s\n", name, reader.Number(), failure(sql).c_str(), line.c_str());
     }
-    return rv;
+}
+
+// The input of sql_file or --stdin, or -1 (reported). A directory is not an
+// input; every other kind of file is read as it comes.
+int open_input(const SqlOptions& options, const char* name)
+{
+    int fd = options.stdinInput ? STDIN_FILENO : open(name, O_RDONLY | O_CLOEXEC);
+    struct stat st;
+    if (fd >= 0 && fstat(fd, &st) == 0 && !S_ISDIR(st.st_mode)) return fd;
+    if (fd > STDIN_FILENO) close(fd);
+    // The name printed is the other source's: "stdin" for a file, the
+    // file-name argument for standard input. Kept as the tool has always
+    // printed it.
+    fprintf(stderr, "Unable to open file: %s\n", options.stdinInput ? name : "stdin");
+    return -1;
 }
 
 }  // namespace
@@ -132,15 +180,14 @@ int run_lines(SqlWrapper& sql, FILE* input, const char* name, bool pairs)
 int exec_sql(SqlWrapper& sql, char* statement, bool pairs, bool verbose)
 {
     cut_trailing_blanks(statement);
-    if (!sql.Exec(statement)) {
-        if (verbose)
-            fprintf(stderr, "SqlWrapper:Exec() - failed (%s): %s.\n", sql.LastError().c_str(),
-                    sql.LastError().c_str());
-        return -ENOENT;
+    if (sql.Exec(statement) && (sql.Eof() || print_rows(sql, pairs))) return 0;
+    if (verbose) {
+        // After the rows already printed, not among them.
+        fflush(stdout);
+        std::string why = failure(sql);
+        fprintf(stderr, "SqlWrapper:Exec() - failed (%s): %s.\n", why.c_str(), why.c_str());
     }
-    if (sql.Eof()) return 0;
-    print_rows(sql, pairs);
-    return 0;
+    return -ENOENT;
 }
 
 int main_sql(int argc, char** argv)
@@ -152,21 +199,17 @@ int main_sql(int argc, char** argv)
     if (first < 0) return -1;
     if (first == argc && !options.stdinInput) return missing_statement(options.isFile);
 
-    SqlWrapper sql(options.serverGiven ? &options.server : nullptr, nullptr, kLineLength, 0);
+    SqlWrapper sql(options.serverGiven ? &options.server : nullptr, nullptr, kSqlLineLength, 0);
+    int setup = options.timeout ? options.timeout : kDefaultConnectSeconds;
+    sql.Bounds(setup, setup, options.timeout);
+    sql.SetMaxColumns(SqlWrapper::MAX_COLUMNS);
+    sql.WholeRows(true);
     if (!options.isFile && !options.stdinInput) return run_arguments(sql, first, argc, argv, options.pairs);
 
-    // The name printed when an input cannot be opened is the other source's:
-    // "stdin" for a file, the file-name argument for standard input. Kept as
-    // the tool has always printed it.
-    // With --stdin and nothing after the options, glibc printed the missing
-    // argument as "(null)"; scripts may match it, so keep that text.
-    const char* name = first < argc ? argv[first] : "(null)";
-    FILE* input = options.stdinInput ? fdopen(0, "r") : fopen(name, "r");
-    if (!input) {
-        fprintf(stderr, "Unable to open file: %s\n", options.stdinInput ? name : "stdin");
-        return -ENOENT;
-    }
-    int rv = run_lines(sql, input, name, options.pairs);
-    fclose(input);
+    const char* name = first < argc ? argv[first] : "stdin";
+    int fd = open_input(options, name);
+    if (fd < 0) return -ENOENT;
+    int rv = run_lines(sql, fd, name, options.pairs);
+    if (fd != STDIN_FILENO) close(fd);
     return rv;
 }
