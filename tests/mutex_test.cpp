@@ -89,6 +89,28 @@ TEST(Mutex, LockFromUnknownLocationIsLoggedAndTaken)
     EXPECT_NE(text.find("dbg  DBG Mutex.hpp:142 Lock() Lock from unknown location.\n"), std::string::npos) << text;
 }
 
+// A lock pthread refuses (here: an error-checking mutex taken again by its
+// holder) is reported as not held, and the guard leaves the unlock out: the
+// holder's own unlock still finds the mutex its own.
+TEST(Mutex, RefusedLockIsNotHeldAndTheGuardDoesNotUnlock)
+{
+    Mutex m(false);
+    pthread_mutexattr_t checking;
+    pthread_mutexattr_init(&checking);
+    pthread_mutexattr_settype(&checking, PTHREAD_MUTEX_ERRORCHECK);
+    pthread_mutex_destroy(m.PthreadMutex());
+    pthread_mutex_init(m.PthreadMutex(), &checking);
+    pthread_mutexattr_destroy(&checking);
+    ASSERT_EQ(pthread_mutex_lock(m.PthreadMutex()), 0);
+    StderrPipe err;
+    EXPECT_FALSE(m.Lock("again.cpp", 1));
+    { MutexGuard guard(m, "guard.cpp", 2); }
+    EXPECT_EQ(m.Recursed(), 0);
+    EXPECT_EQ(m.LockFile(), nullptr);
+    EXPECT_EQ(pthread_mutex_unlock(m.PthreadMutex()), 0);
+    EXPECT_EQ(CountOf(err.Drain(), "Mutex::Lock() error: rv=35"), 2u);
+}
+
 TEST(Mutex, TryAndTimedLockRefuseWhileAnotherThreadHolds)
 {
     Mutex m(false);

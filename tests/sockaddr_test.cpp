@@ -259,13 +259,6 @@ TEST(SockAddr, SocknameAndRecvFromOverLoopback)
     EXPECT_EQ(from.GetAF(), 0);
 }
 
-#define CHILD_CHECK(cond)                                                         \
-    do {                                                                          \
-        if (!(cond)) {                                                            \
-            fprintf(stderr, "%s:%d child check failed: %s\n", __FILE__, __LINE__, #cond); \
-            return 1;                                                             \
-        }                                                                         \
-    } while (0)
 
 // In a fresh network namespace: lo (127.0.0.1) is interface 0 and v0, one
 // end of a veth pair with known addresses, interface 1; v1 has no IPv4

@@ -2,11 +2,13 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <future>
 #include <string>
 #include <vector>
 
 #include "process.h"
 #include "sim_runner.h"
+#include "sql_script.h"
 
 namespace {
 
@@ -33,20 +35,6 @@ protected:
     std::string m_dir = MakeTempDir();
 };
 
-// Lines of standard error that are not the logger's own (time-stamped).
-std::string OperatorErrors(const std::string& err)
-{
-    std::string out, line;
-    for (size_t at = 0; at < err.size();) {
-        size_t end = err.find('\n', at);
-        line = err.substr(at, end == std::string::npos ? std::string::npos : end - at + 1);
-        at = end == std::string::npos ? err.size() : end + 1;
-        bool logged = line.size() > 10 && line[2] == '.' && line[9] == ' ' && line[10] == '[';
-        if (!logged) out += line;
-    }
-    return out;
-}
-
 TEST(SqlCommandErrors, ArgumentErrorsGiveTheirMessageAndStatus)
 {
     struct Case {
@@ -63,6 +51,14 @@ TEST(SqlCommandErrors, ArgumentErrorsGiveTheirMessageAndStatus)
         {{"monitor", "--server=127.0.0.1:1"}, 255, "Missing parameter: table.\n"},
         {{"monitor", "--server=bad address", "Events"}, 255, "Invalid IPv4 address: \"bad address\".\n"},
         {{"monitor", "Hardware", "insert", "truncate"}, 255, "Invalid operation: truncate.\n"},
+        {{"sql", "--timeout=0", "SELECT 1;"}, 255, "Invalid timeout: 0.\n"},
+        {{"sql", "--timeout=3601", "SELECT 1;"}, 255, "Invalid timeout: 3601.\n"},
+        {{"sql_file", "--timeout=x", "f.sql"}, 255, "Invalid timeout: x.\n"},
+        {{"sql", "--pairs", "--timeout=", "SELECT 1;"}, 255, "Invalid timeout: .\n"},
+        // A table name goes into the one-line request as it is.
+        {{"monitor", ""}, 255, "Invalid table: .\n"},
+        {{"monitor", "Events x"}, 255, "Invalid table: Events x.\n"},
+        {{"monitor", "a\tb\x7f", "insert"}, 255, "Invalid table: a\\x09b\\x7f.\n"},
     };
     for (const Case& c : cases) {
         RunResult r = RunVtest(c.args);
@@ -145,8 +141,8 @@ TEST_F(SqlCommands, StandardInputAndRepeatedOptions)
                            "SELECT 5 AS e;\n# skipped\nnot sql;\n");
     EXPECT_EQ(r.status, 254);
     EXPECT_EQ(r.out, Connecting() + Connecting() + "Line #\t\"e\"\n1.\t5\t\n");
-    // Nothing stands at the file-name position: the C library's "(null)".
-    EXPECT_EQ(OperatorErrors(r.err), "(null):3 [Error: near \"not\": syntax error] not sql;\n");
+    // Nothing stands at the file-name position: standard input is "stdin".
+    EXPECT_EQ(OperatorErrors(r.err), "stdin:3 [Error: near \"not\": syntax error] not sql;\n");
     EXPECT_EQ(RunVtest({"sql_file", "--stdin", Server(), "x.sql"}, "SELECT 1 AS a;\n").out,
               Connecting() + "Line #\t\"a\"\n1.\t\"1\"\t\n");
 }
@@ -156,6 +152,53 @@ TEST(SqlCommandErrors, UnopenableInputNamesTheOtherSource)
     RunResult r = RunVtest({"sql_file", "/nonexistent/x.sql"});
     EXPECT_EQ(r.status, 254);
     EXPECT_EQ(r.err, "Unable to open file: stdin\n");
+}
+
+// Nothing that never answers may hang the tool: connecting and the greeting
+// are bounded at 10 s, answers by --timeout; a timed-out connection goes, so
+// its late answer never passes for the next statement's.
+TEST(SqlCommandTimeouts, SilentServersEndTheStatementWithTheirReason)
+{
+    BlackHole hole;
+    ScriptedServer silent(std::vector<Script>{Script{}}), silentToTheSelfTest(std::vector<Script>{Script{}});
+    ScriptedServer mute({FromChild(Prepared({Expect("SELECT 1;\r\n")}))});
+    ScriptedServer late({FromChild(Prepared({Expect("SELECT 1;\r\n"), Wait(2200), Send(std::string("a\n1\n") + kAnswerEnd)})),
+                         FromChild(Prepared(Answer("SELECT 2 AS b;", "b\n2\n")))});
+    char text[SockAddr::m_strLen];
+    const std::string holeAt = hole.Addr().Str(text, true);
+    auto failed = [](const std::string& why) { return "SqlWrapper:Exec() - failed (" + why + "): " + why + ".\n"; };
+    struct Case {
+        std::vector<std::string> args;
+        std::string input;
+        int status;
+        std::string err;  // operator lines; standard output: "Connecting..." and the rows
+        std::string rows;
+    } cases[] = {
+        {{"sql", "--server=" + holeAt, "SELECT 1;"}, "", 254,
+         failed("cannot connect to " + holeAt + ": Connection timed out"), ""},
+        {{"sql", ServerOption(silent), "SELECT 1;"}, "", 254, failed("no greeting within 10 s"), ""},
+        {{ServerOption(silentToTheSelfTest)}, "", 1, "Self-test FAILED.\n",
+         "step 1 FAIL: SELECT HwID FROM Hardware LIMIT 3; -> no connection to the database server at " +
+             ServerOption(silentToTheSelfTest).substr(9) + "\n"},
+        {{"sql", ServerOption(mute), "--timeout=1", "SELECT 1;"}, "", 254, failed("no answer within 1 s"), ""},
+        {{"sql", ServerOption(late), "--timeout=2", "--stdin"}, "SELECT 1;\nSELECT 2 AS b;\n", 0,
+         "stdin:1 [no answer within 2 s] SELECT 1;\n", "Line #\t\"b\"\n1.\t\"2\"\t\n"},
+    };
+    std::vector<std::future<RunResult>> runs;
+    for (const Case& c : cases) runs.push_back(std::async(std::launch::async, RunVtest, c.args, c.input, 30000));
+    for (size_t i = 0; i < runs.size(); i++) {
+        RunResult r = runs[i].get();
+        const Case& c = cases[i];
+        std::string server = c.args[c.args[0] == "sql" ? 1 : 0].substr(9);
+        EXPECT_FALSE(r.timedOut) << server;
+        EXPECT_EQ(r.status, c.status) << server;
+        EXPECT_EQ(r.out, "Connecting to " + server + "...\n" + c.rows) << server;
+        EXPECT_EQ(OperatorErrors(r.err), c.err) << server;
+    }
+    // The late answer went to a closed connection; nothing else may differ.
+    for (const ScriptedServer* server : {&mute, &late})
+        for (const std::string& failure : server->Failures())
+            EXPECT_EQ(failure.find("expected"), std::string::npos) << failure;
 }
 
 TEST_F(SqlCommands, MonitorPrintsChangesUntilEnter)
@@ -174,6 +217,56 @@ TEST_F(SqlCommands, MonitorPrintsChangesUntilEnter)
     EXPECT_EQ(monitor.Wait(5000), 0);
     EXPECT_EQ(monitor.Output().rfind(Connecting() + "Press ENTER to stop.\ninsert Hardware ", 0), 0u)
         << monitor.Output();
+}
+
+// vtest with its standard error merged into the output it shows.
+std::vector<std::string> Merged(const std::vector<std::string>& args)
+{
+    std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$@\" 2>&1", "sh"};
+    for (const std::string& arg : TargetArgv(VTEST_BINARY, args)) argv.push_back(arg);
+    return argv;
+}
+
+size_t Count(const std::string& text, const std::string& what)
+{
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
+    return n;
+}
+
+// The monitor says where it stands on standard error, once per change; its
+// retries are quiet after the first failure.
+TEST_F(SqlCommands, MonitorReportsItsStateOncePerChange)
+{
+    ChildProcess monitor(Merged({"monitor", Server(), "Hardware"}));
+    const std::string at = m_sim.Address();
+    ASSERT_TRUE(monitor.WaitForOutput("Monitoring Hardware on " + at + ".\n", 10000)) << monitor.Output();
+    m_sim.Stop();
+    ASSERT_TRUE(monitor.WaitForOutput("Connection to " + at + " lost; retrying every second.\n", 10000));
+    // Three more rounds of retries, which must add nothing but one log line.
+    EXPECT_FALSE(monitor.WaitForOutput("never printed", 3500));
+    ASSERT_TRUE(monitor.Write("\n"));
+    EXPECT_EQ(monitor.Wait(5000), 0);
+    EXPECT_EQ(OperatorErrors(monitor.Output()), Connecting() + "Press ENTER to stop.\nWaiting for " + at +
+                                                    " ...\nMonitoring Hardware on " + at + ".\nConnection to " +
+                                                    at + " lost; retrying every second.\n");
+    EXPECT_EQ(Count(monitor.Output(), "Unable to connect"), 1u) << monitor.Output();
+}
+
+// ENTER before the first connection ends it at once (the thread never gets
+// to its waiting line); a table the server refuses ends it with one line.
+TEST_F(SqlCommands, MonitorStopsAtOnceAndGivesUpOnARefusedTable)
+{
+    RunResult early = RunVtest({"monitor", "--server=127.0.0.1:1", "Events"}, "\n");
+    EXPECT_EQ(early.status, 0);
+    EXPECT_EQ(early.err, "Waiting for 127.0.0.1:1 ...\n");
+
+    ChildProcess refused(Merged({"monitor", Server(), "Nowhere"}));
+    EXPECT_EQ(refused.Wait(10000), 1);
+    (void)refused.WaitForOutput("never printed", 500);  // the rest of the output
+    EXPECT_EQ(OperatorErrors(refused.Output()), Connecting() + "Press ENTER to stop.\nWaiting for " +
+                                                    m_sim.Address() +
+                                                    " ...\nCannot monitor Nowhere: Error: no such table: Nowhere.\n");
 }
 
 class SelfTest : public SqlCommands {};

@@ -150,9 +150,9 @@ int main_monitor(int argc, char** argv)
         fputs("Error starting monitor.\n", stderr);
         return 0;
     }
-    fprintf(stderr, "Waiting for %s ...\n", monitor.Where().c_str());
     puts("Press ENTER to stop.");
     fflush(stdout);
+    fprintf(stderr, "Waiting for %s ...\n", monitor.Where().c_str());
     if (!await_enter_or_refusal(monitor.RefusalFd())) return 0;
     fprintf(stderr, "Cannot monitor %s: %s.\n", argv[tableAt], monitor.Refusal().c_str());
     return 1;

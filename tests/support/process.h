@@ -24,6 +24,10 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::string& in
 // cannot exec a foreign binary by itself.
 std::vector<std::string> TargetArgv(const std::string& binary, const std::vector<std::string>& args = {});
 
+// The lines of a program's standard error that are not the logger's own
+// (those begin with its time stamp and thread id).
+std::string OperatorErrors(const std::string& err);
+
 // Runs the vtest binary of this build with the given arguments.
 RunResult RunVtest(const std::vector<std::string>& args, const std::string& input = "",
                    int timeoutMs = 20000);
@@ -41,6 +45,16 @@ int RunInNamespaces(int flags, const std::function<int()>& body, int timeoutMs =
 
 // Why namespaces cannot be used here, or empty when they can.
 std::string NamespacesUnavailableReason(int flags);
+
+// For a RunInNamespaces body (a child process, where gtest's checks do not
+// reach the parent): says which check failed and returns 1.
+#define CHILD_CHECK(cond)                                                                  \
+    do {                                                                                   \
+        if (!(cond)) {                                                                     \
+            fprintf(stderr, "%s:%d child check failed: %s\n", __FILE__, __LINE__, #cond); \
+            return 1;                                                                      \
+        }                                                                                  \
+    } while (0)
 
 // What user-mode emulation (qemu-user, which runs the armhf build's tests on
 // the build host; see docs/arm.md) may not give a test.

@@ -88,6 +88,11 @@ bool ScriptedServer::WaitScriptsDone(int timeoutMs) const
     return WaitUntil([&] { return m_scriptsDone == static_cast<int>(m_scripts.size()); }, timeoutMs);
 }
 
+bool ScriptedServer::WaitEnded(int count, int timeoutMs) const
+{
+    return WaitUntil([&] { return m_ended >= count; }, timeoutMs);
+}
+
 std::vector<std::string> ScriptedServer::Failures() const
 {
     std::lock_guard<std::mutex> guard(m_lock);
@@ -119,6 +124,7 @@ void ScriptedServer::Run()
         m_accepted++;
         if (index < m_scripts.size()) Play(fd, index);
         close(fd);
+        m_ended++;
     }
 }
 

@@ -53,6 +53,9 @@ public:
     std::string Received(size_t index) const;
     // True once every script has been played to its end (or its Close).
     bool WaitScriptsDone(int timeoutMs) const;
+    // True once `count` connections have ended (closed by the client or by
+    // their script, or failed): Received() then holds all they got.
+    bool WaitEnded(int count, int timeoutMs) const;
     // Mismatches and time-outs, one text each.
     std::vector<std::string> Failures() const;
 
@@ -69,6 +72,7 @@ private:
     SockAddr m_addr;
     std::atomic<int> m_accepted{0};
     std::atomic<int> m_scriptsDone{0};
+    std::atomic<int> m_ended{0};
     mutable std::mutex m_lock;
     std::vector<std::string> m_received;
     std::vector<std::chrono::steady_clock::time_point> m_acceptTimes;

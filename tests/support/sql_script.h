@@ -43,6 +43,23 @@ inline Script Prepared(const Script& more = {}, const std::string& comment = "SQ
                 more);
 }
 
+// The script for a client in another process (vtest): its comment line
+// carries that process's id, so the line is taken up to its end unchecked.
+inline Script FromChild(Script script)
+{
+    for (ScriptStep& step : script)
+        if (step.kind == ScriptStep::Expect && step.bytes.compare(0, 13, "comment [pid=") == 0)
+            step = ExpectUntil("\r\n");
+    return script;
+}
+
+// The "--server=" option naming the scripted server.
+inline std::string ServerOption(const ScriptedServer& server)
+{
+    char text[SockAddr::m_strLen];
+    return std::string("--server=") + server.Addr().Str(text, true);
+}
+
 // A statement and its answer, the end of the answer added.
 inline Script Answer(const std::string& statement, const std::string& answer)
 {
