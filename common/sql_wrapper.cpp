@@ -252,34 +252,36 @@ bool SqlWrapper::NextParsed(char** columns, int& columnCount)
     return true;
 }
 
-bool SqlWrapper::TakeRow(std::vector<char*>& columns, int maxColumns)
+bool SqlWrapper::TakeRow(int maxColumns, size_t& count)
 {
     if (!Connected()) return false;
     if (maxColumns <= 0) maxColumns = m_maxColCount;
-    columns.assign(static_cast<size_t>(std::min(std::max(maxColumns, 1), MAX_COLUMNS)), nullptr);
-    int found = static_cast<int>(columns.size());
-    if (!NextParsed(columns.data(), found)) return false;
-    if (m_wholeRows && found > static_cast<int>(columns.size()))
-        return Failed("more than " + std::to_string(columns.size()) + " columns");
-    columns.resize(static_cast<size_t>(std::min(found, static_cast<int>(columns.size()))));
+    const int capacity = std::min(std::max(maxColumns, 1), MAX_COLUMNS);
+    // Grown once and never cleared: NextParsed sets every entry read back,
+    // so a wide cap costs nothing per row.
+    if (m_split.size() < static_cast<size_t>(capacity)) m_split.resize(static_cast<size_t>(capacity));
+    int found = capacity;
+    if (!NextParsed(m_split.data(), found)) return false;
+    if (m_wholeRows && found > capacity) return Failed("more than " + std::to_string(capacity) + " columns");
+    count = static_cast<size_t>(std::min(found, capacity));
     return true;
 }
 
 bool SqlWrapper::Next(std::vector<std::string>& row, int maxColumns)
 {
-    std::vector<char*> columns;
-    if (!TakeRow(columns, maxColumns)) return false;
-    row.assign(columns.begin(), columns.end());
+    size_t count;
+    if (!TakeRow(maxColumns, count)) return false;
+    row.assign(m_split.begin(), m_split.begin() + static_cast<long>(count));
     return true;
 }
 
 bool SqlWrapper::Next(std::map<std::string, std::string>& row, int maxColumns)
 {
-    std::vector<char*> columns;
-    if (!TakeRow(columns, maxColumns)) return false;
+    size_t count;
+    if (!TakeRow(maxColumns, count)) return false;
     row.clear();
-    size_t named = std::min(columns.size(), m_column_names.size());
-    for (size_t i = 0; i < named; i++) row[m_column_names[i]] = columns[i];
+    size_t named = std::min(count, m_column_names.size());
+    for (size_t i = 0; i < named; i++) row[m_column_names[i]] = m_split[i];
     return true;
 }
 

@@ -97,8 +97,8 @@ public:
 private:
     // Connect attempts within the shared count, with their messages.
     bool ConnectCounted(int& count);
-    // Splits the next row; columns holds the first ones found.
-    bool TakeRow(std::vector<char*>& columns, int maxColumns);
+    // Splits the next row into m_split; count: the columns taken.
+    bool TakeRow(int maxColumns, size_t& count);
     // The statement rules checked before anything is sent.
     bool StatementOk(const char* statement);
     // Records why the statement failed; false.
@@ -114,6 +114,7 @@ private:
     char m_separator = '|';
     bool m_haveLine = false;
     std::vector<std::string> m_column_names;
+    std::vector<char*> m_split;  // the current row's columns, in Line()
     int m_maxColCount = 30;
     bool m_rv = false;
     std::string m_reason;

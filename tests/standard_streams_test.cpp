@@ -2,7 +2,6 @@
 // terminal reaches a server, and a failed write is never a success.
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -19,17 +18,6 @@ RunResult RunRedirected(const std::string& redirect, const std::vector<std::stri
     return RunProgram(argv);
 }
 
-std::string AnyPid(const std::string& bytes) { return std::regex_replace(bytes, std::regex("pid=[0-9]+"), "pid=N"); }
-
-// What a client following the script sends, and nothing else; the
-// comment line's process id as "N".
-std::string Expected(const Script& script)
-{
-    std::string bytes;
-    for (const ScriptStep& step : script)
-        if (step.kind == ScriptStep::Expect) bytes += step.bytes;
-    return AnyPid(bytes);
-}
 
 
 

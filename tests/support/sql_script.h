@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <regex>
 #include <string>
 
 #include "scripted_server.h"
@@ -51,6 +52,21 @@ inline Script FromChild(Script script)
         if (step.kind == ScriptStep::Expect && step.bytes.compare(0, 13, "comment [pid=") == 0)
             step = ExpectUntil("\r\n");
     return script;
+}
+
+// Received bytes with every process id as "N" (another process's comment).
+inline std::string AnyPid(const std::string& bytes)
+{
+    return std::regex_replace(bytes, std::regex("pid=[0-9]+"), "pid=N");
+}
+
+// What a client following the script sends, and nothing else (as AnyPid).
+inline std::string Expected(const Script& script)
+{
+    std::string bytes;
+    for (const ScriptStep& step : script)
+        if (step.kind == ScriptStep::Expect) bytes += step.bytes;
+    return AnyPid(bytes);
 }
 
 // The "--server=" option naming the scripted server.
