@@ -246,7 +246,8 @@ int PrivateConnection::Print(const char* format, ...)
     va_copy(again, args);
     int n = vsnprintf(m_line, static_cast<size_t>(m_lineCap), format, args);
     va_end(args);
-    if (n >= m_lineCap && n < m_maxLineLen && LineRoom(n + 1)) n = vsnprintf(m_line, static_cast<size_t>(m_lineCap), format, again);
+    if (n >= m_lineCap && n < m_maxLineLen && LineRoom(n + 1))
+        n = vsnprintf(m_line, static_cast<size_t>(m_lineCap), format, again);
     va_end(again);
     if (n < 0 || n >= m_maxLineLen || n >= m_lineCap) return -ENOSPC;
     if (!m_link) return -EINVAL;

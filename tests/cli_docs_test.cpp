@@ -56,7 +56,8 @@ TEST(CliDocs, ManPageTellsWhichCommandsAreBuilt)
 {
     std::string page = std::regex_replace(ReadFile(VTEST_MAN_PAGE), std::regex("\\\\-|\n"), " ");
     std::smatch lists;
-    ASSERT_TRUE(std::regex_search(page, lists, std::regex("Commands in this build: ([^.]*)\\.( Not in this build yet[^:]*: ([^.]*)\\.)?")))
+    const std::regex sentence("Commands in this build: ([^.]*)\\.( Not in this build yet[^:]*: ([^.]*)\\.)?");
+    ASSERT_TRUE(std::regex_search(page, lists, sentence))
         << page.substr(0, 2000);
     EXPECT_NE(lists[1].str().find("sql,"), std::string::npos);
     std::istringstream missing(std::regex_replace(lists[3].str(), std::regex(","), " "));

@@ -73,7 +73,8 @@ TEST_F(MonitorTest, EventsAndLossesAsTheServerSendsThem)
                      {"up", "event:first", "event:second", "event:", "down", "up", "event:third"}, 0});
     cases.push_back({{Subscribed("\vError: oops\n\v\nabcdefone!\n\v\n"), Subscribed("abcdeftwo!\n")},
                      {"up", "event:one", "down", "up", "event:two"}, 0});
-    cases.push_back({{refused, Subscribed("abcdefone!\n")}, {"refused:Error: no such table: Events", "up", "event:one"}, 0});
+    cases.push_back(
+        {{refused, Subscribed("abcdefone!\n")}, {"refused:Error: no such table: Events", "up", "event:one"}, 0});
     cases.push_back({{{Send("banner\n")}, unanswered, Subscribed("abcdefone!\n")}, {"up", "event:one"}, 1});
     for (auto& [scripts, log, setupSeconds] : cases) {
         RecordingMonitor& monitor = Monitor(std::move(scripts), 0, setupSeconds);

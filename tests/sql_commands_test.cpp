@@ -162,8 +162,8 @@ TEST(SqlCommandTimeouts, SilentServersEndTheStatementWithTheirReason)
     BlackHole hole;
     ScriptedServer silent(std::vector<Script>{Script{}}), silentToTheSelfTest(std::vector<Script>{Script{}});
     ScriptedServer mute({FromChild(Prepared({Expect("SELECT 1;\r\n")}))});
-    ScriptedServer late({FromChild(Prepared({Expect("SELECT 1;\r\n"), Wait(2200), Send(std::string("a\n1\n") + kAnswerEnd)})),
-                         FromChild(Prepared(Answer("SELECT 2 AS b;", "b\n2\n")))});
+    const Script lateAnswer = {Expect("SELECT 1;\r\n"), Wait(2200), Send(std::string("a\n1\n") + kAnswerEnd)};
+    ScriptedServer late({FromChild(Prepared(lateAnswer)), FromChild(Prepared(Answer("SELECT 2 AS b;", "b\n2\n")))});
     char text[SockAddr::m_strLen];
     const std::string holeAt = hole.Addr().Str(text, true);
     auto failed = [](const std::string& why) { return "SqlWrapper:Exec() - failed (" + why + "): " + why + ".\n"; };

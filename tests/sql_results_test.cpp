@@ -83,7 +83,8 @@ TEST_F(SqlResults, NeverLostOrInvented)
 {
     const Script cut = Prepared({Expect("SELECT a FROM t;\r\n"), Send("a\n1\n2\n"), Close()});
     const Script mute = Prepared({Expect("SELECT a FROM t;\r\n"), Close()});
-    const Script notReady = Then(Greeting("SQL Wrapper"), {Expect("shell \\ |\r\n"), Send(std::string("DB not ready\n") + kAnswerEnd)});
+    const Script notReady =
+        Then(Greeting("SQL Wrapper"), {Expect("shell \\ |\r\n"), Send(std::string("DB not ready\n") + kAnswerEnd)});
     const std::string bom = "\xef\xbb\xbf", big(3000, 'x'), longLine = "SELECT '" + std::string(1048570, 'y') + "';";
     std::string wideHeader, wideRow;
     const std::string wide = Wide(35, &wideHeader, &wideRow);
@@ -105,7 +106,8 @@ TEST_F(SqlResults, NeverLostOrInvented)
         {"5 a row past the line", {}, {"SELECT printf('%.*c', 1048575, 'x') AS v;"}, "", 254, "Line #\t\"v\"\n",
          Failed("row longer than 1048574 bytes")},
         {"5 a statement past the line", {}, {"--stdin"}, longLine + "\nSELECT 5 AS e;\n", 0,
-         "Line #\t\"e\"\n1.\t\"5\"\t\n", "stdin:1 [line longer than 1048573 bytes] " + longLine.substr(0, 80) + "...\n"},
+         "Line #\t\"e\"\n1.\t\"5\"\t\n",
+         "stdin:1 [line longer than 1048573 bytes] " + longLine.substr(0, 80) + "...\n"},
         {"6 a line break", {}, {"SELECT 'A';\nSELECT 'B';", "SELECT 'C';"}, "", 254, "",
          Failed("statement holds a line break")},
         {"7 whole lines", {Prepared(Answer("SELECT 1 AS a;", "a\n1\n"))}, {"sql_file", "FILE"},

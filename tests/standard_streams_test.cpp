@@ -61,7 +61,8 @@ TEST(StandardStreams, AClosedStreamNeverBecomesTheConnection)
 TEST(StandardStreams, AFailedWriteIsReportedAndNeverASuccess)
 {
     ScriptedServer server(
-        {FromChild(Prepared(Answer("SELECT x;", ManyRows()))), FromChild(Prepared(Answer("SELEC 1;", "\vError: x\n")))});
+        {FromChild(Prepared(Answer("SELECT x;", ManyRows()))),
+         FromChild(Prepared(Answer("SELEC 1;", "\vError: x\n")))});
     const std::string sql = ServerOption(server);
     const std::string full = "vtest: write error: No space left on device\n";
     struct Case {
