@@ -94,10 +94,11 @@ void* Thread::ThreadCB(void* object)
     Thread* self = static_cast<Thread*>(object);
     bool wasDetached = self->m_detached.load(std::memory_order_relaxed);
     self->m_threadId.store(pthread_self(), std::memory_order_relaxed);
-    // Running before the id is published, so Start() returning means both.
+    // Running and named for the kernel before the id is published, so
+    // Start() returning means all three.
     self->m_running.store(true, std::memory_order_relaxed);
-    self->m_tid.store(dbg_gettid(), std::memory_order_relaxed);
     self->PublishName();
+    self->m_tid.store(dbg_gettid(), std::memory_order_relaxed);
     if (m_generalDebug.load(std::memory_order_relaxed))
         syslog_safe(7, "DBG %s:%d Started (%s).", "Thread.cpp", 209, self->Name());
 
