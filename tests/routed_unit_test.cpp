@@ -59,10 +59,7 @@ int RoutedChecks()
     CHILD_CHECK(EnterNamespace("/run/netns/vt-client"));
 
     // The tool reaches it through the router.
-    std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$@\"", "sh"};
-    for (const std::string& arg : TargetArgv(VTEST_BINARY, {"sql", "--server=10.2.0.2", "SELECT 42 AS n;"}))
-        argv.push_back(arg);
-    RunResult r = RunProgram(argv, "", 30000);
+    RunResult r = RunProgram(TargetArgv(VTEST_BINARY, {"sql", "--server=10.2.0.2", "SELECT 42 AS n;"}), "", 30000);
     CHILD_CHECK(r.status == 0);
     CHILD_CHECK(r.out == "Connecting to 10.2.0.2:3543...\nLine #\t\"n\"\n1.\t\"42\"\t\n");
 

@@ -222,16 +222,7 @@ TEST_F(SqlCommands, MonitorPrintsChangesUntilEnter)
 // vtest with its standard error merged into the output it shows.
 std::vector<std::string> Merged(const std::vector<std::string>& args)
 {
-    std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$@\" 2>&1", "sh"};
-    for (const std::string& arg : TargetArgv(VTEST_BINARY, args)) argv.push_back(arg);
-    return argv;
-}
-
-size_t Count(const std::string& text, const std::string& what)
-{
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
-    return n;
+    return InShell("exec \"$@\" 2>&1", TargetArgv(VTEST_BINARY, args));
 }
 
 // The monitor says where it stands on standard error, once per change; its
@@ -250,7 +241,7 @@ TEST_F(SqlCommands, MonitorReportsItsStateOncePerChange)
     EXPECT_EQ(OperatorErrors(monitor.Output()), Connecting() + "Press ENTER to stop.\nWaiting for " + at +
                                                     " ...\nMonitoring Hardware on " + at + ".\nConnection to " +
                                                     at + " lost; retrying every second.\n");
-    EXPECT_EQ(Count(monitor.Output(), "Unable to connect"), 1u) << monitor.Output();
+    EXPECT_EQ(CountOf(monitor.Output(), "Unable to connect"), 1u) << monitor.Output();
 }
 
 // ENTER before the first connection ends it at once (the thread never gets

@@ -63,9 +63,7 @@ protected:
         std::ofstream(file + ".rest") << c.input.substr(pause + 1);
         std::string feed = "{ cat '" + file + "'; until grep -q 'silent for' '" + m_sim.LogPath() +
                            "'; do sleep 0.05; done; cat '" + file + ".rest'; } | exec \"$@\"";
-        std::vector<std::string> argv = {"/bin/sh", "-c", feed, "sh"};
-        for (const std::string& arg : TargetArgv(VTEST_BINARY, args)) argv.push_back(arg);
-        return RunProgram(argv);
+        return RunProgram(InShell(feed, TargetArgv(VTEST_BINARY, args)));
     }
     // The row of a count of events with that text, as printed.
     std::string Count(const std::string& data)

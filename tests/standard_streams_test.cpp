@@ -13,9 +13,7 @@ namespace {
 // Runs vtest with a shell redirection applied first ("2>&-", ">/dev/full").
 RunResult RunRedirected(const std::string& redirect, const std::vector<std::string>& args)
 {
-    std::vector<std::string> argv = {"/bin/sh", "-c", "exec \"$@\" " + redirect, "sh"};
-    for (const std::string& arg : TargetArgv(VTEST_BINARY, args)) argv.push_back(arg);
-    return RunProgram(argv);
+    return RunProgram(InShell("exec \"$@\" " + redirect, TargetArgv(VTEST_BINARY, args)));
 }
 
 

@@ -135,6 +135,20 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::string& in
     return result;
 }
 
+size_t CountOf(const std::string& text, const std::string& what)
+{
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
+    return n;
+}
+
+std::vector<std::string> InShell(const std::string& script, const std::vector<std::string>& argv)
+{
+    std::vector<std::string> all = {"/bin/sh", "-c", script, "sh"};
+    all.insert(all.end(), argv.begin(), argv.end());
+    return all;
+}
+
 std::string OperatorErrors(const std::string& err)
 {
     std::string out, line;

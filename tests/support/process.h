@@ -28,6 +28,13 @@ std::vector<std::string> TargetArgv(const std::string& binary, const std::vector
 // (those begin with its time stamp and thread id).
 std::string OperatorErrors(const std::string& err);
 
+// How often `what` occurs in `text`.
+size_t CountOf(const std::string& text, const std::string& what);
+
+// The argv that runs `argv` through /bin/sh -c `script`, where the script
+// names it as "$@" (for redirections and pipes: "exec \"$@\" 2>&1").
+std::vector<std::string> InShell(const std::string& script, const std::vector<std::string>& argv);
+
 // Runs the vtest binary of this build with the given arguments.
 RunResult RunVtest(const std::vector<std::string>& args, const std::string& input = "",
                    int timeoutMs = 20000);
