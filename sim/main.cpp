@@ -6,15 +6,18 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "ShellSession.h"
 #include "SimDatabase.h"
 #include "SimOptions.h"
+#include "SimReplicas.h"
 #include "SimServer.h"
 #include "Sock.h"
 #include "daemon.h"
 #include "debugger.h"
+#include "regular_file.h"
 
 namespace {
 
@@ -63,11 +66,26 @@ void remove_temporary_db(const std::string& dir, const std::string& path)
     (void)rmdir(dir.c_str());
 }
 
-int serve(const SimOptions& options, const std::string& dbPath)
+// The centrals of the --centrals file, if one is given.
+bool load_centrals(const std::string& path, CentralTable& centrals)
 {
-    if (!sim_db_prepare(dbPath, options.events)) return 1;
+    std::string text, error;
+    int rv = regular_file_read(path.c_str(), kSimMaxCentralsFile, text);
+    if (rv == 0 && centrals.Parse(text, error)) return true;
+    if (rv < 0) error = strerror(-rv);
+    syslog_safe(3, "<vantor-sim> Centrals file %s: %s.", path.c_str(), error.c_str());
+    return false;
+}
+
+int serve(const SimOptions& options, const std::string& dbPath, bool temporary)
+{
     ShellShared shared;
+    if (!options.centrals.empty() && !load_centrals(options.centrals, shared.centrals)) return 1;
+    if (!sim_db_prepare(dbPath, options.events)) return 1;
     shared.dbPath = dbPath;
+    SimReplicas replicas(options.replicas, dbPath);
+    if (options.replicas.enabled && !replicas.Start()) return 1;
+    if (options.replicas.enabled) shared.replicas = &replicas;
     shared.notReadyLeft = options.notReady;
     Sock::DefaultLinkDeadTimeout(options.idleTimeout == 0 ? -1 : options.idleTimeout);
     SimServer server(shared, options.listen, options.maxClients);
@@ -78,6 +96,8 @@ int serve(const SimOptions& options, const std::string& dbPath)
     fflush(stdout);
     syslog_safe(6, "<vantor-sim> Listening on %s, database %s.", bound.c_str(), dbPath.c_str());
     server.Run();
+    replicas.Stop();
+    if (temporary && options.replicas.enabled && options.replicas.dir.empty()) replicas.RemoveFiles();
     syslog_safe(6, "<vantor-sim> Stopped.");
     return 0;
 }
@@ -100,7 +120,7 @@ int main(int argc, char** argv)
     raise_descriptor_limit();
     std::string tempDir, dbPath = options.db;
     if (dbPath.empty() && !make_temporary_db(tempDir, dbPath)) return 1;
-    int status = serve(options, dbPath);
+    int status = serve(options, dbPath, !tempDir.empty());
     if (!tempDir.empty()) remove_temporary_db(tempDir, dbPath);
     return status;
 }

@@ -262,6 +262,17 @@ bool ChildProcess::Write(const std::string& text)
     return write(m_in, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
+bool ChildProcess::Signal(int signal)
+{
+    return m_pid > 0 && kill(m_pid, signal) == 0;
+}
+
+void ChildProcess::CloseInput()
+{
+    if (m_in >= 0) close(m_in);
+    m_in = -1;
+}
+
 int ChildProcess::Wait(int timeoutMs)
 {
     bool timedOut = false;
