@@ -57,8 +57,7 @@ TEST(CliDocs, ManPageTellsWhichCommandsAreBuilt)
     std::string page = std::regex_replace(ReadFile(VTEST_MAN_PAGE), std::regex("\\\\-|\n"), " ");
     std::smatch lists;
     const std::regex sentence("Commands in this build: ([^.]*)\\.( Not in this build yet[^:]*: ([^.]*)\\.)?");
-    ASSERT_TRUE(std::regex_search(page, lists, sentence))
-        << page.substr(0, 2000);
+    ASSERT_TRUE(std::regex_search(page, lists, sentence)) << page.substr(0, 2000);
     EXPECT_NE(lists[1].str().find("sql,"), std::string::npos);
     std::istringstream missing(std::regex_replace(lists[3].str(), std::regex(","), " "));
     for (std::string word; missing >> word;) {

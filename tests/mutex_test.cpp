@@ -88,12 +88,9 @@ TEST(Mutex, LockFromUnknownLocationIsLoggedAndTaken)
 TEST(Mutex, RefusedLockIsNotHeldAndTheGuardDoesNotUnlock)
 {
     Mutex m(false);
-    pthread_mutexattr_t checking;
-    pthread_mutexattr_init(&checking);
-    pthread_mutexattr_settype(&checking, PTHREAD_MUTEX_ERRORCHECK);
+    pthread_mutex_t checking = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
     pthread_mutex_destroy(m.PthreadMutex());
-    pthread_mutex_init(m.PthreadMutex(), &checking);
-    pthread_mutexattr_destroy(&checking);
+    *m.PthreadMutex() = checking;
     ASSERT_EQ(pthread_mutex_lock(m.PthreadMutex()), 0);
     StderrPipe err;
     EXPECT_FALSE(m.Lock("again.cpp", 1));

@@ -160,45 +160,40 @@ TEST(SqlCommandErrors, UnopenableInputNamesTheOtherSource)
 TEST(SqlCommandTimeouts, SilentServersEndTheStatementWithTheirReason)
 {
     BlackHole hole;
-    ScriptedServer silent(std::vector<Script>{Script{}}), silentToTheSelfTest(std::vector<Script>{Script{}});
+    ScriptedServer silent(std::vector<Script>{Script{}}), silentToo(std::vector<Script>{Script{}});
     ScriptedServer mute({FromChild(Prepared({Expect("SELECT 1;\r\n")}))});
     const Script lateAnswer = {Expect("SELECT 1;\r\n"), Wait(2200), Send(std::string("a\n1\n") + kAnswerEnd)};
     ScriptedServer late({FromChild(Prepared(lateAnswer)), FromChild(Prepared(Answer("SELECT 2 AS b;", "b\n2\n")))});
     char text[SockAddr::m_strLen];
-    const std::string holeAt = hole.Addr().Str(text, true);
-    auto failed = [](const std::string& why) { return "SqlWrapper:Exec() - failed (" + why + "): " + why + ".\n"; };
+    const std::string holeAt = hole.Addr().Str(text, true), silentAt = ServerOption(silentToo).substr(9);
     struct Case {
         std::vector<std::string> args;
         std::string input;
         int status;
-        std::string err;  // operator lines; standard output: "Connecting..." and the rows
-        std::string rows;
+        std::string rows, err;  // standard output after "Connecting ...", operator lines
     } cases[] = {
-        {{"sql", "--server=" + holeAt, "SELECT 1;"}, "", 254,
-         failed("cannot connect to " + holeAt + ": Connection timed out"), ""},
-        {{"sql", ServerOption(silent), "SELECT 1;"}, "", 254, failed("no greeting within 10 s"), ""},
-        {{ServerOption(silentToTheSelfTest)}, "", 1, "Self-test FAILED.\n",
-         "step 1 FAIL: SELECT HwID FROM Hardware LIMIT 3; -> no connection to the database server at " +
-             ServerOption(silentToTheSelfTest).substr(9) + "\n"},
-        {{"sql", ServerOption(mute), "--timeout=1", "SELECT 1;"}, "", 254, failed("no answer within 1 s"), ""},
+        {{"sql", "--server=" + holeAt, "SELECT 1;"}, "", 254, "",
+         ExecFailed("cannot connect to " + holeAt + ": Connection timed out")},
+        {{"sql", ServerOption(silent), "SELECT 1;"}, "", 254, "", ExecFailed("no greeting within 10 s")},
+        {{"--server=" + silentAt}, "", 1,
+         "step 1 FAIL: SELECT HwID FROM Hardware LIMIT 3; -> no connection to the database server at " + silentAt + "\n",
+         "Self-test FAILED.\n"},
+        {{"sql", ServerOption(mute), "--timeout=1", "SELECT 1;"}, "", 254, "", ExecFailed("no answer within 1 s")},
         {{"sql", ServerOption(late), "--timeout=2", "--stdin"}, "SELECT 1;\nSELECT 2 AS b;\n", 0,
-         "stdin:1 [no answer within 2 s] SELECT 1;\n", "Line #\t\"b\"\n1.\t\"2\"\t\n"},
+         "Line #\t\"b\"\n1.\t\"2\"\t\n", "stdin:1 [no answer within 2 s] SELECT 1;\n"},
     };
     std::vector<std::future<RunResult>> runs;
     for (const Case& c : cases) runs.push_back(std::async(std::launch::async, RunVtest, c.args, c.input, 30000));
     for (size_t i = 0; i < runs.size(); i++) {
         RunResult r = runs[i].get();
-        const Case& c = cases[i];
-        std::string server = c.args[c.args[0] == "sql" ? 1 : 0].substr(9);
-        EXPECT_FALSE(r.timedOut) << server;
-        EXPECT_EQ(r.status, c.status) << server;
-        EXPECT_EQ(r.out, "Connecting to " + server + "...\n" + c.rows) << server;
-        EXPECT_EQ(OperatorErrors(r.err), c.err) << server;
+        std::string at = cases[i].args[cases[i].args.size() > 1 ? 1 : 0].substr(9);
+        EXPECT_EQ(r.status, cases[i].status) << at;
+        EXPECT_EQ(r.out, "Connecting to " + at + "...\n" + cases[i].rows) << at;
+        EXPECT_EQ(OperatorErrors(r.err), cases[i].err) << at;
     }
     // The late answer went to a closed connection; nothing else may differ.
     for (const ScriptedServer* server : {&mute, &late})
-        for (const std::string& failure : server->Failures())
-            EXPECT_EQ(failure.find("expected"), std::string::npos) << failure;
+        for (const std::string& failure : server->Failures()) EXPECT_EQ(failure.find("expected"), std::string::npos);
 }
 
 TEST_F(SqlCommands, MonitorPrintsChangesUntilEnter)
@@ -219,45 +214,33 @@ TEST_F(SqlCommands, MonitorPrintsChangesUntilEnter)
         << monitor.Output();
 }
 
-// vtest with its standard error merged into the output it shows.
-std::vector<std::string> Merged(const std::vector<std::string>& args)
+// The monitor's state goes to standard error once per change (its retries
+// log their first failure only); ENTER before the first connection ends it
+// at once; a table the server refuses ends it with one line and status 1.
+TEST_F(SqlCommands, MonitorReportsItsStateAndGivesUpOnARefusedTable)
 {
-    return InShell("exec \"$@\" 2>&1", TargetArgv(VTEST_BINARY, args));
-}
-
-// The monitor says where it stands on standard error, once per change; its
-// retries are quiet after the first failure.
-TEST_F(SqlCommands, MonitorReportsItsStateOncePerChange)
-{
-    ChildProcess monitor(Merged({"monitor", Server(), "Hardware"}));
-    const std::string at = m_sim.Address();
-    ASSERT_TRUE(monitor.WaitForOutput("Monitoring Hardware on " + at + ".\n", 10000)) << monitor.Output();
-    m_sim.Stop();
-    ASSERT_TRUE(monitor.WaitForOutput("Connection to " + at + " lost; retrying every second.\n", 10000));
-    // Three more rounds of retries, which must add nothing but one log line.
-    EXPECT_FALSE(monitor.WaitForOutput("never printed", 3500));
-    ASSERT_TRUE(monitor.Write("\n"));
-    EXPECT_EQ(monitor.Wait(5000), 0);
-    EXPECT_EQ(OperatorErrors(monitor.Output()), Connecting() + "Press ENTER to stop.\nWaiting for " + at +
-                                                    " ...\nMonitoring Hardware on " + at + ".\nConnection to " +
-                                                    at + " lost; retrying every second.\n");
-    EXPECT_EQ(CountOf(monitor.Output(), "Unable to connect"), 1u) << monitor.Output();
-}
-
-// ENTER before the first connection ends it at once (the thread never gets
-// to its waiting line); a table the server refuses ends it with one line.
-TEST_F(SqlCommands, MonitorStopsAtOnceAndGivesUpOnARefusedTable)
-{
+    const std::string at = m_sim.Address(), start = Connecting() + "Press ENTER to stop.\nWaiting for " + at + " ...\n";
+    auto merged = [&](const char* table) {
+        return InShell("exec \"$@\" 2>&1", TargetArgv(VTEST_BINARY, {"monitor", Server(), table}));
+    };
+    ChildProcess refused(merged("Nowhere"));
+    EXPECT_EQ(refused.Wait(10000), 1);
+    (void)refused.WaitForOutput("never printed", 500);  // the rest of the output
+    EXPECT_EQ(OperatorErrors(refused.Output()), start + "Cannot monitor Nowhere: Error: no such table: Nowhere.\n");
     RunResult early = RunVtest({"monitor", "--server=127.0.0.1:1", "Events"}, "\n");
     EXPECT_EQ(early.status, 0);
     EXPECT_EQ(early.err, "Waiting for 127.0.0.1:1 ...\n");
 
-    ChildProcess refused(Merged({"monitor", Server(), "Nowhere"}));
-    EXPECT_EQ(refused.Wait(10000), 1);
-    (void)refused.WaitForOutput("never printed", 500);  // the rest of the output
-    EXPECT_EQ(OperatorErrors(refused.Output()), Connecting() + "Press ENTER to stop.\nWaiting for " +
-                                                    m_sim.Address() +
-                                                    " ...\nCannot monitor Nowhere: Error: no such table: Nowhere.\n");
+    ChildProcess monitor(merged("Hardware"));
+    ASSERT_TRUE(monitor.WaitForOutput("Monitoring Hardware on " + at + ".\n", 10000)) << monitor.Output();
+    m_sim.Stop();
+    ASSERT_TRUE(monitor.WaitForOutput("Connection to " + at + " lost; retrying every second.\n", 10000));
+    EXPECT_FALSE(monitor.WaitForOutput("never printed", 3500));  // three rounds of retries
+    ASSERT_TRUE(monitor.Write("\n"));
+    EXPECT_EQ(monitor.Wait(5000), 0);
+    EXPECT_EQ(OperatorErrors(monitor.Output()), start + "Monitoring Hardware on " + at + ".\nConnection to " + at +
+                                                    " lost; retrying every second.\n");
+    EXPECT_EQ(CountOf(monitor.Output(), "Unable to connect"), 1u) << monitor.Output();
 }
 
 class SelfTest : public SqlCommands {};

@@ -69,6 +69,12 @@ inline std::string Expected(const Script& script)
     return AnyPid(bytes);
 }
 
+// vtest's line for a statement that failed on the command line.
+inline std::string ExecFailed(const std::string& why)
+{
+    return "SqlWrapper:Exec() - failed (" + why + "): " + why + ".\n";
+}
+
 // The "--server=" option naming the scripted server.
 inline std::string ServerOption(const ScriptedServer& server)
 {
