@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -88,6 +89,11 @@ bool ScriptedServer::WaitScriptsDone(int timeoutMs) const
     return WaitUntil([&] { return m_scriptsDone == static_cast<int>(m_scripts.size()); }, timeoutMs);
 }
 
+bool ScriptedServer::WaitClosed(int count, int timeoutMs) const
+{
+    return WaitUntil([&] { return m_closed >= count; }, timeoutMs);
+}
+
 std::vector<std::string> ScriptedServer::Failures() const
 {
     std::lock_guard<std::mutex> guard(m_lock);
@@ -109,6 +115,10 @@ void ScriptedServer::Run()
         if (!(fds[0].revents & POLLIN)) continue;
         int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) continue;
+        // Each Send leaves at once as its own segment, so a script's cuts
+        // reach the client as cuts.
+        int on = 1;
+        if (m_addr.GetAF() != AF_UNIX) (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         size_t index;
         {
             std::lock_guard<std::mutex> guard(m_lock);
@@ -119,6 +129,7 @@ void ScriptedServer::Run()
         m_accepted++;
         if (index < m_scripts.size()) Play(fd, index);
         close(fd);
+        m_closed++;
     }
 }
 

@@ -53,6 +53,10 @@ public:
     std::string Received(size_t index) const;
     // True once every script has been played to its end (or its Close).
     bool WaitScriptsDone(int timeoutMs) const;
+    // True once `count` connections are closed: at a Close step, a failed
+    // step, or else after the script when the client closed (then
+    // Received() holds all the client sent).
+    bool WaitClosed(int count, int timeoutMs) const;
     // Mismatches and time-outs, one text each.
     std::vector<std::string> Failures() const;
 
@@ -69,6 +73,7 @@ private:
     SockAddr m_addr;
     std::atomic<int> m_accepted{0};
     std::atomic<int> m_scriptsDone{0};
+    std::atomic<int> m_closed{0};
     mutable std::mutex m_lock;
     std::vector<std::string> m_received;
     std::vector<std::chrono::steady_clock::time_point> m_acceptTimes;
