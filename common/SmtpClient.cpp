@@ -48,10 +48,11 @@ bool smtp_offers_login(const std::string& offer)
     return false;
 }
 
-// The last line of a reply starts with " ", or has a " " before any "-".
+// The last line of a reply starts with " ", or has a " " before any "-";
+// one starting with "-" is a continuation.
 bool smtp_last_line(const std::string& line)
 {
-    if (line.empty()) return false;
+    if (line.empty() || line[0] == '-') return false;
     if (line[0] == ' ') return true;
     size_t mark = line.find_first_of(" -", 1);
     return mark != std::string::npos && line[mark] == ' ';

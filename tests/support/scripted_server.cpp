@@ -54,7 +54,7 @@ ScriptedServer::ScriptedServer(std::vector<Script> scripts, const SockAddr& list
     : m_scripts(std::move(scripts)), m_stepTimeoutMs(stepTimeoutMs)
 {
     m_listenFd = listen_on(listen, 16, m_addr);
-    if (m_listenFd < 0 || pipe2(m_wakePipe, O_CLOEXEC) != 0) {
+    if (m_listenFd < 0 || pipe2(m_wakePipe, O_CLOEXEC) != 0 || pipe2(m_releasePipe, O_CLOEXEC) != 0) {
         Fail("cannot listen");
         return;
     }
@@ -65,7 +65,7 @@ ScriptedServer::~ScriptedServer()
 {
     if (m_wakePipe[1] >= 0) (void)!write(m_wakePipe[1], "x", 1);
     if (m_thread.joinable()) m_thread.join();
-    for (int fd : {m_listenFd, m_wakePipe[0], m_wakePipe[1]})
+    for (int fd : {m_listenFd, m_wakePipe[0], m_wakePipe[1], m_releasePipe[0], m_releasePipe[1]})
         if (fd >= 0) close(fd);
     if (m_addr.GetAF() == AF_UNIX) (void)unlink(m_addr.Get().un.sun_path);
 }
@@ -88,6 +88,8 @@ bool ScriptedServer::WaitScriptsDone(int timeoutMs) const
 {
     return WaitUntil([&] { return m_scriptsDone == static_cast<int>(m_scripts.size()); }, timeoutMs);
 }
+
+void ScriptedServer::Release() { (void)!write(m_releasePipe[1], "x", 1); }
 
 bool ScriptedServer::WaitClosed(int count, int timeoutMs) const
 {
@@ -159,6 +161,16 @@ void ScriptedServer::Play(int fd, size_t index)
         case ScriptStep::Wait: {
             pollfd wake = {m_wakePipe[0], POLLIN, 0};
             if (poll(&wake, 1, step.ms) > 0) return;  // the server is going
+            continue;
+        }
+        case ScriptStep::Hold: {
+            pollfd fds[2] = {{m_releasePipe[0], POLLIN, 0}, {m_wakePipe[0], POLLIN, 0}};
+            if (poll(fds, 2, m_stepTimeoutMs) <= 0) {
+                Fail(tag + "never released");
+                return;
+            }
+            char byte;
+            if (fds[1].revents || read(m_releasePipe[0], &byte, 1) != 1) return;  // the server is going
             continue;
         }
         case ScriptStep::Send:
