@@ -46,13 +46,13 @@ protected:
         std::ofstream(path, std::ios::binary) << text;
         return path;
     }
-    // vtest mail <server> <options> a@x <to> <subject> <file with body>
+    // vtest mail <server> <options> a@x <to> <subject> <file with body, or "-" and body as input>
     RunResult Mail(const std::string& server, std::vector<std::string> options, const std::string& body,
-                   const std::string& subject = "Hi", const std::string& to = "b@y")
+                   const std::string& subject = "Hi", const std::string& to = "b@y", bool viaStdin = false)
     {
         options.insert(options.begin(), {"mail", server});
-        options.insert(options.end(), {"a@x", to, subject, WriteFile("message", body)});
-        return RunVtest(options);
+        options.insert(options.end(), {"a@x", to, subject, viaStdin ? "-" : WriteFile("message", body)});
+        return RunVtest(options, viaStdin ? body : "");
     }
     static std::string At(const ScriptedServer& server, const char* form = "127.0.0.1:%d")
     {
@@ -78,6 +78,7 @@ TEST_F(MailCommand, SendsTheExactBytes)
         const char* server = "127.0.0.1:%d";
         std::string subject = "Hi";
         SmtpReply reply = SmtpSend;
+        bool viaStdin = false;
     } cases[] = {
         {"login, leading dots", {"--user=user", "--password=pass"}, ".lead\nmid\n.\nend",
          Header("\n") + "\n..lead\nmid\n..\nend\r\n.\r\n", ""},
@@ -88,8 +89,8 @@ TEST_F(MailCommand, SendsTheExactBytes)
         {"--crlf, no final line break", {"--crlf"}, ".", Header("\r\n") + "\r\n..\r\n.\r\n", ""},
         {"replies cut at every byte", {"--user=user", "--password=pass"}, "m", Header("\n") + "\nm\r\n.\r\n", "",
          "127.0.0.1:%d", "Hi", cut},
-        {"60-byte password from a file", {"--user=user", "--password-file=" + pwFile}, "m",
-         Header("\n") + "\nm\r\n.\r\n", ""},
+        {"60-byte password from a file, body from standard input", {"--user=user", "--password-file=" + pwFile}, "m",
+         Header("\n") + "\nm\r\n.\r\n", "", "127.0.0.1:%d", "Hi", SmtpSend, true},
         {"--user alone", {"--user=user"}, "m", Header("\n") + "\nm\r\n.\r\n",
          "Warning: --user without a password: no login.\n"},
         {"998-byte subject", {}, "m", Header("\n", subject998) + "\nm\r\n.\r\n", "", "127.0.0.1:%d", subject998},
@@ -107,7 +108,7 @@ TEST_F(MailCommand, SendsTheExactBytes)
         ScriptedServer used({SmtpScript(turns, 99, {}, c.reply)},
                             v6 ? SockAddr(AF_INET6, &in6addr_loopback, 0) : SockAddr(AF_INET, 0x7F000001u, 0));
         if (v6 && !used.Failures().empty()) continue;  // no IPv6 loopback here
-        RunResult r = Mail(At(used, c.server), c.options, c.body, c.subject);
+        RunResult r = Mail(At(used, c.server), c.options, c.body, c.subject, "b@y", c.viaStdin);
         EXPECT_EQ(r.status, 0) << c.label << "\n" << r.err;
         EXPECT_EQ(r.out, "Mail accepted: 250 queued as 7\n") << c.label;
         EXPECT_EQ(OperatorErrors(r.err), c.err) << c.label;
