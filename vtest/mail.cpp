@@ -275,6 +275,7 @@ std::string failure_text(const SmtpClient& client, int timeout)
     case -ETIMEDOUT:
         return "timed out after " + std::to_string(timeout) + " s";
     case -EPIPE:
+    case -ECONNRESET:
         return "connection closed";
     default:
         return strerror(-client.LastErrno());

@@ -1,5 +1,4 @@
-// One SMTP dialogue as turns, and the scripted peer's side of it, for the
-// mail client's tests.
+// One SMTP dialogue as turns, and the scripted peer's side of it.
 #pragma once
 
 #include <functional>
@@ -8,12 +7,11 @@
 
 #include "scripted_server.h"
 
-// The client's part of the data turn: the data is read up to this end.
+// The client's part of the data turn: the data, read up to this end.
 const char kSmtpDataEnd[] = "\r\n.\r\n";
 
-// What the client sends (nothing before the greeting), then the reply.
 struct SmtpTurn {
-    std::string client;
+    std::string client;  // empty before the greeting
     std::string server;
 };
 
@@ -22,33 +20,30 @@ struct SmtpTurn {
 inline std::vector<SmtpTurn> SmtpTurns(bool login, const std::string& eol = "\n",
                                        const std::string& password64 = "cGFzcw==")
 {
-    std::vector<SmtpTurn> turns = {
-        {"", "220 mx ready\r\n"}, {"EHLO brix_smtp_client" + eol, "250-mx\r\n250-AUTH PLAIN LOGIN\r\n250 8BITMIME\r\n"}};
+    std::vector<SmtpTurn> turns = {{"", "220 mx ready\r\n"},
+                                   {"EHLO brix_smtp_client" + eol, "250-mx\r\n250-AUTH PLAIN LOGIN\r\n250 8BITMIME\r\n"}};
     if (login)
         turns.insert(turns.end(), {{"AUTH LOGIN" + eol, "334 VXNlcm5hbWU6\r\n"},
                                    {"dXNlcg==" + eol, "334 UGFzc3dvcmQ6\r\n"},
                                    {password64 + eol, "235 welcome\r\n"}});
-    turns.insert(turns.end(), {{"MAIL FROM: <a@x>" + eol, "250 ok\r\n"},
-                               {"RCPT TO: <b@y>" + eol, "250 ok\r\n"},
-                               {"DATA" + eol, "354 go\r\n"},
-                               {kSmtpDataEnd, "250 queued as 7\r\n"},
+    turns.insert(turns.end(), {{"MAIL FROM: <a@x>" + eol, "250 ok\r\n"}, {"RCPT TO: <b@y>" + eol, "250 ok\r\n"},
+                               {"DATA" + eol, "354 go\r\n"}, {kSmtpDataEnd, "250 queued as 7\r\n"},
                                {"QUIT" + eol, "221 bye\r\n"}});
     return turns;
 }
 
+// How the peer sends one reply.
 using SmtpReply = std::function<Script(const std::string&)>;
 inline Script SmtpSend(const std::string& reply) { return {Send(reply)}; }
 
-// The peer plays turns [0, upTo) (each reply through `reply`), reads turn
-// upTo's client part, then plays `tail`.
+// The peer plays turns [0, upTo), reads turn upTo's client part, then plays `tail`.
 inline Script SmtpScript(const std::vector<SmtpTurn>& turns, size_t upTo, Script tail = {},
                          const SmtpReply& reply = SmtpSend)
 {
     Script script;
     for (size_t i = 0; i <= upTo && i < turns.size(); i++) {
         const std::string& client = turns[i].client;
-        if (client == kSmtpDataEnd) script.push_back(ExpectUntil(client));
-        else if (!client.empty()) script.push_back(Expect(client));
+        if (!client.empty()) script.push_back(client == kSmtpDataEnd ? ExpectUntil(client) : Expect(client));
         if (i == upTo) break;
         Script sent = reply(turns[i].server);
         script.insert(script.end(), sent.begin(), sent.end());
