@@ -67,7 +67,8 @@ public:
     // body that ends in a line break.
     void Crlf(bool on) { m_crlf = on; }
     Step Stage() const { return m_stage; }
-    // The failed step's last reply line, or empty.
+    // The failed step's last reply line, or empty (for -ENOTSUP the EHLO
+    // line that lists AUTH, if there is one).
     const std::string& LastReply() const { return m_lastReply; }
     // 0 when the server refused; else a negated errno: -EBADMSG a malformed
     // reply (a line of BufLen() - 1 characters or more, more than 100 lines,
