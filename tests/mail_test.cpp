@@ -208,7 +208,7 @@ TEST_F(MailCommand, UsageErrorsAndUnreadableInputSendNothing)
         {with(5, "--password=x"), "a password needs --user"},
         {{"--user=u", "--password=x", "--password-file=" + file, "h", "a", "b", "c", file},
          "--password and --password-file exclude each other"},
-        {with(0, "[::1]:65536"), "invalid port in server '[::1]:65536'"},
+        {with(0, "[::1]:65536"), "bad port '65536' (1 to 65535)"},
         {with(5, "--timeout=0"), "invalid --timeout '0' (whole seconds, 1 to 3600)"},
         {with(1, "a@x\r"), "from contains CR or LF"},
         {with(2, std::string(999, 'r')), "recipient is longer than 998 bytes"},

@@ -16,13 +16,14 @@
 #include "commands.h"
 #include "exit_status.h"
 #include "regular_file.h"
+#include "server_option.h"
 #include "timeout_option.h"
 
 namespace {
 
 using Step = SmtpClient::Step;
 
-const char kDefaultPort[] = "25";
+const unsigned short kSmtpPort = 25;
 const int kDefaultTimeoutSeconds = 30;
 // RFC 5322's line limit, applied to each value on the command line.
 const size_t kMaxFieldBytes = 998;
@@ -45,8 +46,8 @@ struct MailArgs {
 // What getaddrinfo is asked for.
 struct Server {
     std::string host;
-    std::string port = kDefaultPort;
-    bool ipv6 = false;
+    unsigned short port;
+    bool ipv6;
 };
 
 bool starts_with(const char* text, const char* prefix) { return strncmp(text, prefix, strlen(prefix)) == 0; }
@@ -107,44 +108,8 @@ std::string parse_args(int argc, char** argv, MailArgs& args)
     return "";
 }
 
-bool port_ok(const std::string& port)
-{
-    if (port.empty() || port.size() > 5 || port[0] == '0' || port.find_first_not_of("0123456789") != std::string::npos)
-        return false;
-    return std::stol(port) <= 65535;
-}
-
-// host, host:port, IPv6|port, a bare IPv6 address, [IPv6] or [IPv6]:port.
-std::string parse_server(const std::string& text, Server& server)
-{
-    size_t split = std::string::npos;
-    if (text[0] == '[') {
-        size_t close = text.find(']');
-        if (close == std::string::npos || (close + 1 < text.size() && text[close + 1] != ':'))
-            return "invalid server '" + text + "'";
-        server.host = text.substr(1, close - 1);
-        server.ipv6 = true;
-        if (close + 1 < text.size()) split = close + 1;
-    } else if ((split = text.find('|')) != std::string::npos) {
-        server.host = text.substr(0, split);
-        server.ipv6 = true;
-    } else if (std::count(text.begin(), text.end(), ':') > 1) {
-        server.host = text;
-        server.ipv6 = true;
-    } else {
-        split = text.find(':');
-        server.host = text.substr(0, split);
-    }
-    if (split != std::string::npos) {
-        server.port = text.substr(split + 1);
-        if (!port_ok(server.port)) return "invalid port in server '" + text + "'";
-    }
-    if (server.host.empty()) return "invalid server '" + text + "'";
-    return "";
-}
-
-// The server's addresses in the resolver's order; empty, with the reason
-// in `error`, when there are none.
+// The server's addresses in the resolver's order, a name's IPv4 and IPv6
+// ones alike; empty, with the reason in `error`, when there are none.
 std::vector<SockAddr> resolve(const Server& server, std::string& error)
 {
     addrinfo hints = {};
@@ -152,7 +117,7 @@ std::vector<SockAddr> resolve(const Server& server, std::string& error)
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV;
     addrinfo* list = nullptr;
-    int rv = getaddrinfo(server.host.c_str(), server.port.c_str(), &hints, &list);
+    int rv = getaddrinfo(server.host.c_str(), std::to_string(server.port).c_str(), &hints, &list);
     std::vector<SockAddr> addrs;
     if (rv != 0) {
         error = "cannot resolve '" + server.host + "': " + (rv == EAI_SYSTEM ? strerror(errno) : gai_strerror(rv));
@@ -342,7 +307,7 @@ int main_mail(int argc, char** argv)
     MailArgs args;
     Server server;
     std::string error = parse_args(argc, argv, args);
-    if (error.empty()) error = parse_server(args.words[0], server);
+    if (error.empty()) (void)split_server_address(args.words[0], kSmtpPort, server.host, server.port, server.ipv6, error);
     if (!error.empty()) {
         fprintf(stderr, "Error: %s\n", error.c_str());
         return usage(argv[0], "mail");
