@@ -106,7 +106,7 @@ TEST(SqlResults, NeitherLostNorInvented)
         EXPECT_EQ(r.out, "Connecting to " + at + "...\n" + c.out) << c.label;
         EXPECT_EQ(OperatorErrors(r.err), c.err) << c.label;
         // Exactly the script's requests reached the server (the DELETE never).
-        EXPECT_TRUE(server.WaitEnded(static_cast<int>(scripts.size()), ScaledMs(5000))) << c.label;
+        EXPECT_TRUE(server.WaitClosed(static_cast<int>(scripts.size()), ScaledMs(5000))) << c.label;
         for (size_t i = 0; i < scripts.size(); i++)
             EXPECT_EQ(AnyPid(server.Received(i)), Expected(c.scripts[i])) << c.label;
         for (const std::string& failure : server.Failures()) ADD_FAILURE() << c.label << ": " << failure;

@@ -47,7 +47,7 @@ TEST(StandardStreams, NeitherTheServerNorTheStatusSeesAStreamThatIsClosedOrFull)
         EXPECT_EQ(r.status, c.status) << label;
         EXPECT_EQ(OperatorErrors(r.err), c.err) << label;
         int connections = c.script.empty() ? 0 : 1;
-        EXPECT_TRUE(server.WaitEnded(connections, ScaledMs(5000))) << label;
+        EXPECT_TRUE(server.WaitClosed(connections, ScaledMs(5000))) << label;
         EXPECT_EQ(server.Accepted(), connections) << label;
         EXPECT_EQ(AnyPid(server.Received(0)), Expected(c.script)) << label;
         for (const std::string& failure : server.Failures()) ADD_FAILURE() << label << ": " << failure;

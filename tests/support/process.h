@@ -19,14 +19,14 @@ struct RunResult {
 RunResult RunProgram(const std::vector<std::string>& argv, const std::string& input = "",
                      int timeoutMs = 20000);
 
+// Standard error less the logger's own lines ("SS.uuuuuu [tid] ..."): what
+// a command printed for the operator.
+std::string OperatorErrors(const std::string& err);
+
 // The argv that starts a program built by this tree (vtest, vantor-sim):
 // in a cross build the emulator comes first, since an emulated process
 // cannot exec a foreign binary by itself.
 std::vector<std::string> TargetArgv(const std::string& binary, const std::vector<std::string>& args = {});
-
-// The lines of a program's standard error that are not the logger's own
-// (those begin with its time stamp and thread id).
-std::string OperatorErrors(const std::string& err);
 
 // How often `what` occurs in `text`.
 size_t CountOf(const std::string& text, const std::string& what);
