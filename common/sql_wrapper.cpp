@@ -143,7 +143,9 @@ bool SqlWrapper::ExecStatement(const char* statement)
         m_rows = 0;
         // The server closed the idle connection: connect again first, or the
         // statement would be lost with it. Nothing was sent: no retry counted.
-        if (Pending() == -EPIPE && !Reconnect()) return false;
+        // A stop (which also shuts the link) is no reason to connect again.
+        if (Pending() == -EPIPE && (ShouldStop() || !Reconnect()))
+            return ShouldStop() ? Failed("stopped before sending") : false;
         int r = Print("%s%s", statement, NEWLINE);
         if (r > 0) r = ReadLine();
         if (r > 0 && LineCut(r)) return RowTooLong();
