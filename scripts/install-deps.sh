@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(build-essential cmake pkg-config libssl-dev libgtest-dev libsqlite3-dev sqlite3
-          clang iproute2 util-linux procps python3)
+          clang iproute2 util-linux procps python3 tzdata)
 for group in "$@"; do
   case "$group" in
     arm) packages+=(g++-arm-linux-gnueabihf qemu-user-static man-db
