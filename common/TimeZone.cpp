@@ -142,7 +142,11 @@ struct TimeZone::Reader {
         if (memcmp(h, "TZif", 4) != 0) return Fail(first ? "not a TZif file" : "second header without \"TZif\"");
         char v = static_cast<char>(h[4]);
         if (first && v != 0 && v != '2' && v != '3' && v != '4')
-            return Fail("unknown TZif version byte " + std::to_string(h[4]));
+        {
+            char hex[8];
+            snprintf(hex, sizeof hex, "0x%02x", h[4]);
+            return Fail(std::string("unknown TZif version byte ") + hex);
+        }
         if (!first && v != version) return Fail("second header of another version");
         version = v;
         uint32_t* fields[] = {&c.isut, &c.isstd, &c.leap, &c.time, &c.type, &c.chars};

@@ -9,14 +9,17 @@
   right/    zones with leap seconds against glibc (time.localtime)
 
 once with the installed zones and once with `zic -b slim` files (TZDIR).
-Prints counts and each disagreement; exits 1 when there is one.
-Usage: scripts/tz-sweep.py <vtest binary> [zone-name-regex]
+Prints counts and each disagreement; exits 1 when there is one that is not
+a known fault of another tool (KNOWN).
+Usage: scripts/tz-sweep.py '<vtest command>' [zone-name-regex]
+  (the command may carry an emulator first: 'qemu-arm-static -L ... vtest')
 """
 import calendar
 import datetime as dt
 import os
 import random
 import re
+import shlex
 import struct
 import subprocess
 import sys
@@ -30,16 +33,22 @@ T1, T10000 = -62135596800, 253402300800
 LINE = re.compile(r"@(-?\d+) (\S+)Z (\S+?)([+-]\d\d:\d\d(?::\d\d)?) (\S+) isdst=([01]) gmtoff=(-?\d+)( \S+)?$")
 ZDUMP = re.compile(r"(\S+)\s+\w+ (\w+)\s+(\d+) (\d+):(\d+):(\d+) (-?\d+) UT = .* (\S+) isdst=([01]) gmtoff=(-?\d+)$")
 MONTHS = {m: i for i, m in enumerate(calendar.month_abbr)}
+# Disagreements that are another tool's fault, by (sweep, kind, zone).
+KNOWN = {("zic -b slim", "load", "America/Ojinaga"):
+         "glibc 2.36's zic writes a footer that contradicts the last transition"}
 problems = []
+label = ""
 
 
 def say(kind, zone, detail):
-    problems.append(kind)
-    print(f"DISAGREE {kind} {zone}: {detail}")
+    known = KNOWN.get((label, kind, zone))
+    if not known:
+        problems.append(kind)
+    print(f"{'EXPECTED' if known else 'DISAGREE'} {kind} {zone}: {detail}" + (f" ({known})" if known else ""))
 
 
 def vtest(vt, zone, args, lines=None, env=None):
-    r = subprocess.run([vt, "time", "--tz=" + zone] + args, input="".join(l + "\n" for l in lines or []),
+    r = subprocess.run(vt + ["time", "--tz=" + zone] + args, input="".join(l + "\n" for l in lines or []),
                        capture_output=True, text=True, env=env)
     errors = {int(m.group(1)) for m in re.finditer(r"^time: line (\d+):", r.stderr, re.M)}
     return r.returncode, [LINE.match(l) for l in r.stdout.splitlines()], errors, r.stderr
@@ -65,7 +74,7 @@ def python_fields(zi, t):
 
 
 def zdump_listing(names, env):
-    out = subprocess.run(["zdump", "-v", "-c", "1800,2100"] + names, capture_output=True, text=True, env=env).stdout
+    out = subprocess.run(["/usr/bin/zdump", "-v", "-c", "1800,2100"] + names, capture_output=True, text=True, env=env).stdout
     listing = {n: [] for n in names}
     for line in out.splitlines():
         m = ZDUMP.match(line)
@@ -174,7 +183,9 @@ def zone_names(tzdir):
     return sorted(n for n in names if os.path.exists(f"{tzdir}/{n}"))
 
 
-def sweep(vt, tzdir, pattern, label):
+def sweep(vt, tzdir, pattern, name):
+    global label
+    label = name
     env = dict(os.environ, TZDIR=tzdir)
     zoneinfo.reset_tzpath([tzdir])
     names = [n for n in zone_names(tzdir) if re.search(pattern, n)]
@@ -194,13 +205,14 @@ def sweep(vt, tzdir, pattern, label):
 
 
 def main():
-    vt = os.path.abspath(sys.argv[1])
+    vt = shlex.split(sys.argv[1])
     pattern = sys.argv[2] if len(sys.argv) > 2 else ""
     sweep(vt, ZONEDIR, pattern, "installed")
     with tempfile.TemporaryDirectory() as slim:
-        subprocess.run(["zic", "-b", "slim", "-d", slim, f"{ZONEDIR}/tzdata.zi"], check=True)
+        subprocess.run(["/usr/sbin/zic", "-b", "slim", "-d", slim, f"{ZONEDIR}/tzdata.zi"], check=True)
         sweep(vt, slim, pattern, "zic -b slim")
-    rng = random.Random(8536)
+    global label
+    label, rng = "right/", random.Random(8536)
     right = [n for n in zone_names(f"{ZONEDIR}/right") if re.search(pattern, n)]
     print(f"right/: {len(right)} zones, {sum(check_right(vt, n, rng) for n in right)} instants against glibc")
     print(f"disagreements: {len(problems)}", {k: problems.count(k) for k in sorted(set(problems))})

@@ -20,55 +20,26 @@ struct Tzif {
 
     // Version 1 data (times cut to 32 bits), then for later versions the
     // 64-bit data and the footer.
-    std::string Bytes() const
-    {
-        std::string out = Block(4);
-        return version == 0 ? out : out + Block(8) + "\n" + footer + "\n";
-    }
+    std::string Bytes() const { return version ? Block(4) + Block(8) + "\n" + footer + "\n" : Block(4); }
+    // Where count `field` (0 isutcnt ... 5 charcnt) of the 64-bit header is.
+    size_t CountAt(int field) const { return Block(4).size() + 20 + 4 * field; }
 
     // Berlin in brief: LMT, then CET and CEST with two 2024 changes and the
     // rule after them.
     static Tzif Berlin()
     {
-        Tzif z;
-        z.chars = std::string("LMT\0CET\0CEST\0", 13);
-        z.types = {{{3208, 0, 0}}, {{3600, 0, 4}}, {{7200, 1, 8}}};
-        z.times = {-2000000000, 1711846800, 1729990800};
-        z.indices = {1, 2, 1};
-        z.footer = "CET-1CEST,M3.5.0,M10.5.0/3";
-        return z;
+        return {'2', {-2000000000, 1711846800, 1729990800}, {1, 2, 1}, {{{3208, 0, 0}}, {{3600, 0, 4}}, {{7200, 1, 8}}},
+                std::string("LMT\0CET\0CEST\0", 13), {}, {}, {}, "CET-1CEST,M3.5.0,M10.5.0/3"};
     }
-
-    // No transitions: one standard type named and offset as the rule's.
-    static Tzif Rule(const std::string& rule)
+    // No transitions: one type, then the rule.
+    static Tzif Rule(const std::string& rule, int32_t utoff, const std::string& abbr)
     {
-        Tzif z;
-        size_t end = rule.find('>') != std::string::npos ? rule.find('>') + 1 : rule.find_first_of("+-0123456789");
-        std::string name = rule[0] == '<' ? rule.substr(1, end - 2) : rule.substr(0, end);
-        int sign = rule[end] == '-' ? 1 : -1, hours = 0, minutes = 0;
-        sscanf(rule.c_str() + end + (rule[end] == '-' || rule[end] == '+'), "%d:%d", &hours, &minutes);
-        z.chars = name + '\0';
-        z.types = {{{sign * (hours * 3600 + minutes * 60), 0, 0}}};
-        z.footer = rule;
-        return z;
+        return {'2', {}, {}, {{{utoff, 0, 0}}}, abbr + '\0', {}, {}, {}, rule};
     }
-
-    // UTC with a leap-second table.
-    static Tzif Leaps(char version, std::vector<std::pair<int64_t, int32_t>> leaps)
-    {
-        Tzif z;
-        z.version = version;
-        z.chars = std::string("UTC\0", 4);
-        z.types = {{{0, 0, 0}}};
-        z.leaps = std::move(leaps);
-        z.footer = "UTC0";
-        return z;
-    }
-
     // Every count at its cap: 50,000 transitions a minute apart over 256
-    // types (offset = number, abbreviation "T" and the number modulo 64: an
-    // index is one byte), 1,000 leap seconds, 4,096 characters, a 255-byte
-    // footer.
+    // types (offset = number, abbreviation "T" and the number modulo 64, as
+    // an index is one byte), 1,000 leap seconds, 4,096 characters, a
+    // 255-byte footer.
     static Tzif AtTheCaps()
     {
         Tzif z;
@@ -83,27 +54,6 @@ struct Tzif {
         return z;
     }
 
-    // Offset of the 64-bit header in `bytes`.
-    static size_t SecondHeader(const std::string& bytes)
-    {
-        auto count = [&](int field) { return Count(bytes, 0, field); };
-        return 44 + count(3) * 5 + count(4) * 6 + count(5) + count(2) * 8 + count(1) + count(0);
-    }
-    // Count `field` (0 isutcnt, 1 isstdcnt, 2 leapcnt, 3 timecnt, 4 typecnt,
-    // 5 charcnt) of header 0 (32-bit) or 1 (64-bit).
-    static uint64_t Count(const std::string& bytes, int header, int field)
-    {
-        size_t at = (header ? SecondHeader(bytes) : 0) + 20 + 4 * field;
-        uint64_t v = 0;
-        for (int i = 0; i < 4; i++) v = v << 8 | static_cast<uint8_t>(bytes[at + i]);
-        return v;
-    }
-    static void SetCount(std::string& bytes, int header, int field, uint32_t value)
-    {
-        size_t at = (header ? SecondHeader(bytes) : 0) + 20 + 4 * field;
-        for (int i = 0; i < 4; i++) bytes[at + i] = static_cast<char>(value >> (24 - 8 * i));
-    }
-
 private:
     static void Put(std::string& s, uint64_t v, int bytes)
     {
@@ -111,16 +61,13 @@ private:
     }
     std::string Block(int timeBytes) const
     {
-        std::string s = "TZif";
-        s += version;
-        s.append(15, '\0');
+        std::string s = std::string("TZif") + version + std::string(15, '\0');
         for (size_t n : {isut.size(), isstd.size(), leaps.size(), times.size(), types.size(), chars.size()}) Put(s, n, 4);
         for (int64_t t : times) Put(s, static_cast<uint64_t>(t), timeBytes);
         s.append(indices.begin(), indices.end());
         for (const auto& t : types) Put(s, static_cast<uint32_t>(t[0]), 4), s += static_cast<char>(t[1]), s += static_cast<char>(t[2]);
         s += chars;
         for (const auto& l : leaps) Put(s, static_cast<uint64_t>(l.first), timeBytes), Put(s, static_cast<uint32_t>(l.second), 4);
-        s.append(isstd.begin(), isstd.end());
-        return s.append(isut.begin(), isut.end());
+        return s.append(isstd.begin(), isstd.end()).append(isut.begin(), isut.end());
     }
 };
