@@ -21,15 +21,9 @@ const int64_t kEndInstant = 253402300800;    // 10000-01-01T00:00:00Z
 // from the years 0001..9999 than this cannot show a date in them.
 const int64_t kMargin = int64_t(1) << 33;
 
-uint32_t be32(const uint8_t* p)
-{
-    return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3];
-}
+uint32_t be32(const uint8_t* p) { return uint32_t(p[0]) << 24 | uint32_t(p[1]) << 16 | uint32_t(p[2]) << 8 | p[3]; }
 int64_t be64(const uint8_t* p) { return static_cast<int64_t>(uint64_t(be32(p)) << 32 | be32(p + 4)); }
-int64_t read_time(const uint8_t* p, size_t bytes)
-{
-    return bytes == 4 ? static_cast<int32_t>(be32(p)) : be64(p);
-}
+int64_t read_time(const uint8_t* p, size_t bytes) { return bytes == 4 ? static_cast<int32_t>(be32(p)) : be64(p); }
 
 bool in_years(int64_t posix) { return posix >= kFirstInstant && posix < kEndInstant; }
 
@@ -41,10 +35,7 @@ int64_t add_saturated(int64_t a, int32_t b)
     return a + b;
 }
 
-bool is_path(const char* zone)
-{
-    return zone[0] == '/' || strncmp(zone, "./", 2) == 0 || strncmp(zone, "../", 3) == 0;
-}
+bool is_path(const char* zone) { return zone[0] == '/' || strncmp(zone, "./", 2) == 0 || strncmp(zone, "../", 3) == 0; }
 
 bool is_name_char(char c)
 {
@@ -140,13 +131,10 @@ struct TimeZone::Reader {
         if (!Need(kHeaderBytes, first ? "header" : "second header")) return false;
         const uint8_t* h = Take(kHeaderBytes);
         if (memcmp(h, "TZif", 4) != 0) return Fail(first ? "not a TZif file" : "second header without \"TZif\"");
-        char v = static_cast<char>(h[4]);
+        char v = static_cast<char>(h[4]), hex[8];
+        snprintf(hex, sizeof hex, "0x%02x", h[4]);
         if (first && v != 0 && v != '2' && v != '3' && v != '4')
-        {
-            char hex[8];
-            snprintf(hex, sizeof hex, "0x%02x", h[4]);
             return Fail(std::string("unknown TZif version byte ") + hex);
-        }
         if (!first && v != version) return Fail("second header of another version");
         version = v;
         uint32_t* fields[] = {&c.isut, &c.isstd, &c.leap, &c.time, &c.type, &c.chars};
@@ -165,10 +153,11 @@ struct TimeZone::Reader {
         auto bad = [&](const char* name, uint32_t n, const std::string& rule) {
             return Fail(std::string(name) + " " + std::to_string(n) + " (" + rule + ")");
         };
-        if (c.type < 1 || c.type > kMaxTypes) return bad("typecnt", c.type, "1 to 256");
-        if (c.chars < 1 || c.chars > kMaxChars) return bad("charcnt", c.chars, "1 to 4096");
-        if (c.time > kMaxTransitions) return bad("timecnt", c.time, "at most 50000");
-        if (c.leap > kMaxLeaps) return bad("leapcnt", c.leap, "at most 1000");
+        auto most = [](uint32_t cap) { return "at most " + std::to_string(cap); };
+        if (c.type < 1 || c.type > kMaxTypes) return bad("typecnt", c.type, "1 to " + std::to_string(kMaxTypes));
+        if (c.chars < 1 || c.chars > kMaxChars) return bad("charcnt", c.chars, "1 to " + std::to_string(kMaxChars));
+        if (c.time > kMaxTransitions) return bad("timecnt", c.time, most(kMaxTransitions));
+        if (c.leap > kMaxLeaps) return bad("leapcnt", c.leap, most(kMaxLeaps));
         if (c.isstd != 0 && c.isstd != c.type) return bad("isstdcnt", c.isstd, "0 or typecnt");
         if (c.isut != 0 && c.isut != c.type) return bad("isutcnt", c.isut, "0 or typecnt");
         return true;
@@ -249,7 +238,9 @@ bool TimeZone::Reader::Footer(TimeZone& z)
     const uint8_t* text = p + 1;
     size_t room = std::min(left - 1, TzRule::kMaxLength + 1);
     const uint8_t* nl = static_cast<const uint8_t*>(memchr(text, '\n', room));
-    if (!nl) return Fail(room > TzRule::kMaxLength ? "footer longer than 255 bytes" : "footer without its closing newline");
+    if (!nl && room > TzRule::kMaxLength)
+        return Fail("footer longer than " + std::to_string(TzRule::kMaxLength) + " bytes");
+    if (!nl) return Fail("footer without its closing newline");
     size_t len = static_cast<size_t>(nl - text);
     Take(len + 2);
     if (memchr(text, 0, len)) return Fail("footer holds a NUL byte");
@@ -264,7 +255,8 @@ bool TimeZone::Reader::Footer(TimeZone& z)
     if (z.SameType(table, rule)) return true;
     auto show = [&](const Type& t) {
         const char* abbr = z.m_chars.c_str() + t.abbr;
-        return tz_quoted(abbr, strlen(abbr)) + " gmtoff=" + std::to_string(t.utoff) + " isdst=" + std::to_string(t.isdst);
+        return tz_quoted(abbr, strlen(abbr)) + " gmtoff=" + std::to_string(t.utoff) +
+               " isdst=" + std::to_string(t.isdst);
     };
     return Fail("footer rule gives " + show(rule) + " at the last transition, the table " + show(table));
 }
@@ -362,8 +354,7 @@ bool TimeZone::Load(const char* zone)
 
 int32_t TimeZone::Correction(int64_t t, bool* hit) const
 {
-    auto after = std::upper_bound(m_leaps.begin(), m_leaps.end(), t,
-                                  [](int64_t v, const Leap& l) { return v < l.at; });
+    auto after = std::upper_bound(m_leaps.begin(), m_leaps.end(), t, [](int64_t v, const Leap& l) { return v < l.at; });
     if (hit) *hit = false;
     if (after == m_leaps.begin()) return 0;
     const Leap& l = after[-1];
@@ -446,10 +437,7 @@ bool TimeZone::NextChange(int64_t t, int64_t limit, int64_t* next) const
     return true;
 }
 
-bool TimeZone::NextTransition(int64_t t, int64_t* next) const
-{
-    return NextChange(t, FromPosix(kEndInstant), next);
-}
+bool TimeZone::NextTransition(int64_t t, int64_t* next) const { return NextChange(t, FromPosix(kEndInstant), next); }
 
 int TimeZone::FromLocal(const LocalTime& wall, int64_t out[2], LocalKind* kind) const
 {

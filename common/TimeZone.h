@@ -18,7 +18,7 @@ struct LocalTime {
     int hour = 0, minute = 0, second = 0;  // second 60 only in a leap second
     int32_t utoff = 0;                     // seconds east of UTC
     bool isdst = false;
-    const char* abbr = "";  // the zone's own text: valid while the zone lives
+    const char* abbr = "";  // the zone's own text: valid while the zone lives unreloaded
 };
 
 enum class LocalKind {

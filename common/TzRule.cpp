@@ -93,7 +93,8 @@ struct TzRule::Parser {
         bool quoted = Accept('<');
         if (quoted) from = p;
         while (p < end && (quoted ? is_quoted_name_char(*p) : is_alpha(*p))) p++;
-        if (p - from < 3) return Fail(quoted ? "a <name> needs 3 or more of A-Z a-z 0-9 + -" : "a name needs 3 or more letters");
+        if (p - from < 3)
+            return Fail(quoted ? "a <name> needs 3 or more of A-Z a-z 0-9 + -" : "a name needs 3 or more letters");
         out.assign(from, static_cast<size_t>(p - from));
         return !quoted || Accept('>') || Fail("a <name> needs its closing >");
     }
@@ -142,15 +143,16 @@ struct TzRule::Parser {
             if (!Number(1, 3, 365, c.day) || c.day < 1) return Fail("Jn needs n from 1 to 365");
         } else if (Accept('M')) {
             c.kind = kMonthWeekDay;
-            if (!Number(1, 2, 12, c.month) || c.month < 1 || !Accept('.') || !Number(1, 1, 5, c.week) ||
-                c.week < 1 || !Accept('.') || !Number(1, 1, 6, c.day))
+            if (!Number(1, 2, 12, c.month) || c.month < 1 || !Accept('.') || !Number(1, 1, 5, c.week) || c.week < 1 ||
+                !Accept('.') || !Number(1, 1, 6, c.day))
                 return Fail("Mm.w.d needs m 1-12, w 1-5, d 0-6");
         } else {
             c.kind = kZeroBased;
             if (!Number(1, 3, 365, c.day)) return Fail("a date is Jn, n or Mm.w.d");
         }
         int hours = 2;
-        if (Accept('/') && !Clock(3, kMaxRuleHours, c.time, hours, "expected a time [+-]hhh[:mm[:ss]], hours up to 167"))
+        if (Accept('/') &&
+            !Clock(3, kMaxRuleHours, c.time, hours, "expected a time [+-]hhh[:mm[:ss]], hours up to 167"))
             return false;
         if (c.time < 0 || hours > 24) extended = true;
         return true;

@@ -45,9 +45,9 @@ private:
     enum DateKind { kJulian, kZeroBased, kMonthWeekDay };
     struct Change {
         DateKind kind = kMonthWeekDay;
-        int day = 0;    // Jn: 1..365, n: 0..365, M: weekday 0..6 (Sunday 0)
-        int month = 0;  // M form: 1..12
-        int week = 0;   // M form: 1..5, 5 the last
+        int day = 0;              // Jn: 1..365, n: 0..365, M: weekday 0..6 (Sunday 0)
+        int month = 0;            // M form: 1..12
+        int week = 0;             // M form: 1..5, 5 the last
         int32_t time = 2 * 3600;  // local seconds after midnight, ±167 h
     };
     struct Parser;
@@ -66,6 +66,6 @@ private:
     bool m_hasDst = false;
     Change m_start, m_end;
     bool m_extendedHours = false;
-    bool m_neverChanges = false;     // no year has changes: DST for ever
+    bool m_neverChanges = false;      // no year has changes: DST for ever
     bool m_allYearSomewhere = false;  // some year keeps DST from end to end
 };

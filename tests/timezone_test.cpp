@@ -105,29 +105,69 @@ TEST(TimeZoneFiles, RefusesDamagedFilesWithTheirReason)
     } cases[] = {
         {"magic", nullptr, [](std::string& b) { b[0] = 'X'; }, "not a TZif file"},
         {"version", [](Tzif& z) { z.version = '5'; }, nullptr, "unknown TZif version byte 0x35"},
-        {"typecnt 0", [](Tzif& z) { z.types.clear(), z.times.clear(), z.indices.clear(); }, nullptr, "typecnt 0 (1 to 256)"},
+        {"typecnt 0", [](Tzif& z) { z.types.clear(), z.times.clear(), z.indices.clear(); }, nullptr,
+         "typecnt 0 (1 to 256)"},
         {"charcnt 0", [](Tzif& z) { z.chars.clear(); }, nullptr, "charcnt 0 (1 to 4096)"},
         {"isstdcnt", [](Tzif& z) { z.isstd = {0}; }, nullptr, "isstdcnt 1 (0 or typecnt)"},
-        {"isutcnt", [](Tzif& z) { z.isstd = {0, 0, 0}, z.isut = {0}; }, nullptr, "isutcnt 1 (0 or typecnt)"},
-        {"unsorted", [](Tzif& z) { z.times[2] = z.times[1]; }, nullptr, "transition times not ascending at transition 3"},
+        {"isutcnt",
+         [](Tzif& z) {
+             z.isstd = {0, 0, 0}, z.isut = {0};
+         },
+         nullptr, "isutcnt 1 (0 or typecnt)"},
+        {"unsorted", [](Tzif& z) { z.times[2] = z.times[1]; }, nullptr,
+         "transition times not ascending at transition 3"},
         {"index", [](Tzif& z) { z.indices[1] = 3; }, nullptr, "transition 2 names a missing type"},
         {"utoff", [](Tzif& z) { z.types[0][0] = INT32_MIN; }, nullptr, "type 0: offset -2^31"},
         {"isdst", [](Tzif& z) { z.types[1][1] = 2; }, nullptr, "type 1: DST flag 2"},
         {"abbr index", [](Tzif& z) { z.types[2][2] = 13; }, nullptr, kAbbr},
         {"abbr NUL", [](Tzif& z) { z.chars.pop_back(); }, nullptr, kAbbr},
-        {"isstd 2", [](Tzif& z) { z.isstd = {2, 0, 0}; }, nullptr, "bad standard/wall or UT/local indicator of type 0"},
-        {"isut alone", [](Tzif& z) { z.isstd = {0, 0, 0}, z.isut = {0, 1, 0}; }, nullptr, "bad standard/wall or UT/local indicator of type 1"},
-        {"leap order", [](Tzif& z) { z.leaps = {{100, 1}, {100, 2}}; }, nullptr, "leap second record 2: not after the one before"},
-        {"leap first", [](Tzif& z) { z.leaps = {{100, 2}}; }, nullptr, kLeap1},
-        {"leap negative", [](Tzif& z) { z.leaps = {{-5, 1}}, z.version = '3'; }, nullptr, kLeap1},
-        {"leap jump", [](Tzif& z) { z.leaps = {{100, 1}, {200, 3}}; }, nullptr, kStep},
-        {"expiry v3", [](Tzif& z) { z.leaps = {{100, 1}, {200, 1}}, z.version = '3'; }, nullptr, kStep},
-        {"expiry inside", [](Tzif& z) { z.leaps = {{100, 1}, {200, 1}, {300, 2}}, z.version = '4'; }, nullptr, kStep},
+        {"isstd 2",
+         [](Tzif& z) {
+             z.isstd = {2, 0, 0};
+         },
+         nullptr, "bad standard/wall or UT/local indicator of type 0"},
+        {"isut alone",
+         [](Tzif& z) {
+             z.isstd = {0, 0, 0}, z.isut = {0, 1, 0};
+         },
+         nullptr, "bad standard/wall or UT/local indicator of type 1"},
+        {"leap order",
+         [](Tzif& z) {
+             z.leaps = {{100, 1}, {100, 2}};
+         },
+         nullptr, "leap second record 2: not after the one before"},
+        {"leap first",
+         [](Tzif& z) {
+             z.leaps = {{100, 2}};
+         },
+         nullptr, kLeap1},
+        {"leap negative",
+         [](Tzif& z) {
+             z.leaps = {{-5, 1}}, z.version = '3';
+         },
+         nullptr, kLeap1},
+        {"leap jump",
+         [](Tzif& z) {
+             z.leaps = {{100, 1}, {200, 3}};
+         },
+         nullptr, kStep},
+        {"expiry v3",
+         [](Tzif& z) {
+             z.leaps = {{100, 1}, {200, 1}}, z.version = '3';
+         },
+         nullptr, kStep},
+        {"expiry inside",
+         [](Tzif& z) {
+             z.leaps = {{100, 1}, {200, 1}, {300, 2}}, z.version = '4';
+         },
+         nullptr, kStep},
         {"no footer", nullptr, [](std::string& b) { b.resize(b.size() - 28); }, "no footer after the data block"},
         {"footer open", nullptr, [](std::string& b) { b.pop_back(); }, "footer without its closing newline"},
         {"footer NUL", [](Tzif& z) { z.footer[3] = '\0'; }, nullptr, "footer holds a NUL byte"},
-        {"footer long", [](Tzif& z) { z.footer = "<" + std::string(253, 'A') + ">1"; }, nullptr, "footer longer than 255 bytes"},
-        {"footer rule", [](Tzif& z) { z.footer = "CET"; }, nullptr, "footer: expected an offset [+-]hh[:mm[:ss]], hours 0-24 at byte 4"},
+        {"footer long", [](Tzif& z) { z.footer = "<" + std::string(253, 'A') + ">1"; }, nullptr,
+         "footer longer than 255 bytes"},
+        {"footer rule", [](Tzif& z) { z.footer = "CET"; }, nullptr,
+         "footer: expected an offset [+-]hh[:mm[:ss]], hours 0-24 at byte 4"},
         {"footer offset", [](Tzif& z) { z.footer = "CET-2CEST,M3.5.0,M10.5.0/3"; }, nullptr,
          "footer rule gives \"CET\" gmtoff=7200 isdst=0 at the last transition, the table \"CET\" gmtoff=3600 isdst=0"},
         {"footer abbr", [](Tzif& z) { z.footer = "MEZ-1MESZ,M3.5.0,M10.5.0/3"; }, nullptr,
@@ -135,20 +175,26 @@ TEST(TimeZoneFiles, RefusesDamagedFilesWithTheirReason)
         {"v3 hours in v2", [](Tzif& z) { z = Tzif::Rule("EST5EDT,M3.2.0/-1,M11.1.0", -18000, "EST"); }, nullptr, kV3},
         {"all-year in v2", [](Tzif& z) { z = Tzif::Rule("AAA-12BBB12,0/0,J365/24", 43200, "AAA"); }, nullptr, kV3},
         {"trailing", nullptr, [](std::string& b) { b += "x"; }, "1 bytes after the footer"},
-        {"v1 trailing", [](Tzif& z) { z.version = 0; }, [](std::string& b) { b += "x"; }, "1 bytes after the data block"},
+        {"v1 trailing", [](Tzif& z) { z.version = 0; }, [](std::string& b) { b += "x"; },
+         "1 bytes after the data block"},
         {"v1 counts", nullptr, [](std::string& b) { Put32(b, kV1Counts + 12, 0xffffffff); },
          "truncated version 1 data block (needs 21474836506 bytes, 176 left)"},
         {"second magic", nullptr, [](std::string& b) { b[kV2Counts - 20] = 'X'; }, "second header without \"TZif\""},
-        {"second version", nullptr, [](std::string& b) { b[kV2Counts - 16] = '3'; }, "second header of another version"},
+        {"second version", nullptr, [](std::string& b) { b[kV2Counts - 16] = '3'; },
+         "second header of another version"},
         {"typecnt cap", nullptr, [](std::string& b) { Put32(b, kV2Counts + 16, 257); }, "typecnt 257 (1 to 256)"},
-        {"timecnt cap", nullptr, [](std::string& b) { Put32(b, kV2Counts + 12, 50001); }, "timecnt 50001 (at most 50000)"},
+        {"timecnt cap", nullptr, [](std::string& b) { Put32(b, kV2Counts + 12, 50001); },
+         "timecnt 50001 (at most 50000)"},
         {"leapcnt cap", nullptr, [](std::string& b) { Put32(b, kV2Counts + 8, 1001); }, "leapcnt 1001 (at most 1000)"},
         {"charcnt cap", nullptr, [](std::string& b) { Put32(b, kV2Counts + 20, 4097); }, "charcnt 4097 (1 to 4096)"},
-        {"count past end", nullptr, [](std::string& b) { Put32(b, kV2Counts + 12, 40000); }, "truncated data block (needs 360031 bytes, 86 left)"},
-        {"timecnt +1", nullptr, [](std::string& b) { Put32(b, kV2Counts + 12, 4); }, "transition 4 names a missing type"},
+        {"count past end", nullptr, [](std::string& b) { Put32(b, kV2Counts + 12, 40000); },
+         "truncated data block (needs 360031 bytes, 86 left)"},
+        {"timecnt +1", nullptr, [](std::string& b) { Put32(b, kV2Counts + 12, 4); },
+         "transition 4 names a missing type"},
         {"charcnt -1", nullptr, [](std::string& b) { Put32(b, kV2Counts + 20, 12); }, kAbbr},
         {"cut", nullptr, [](std::string& b) { b.resize(100); }, "truncated second header (needs 44 bytes, 10 left)"},
-        {"over 1 MiB", nullptr, [](std::string& b) { b.resize(TimeZone::kMaxFileBytes + 1); }, "larger than 1048576 bytes"},
+        {"over 1 MiB", nullptr, [](std::string& b) { b.resize(TimeZone::kMaxFileBytes + 1); },
+         "larger than 1048576 bytes"},
     };
     std::string dir = MakeTempDir(), path = dir + "/zone";
     for (const auto& c : cases) {
@@ -217,7 +263,8 @@ bool ModelDst(const RuleCase& r, int64_t t, int year)
     int64_t best = INT64_MIN;
     bool dst = false;
     for (int y = year - 1; y <= year + 1; y++) {
-        int64_t on = ModelMidnight(y, r.start) + r.startTime - r.stdOff, off = ModelMidnight(y, r.end) + r.endTime - r.dstOff;
+        int64_t on = ModelMidnight(y, r.start) + r.startTime - r.stdOff,
+                off = ModelMidnight(y, r.end) + r.endTime - r.dstOff;
         if (on <= t && on > best) best = on, dst = true;
         if (off <= t && off > best) best = off, dst = false;
     }
@@ -234,21 +281,25 @@ TEST(TimeZoneRules, AgreeWithTheModelAroundEveryChange)
         {"XXX3YYY,J60/0,J300", -3 * h, -2 * h, "J60", 0, "J300", 2 * h},
         {"XXX3YYY,59/0,299", -3 * h, -2 * h, "59", 0, "299", 2 * h},
         {"AAA-5BBB,M3.1.0/167,M10.1.0/-167", 5 * h, 6 * h, "M3.1.0", 167 * h, "M10.1.0", -167 * h},
-        {"<+0513>-5:13:17<+0613>-6:13:17,M3.5.0/1:02:03,M10.5.0/3:04:05", 18797, 22397, "M3.5.0", 3723, "M10.5.0", 11045},
+        {"<+0513>-5:13:17<+0613>-6:13:17,M3.5.0/1:02:03,M10.5.0/3:04:05", 18797, 22397, "M3.5.0", 3723, "M10.5.0",
+         11045},
         {"AEST-10AEDT,M10.1.0,M4.1.0/3", 10 * h, 11 * h, "M10.1.0", 2 * h, "M4.1.0", 3 * h},
         {"EST5EDT", -5 * h, -4 * h, "M3.2.0", 2 * h, "M11.1.0", 2 * h},
         {"<+13>-13<+14>,J1/1,M3.1.0/3", 13 * h, 14 * h, "J1", h, "M3.1.0", 3 * h},  // starts the UTC year before
-        {"<-11>11<-10>,M10.1.0,J365/23", -11 * h, -10 * h, "M10.1.0", 2 * h, "J365", 23 * h},  // ends the UTC year after
+        {"<-11>11<-10>,M10.1.0,J365/23", -11 * h, -10 * h, "M10.1.0", 2 * h, "J365",
+         23 * h},  // ends the UTC year after
     };
     for (const RuleCase& r : cases) {
         TimeZone zone;
         ASSERT_TRUE(zone.LoadRule(r.text)) << r.text << ": " << zone.Error();
         for (int year = 1902; year <= 2036; year += year < 1975 ? 7 : 1) {
-            for (int64_t change : {ModelMidnight(year, r.start) + r.startTime - r.stdOff, ModelMidnight(year, r.end) + r.endTime - r.dstOff}) {
+            for (int64_t change : {ModelMidnight(year, r.start) + r.startTime - r.stdOff,
+                                   ModelMidnight(year, r.end) + r.endTime - r.dstOff}) {
                 for (int64_t t : {change - 1, change, change + 40000}) {
                     LocalTime l;
                     bool dst = ModelDst(r, t, year);
-                    ASSERT_TRUE(zone.ToLocal(t, l) && l.isdst == dst && l.utoff == (dst ? r.dstOff : r.stdOff)) << r.text << " @" << t;
+                    ASSERT_TRUE(zone.ToLocal(t, l) && l.isdst == dst && l.utoff == (dst ? r.dstOff : r.stdOff))
+                        << r.text << " @" << t;
                 }
                 int64_t next = 0;
                 ASSERT_TRUE(zone.NextTransition(change - 1, &next) && next == change) << r.text << " @" << change;
@@ -266,11 +317,36 @@ TEST(TimeZoneRules, RefusesMalformedRules)
 {
     std::string longest = "<" + std::string(251, 'A') + ">-1", over = "<" + std::string(252, 'A') + ">-1";
     const char* bad[] = {
-        "", "EST", "ES5", "E5T5", "EST+", "EST25", "EST5:6", "EST5:60", "EST5:00:60", "<ES>5", "<EST5", "<E T>5",
-        "EST5EDT,", "EST5EDT,M3.2.0", "EST5EDT,M3.2.0,", "EST5EDT,M13.1.0,M11.1.0", "EST5EDT,M0.1.0,M11.1.0",
-        "EST5EDT,M3.6.0,M11.1.0", "EST5EDT,M3.0.0,M11.1.0", "EST5EDT,M3.2.7,M11.1.0", "EST5EDT,J0,J100",
-        "EST5EDT,J366,J100", "EST5EDT,366,J100", "EST5EDT,M3.2.0/168,M11.1.0", "EST5EDT,M3.2.0/-168,M11.1.0",
-        "EST5EDT,M3.2.0,M11.1.0x", "EST5EDT4x", "EST5 ", "EST5EDT,M3.2.0/,M11.1.0", over.c_str(),
+        "",
+        "EST",
+        "ES5",
+        "E5T5",
+        "EST+",
+        "EST25",
+        "EST5:6",
+        "EST5:60",
+        "EST5:00:60",
+        "<ES>5",
+        "<EST5",
+        "<E T>5",
+        "EST5EDT,",
+        "EST5EDT,M3.2.0",
+        "EST5EDT,M3.2.0,",
+        "EST5EDT,M13.1.0,M11.1.0",
+        "EST5EDT,M0.1.0,M11.1.0",
+        "EST5EDT,M3.6.0,M11.1.0",
+        "EST5EDT,M3.0.0,M11.1.0",
+        "EST5EDT,M3.2.7,M11.1.0",
+        "EST5EDT,J0,J100",
+        "EST5EDT,J366,J100",
+        "EST5EDT,366,J100",
+        "EST5EDT,M3.2.0/168,M11.1.0",
+        "EST5EDT,M3.2.0/-168,M11.1.0",
+        "EST5EDT,M3.2.0,M11.1.0x",
+        "EST5EDT4x",
+        "EST5 ",
+        "EST5EDT,M3.2.0/,M11.1.0",
+        over.c_str(),
     };
     TimeZone zone;
     ASSERT_TRUE(zone.LoadRule(longest.c_str()));
@@ -287,9 +363,13 @@ TEST(TimeZoneLoad, NamesPathsRulesAndTheirErrors)
     RunProgram({"/bin/mkdir", dir + "/Test"});
     std::ofstream(dir + "/Test/Zone", std::ios::binary) << Tzif::Rule("<+0130>-1:30", 5400, "+0130").Bytes();
     setenv("TZDIR", dir.c_str(), 1);
-    const std::string file = "1970-01-01T01:30:00 +5400 +0130 0", offset = "expected an offset [+-]hh[:mm[:ss]], hours 0-24";
-    const std::pair<std::string, std::string> cases[] = {  // zone, shows at @0 or the error
-        {"Test/Zone", file}, {":Test/Zone", file}, {dir + "/Test/Zone", file},
+    const std::string file = "1970-01-01T01:30:00 +5400 +0130 0",
+                      offset = "expected an offset [+-]hh[:mm[:ss]], hours 0-24";
+    const std::pair<std::string, std::string> cases[] = {
+        // zone, shows at @0 or the error
+        {"Test/Zone", file},
+        {":Test/Zone", file},
+        {dir + "/Test/Zone", file},
         {"EST5", "1969-12-31T19:00:00 -18000 EST 0"},
         {"<+03>-3", "1970-01-01T03:00:00 +10800 +03 0"},
         {":EST5", "\"" + dir + "/EST5\": No such file or directory"},
@@ -314,9 +394,10 @@ TEST(TimeZoneReal, SampleZonesAgreeWithZdumpZoneinfoAndGlibc)
     // `zic -b slim` files, and the right/ zones; the full sweep does all zones.
     std::string command;
     for (const std::string& word : TargetArgv(VTEST_BINARY)) command += "'" + word + "' ";
-    RunResult r = RunProgram({"/usr/bin/python3", VTEST_SOURCE_DIR "/scripts/tz-sweep.py", command,
-                              "^(Europe/(Berlin|Dublin)|America/(Santiago|St_Johns)|Australia/Lord_Howe|Pacific/Apia|Asia/Tehran)$"},
-                             "", ScaledMs(120000));
+    RunResult r = RunProgram(
+        {"/usr/bin/python3", VTEST_SOURCE_DIR "/scripts/tz-sweep.py", command,
+         "^(Europe/(Berlin|Dublin)|America/(Santiago|St_Johns)|Australia/Lord_Howe|Pacific/Apia|Asia/Tehran)$"},
+        "", ScaledMs(120000));
     if (r.status != 0 && r.err.find("ModuleNotFoundError") != std::string::npos) GTEST_SKIP() << r.err;
     EXPECT_EQ(r.status, 0) << r.out << r.err;
     EXPECT_NE(r.out.find("installed: 7 zones"), std::string::npos) << r.out;
@@ -335,7 +416,8 @@ TEST(TimeZoneReal, TruncatedAndExpiringLeapTablesEqualGlibc)
         input += "@" + std::to_string(t) + "\n";
         ours += Show(zone, t).replace(20, 2, "+0000") + "\n";  // as date's %z
     }
-    RunResult glibc = RunProgram({"/usr/bin/env", "TZ=" + path, "/bin/date", "-f", "-", "+%Y-%m-%dT%H:%M:%S %z %Z 0"}, input);
+    RunResult glibc =
+        RunProgram({"/usr/bin/env", "TZ=" + path, "/bin/date", "-f", "-", "+%Y-%m-%dT%H:%M:%S %z %Z 0"}, input);
     EXPECT_EQ(ours, glibc.out) << glibc.err;
     RunProgram({"/bin/rm", "-rf", dir});
 }

@@ -28,8 +28,15 @@ struct Tzif {
     // rule after them.
     static Tzif Berlin()
     {
-        return {'2', {-2000000000, 1711846800, 1729990800}, {1, 2, 1}, {{{3208, 0, 0}}, {{3600, 0, 4}}, {{7200, 1, 8}}},
-                std::string("LMT\0CET\0CEST\0", 13), {}, {}, {}, "CET-1CEST,M3.5.0,M10.5.0/3"};
+        return {'2',
+                {-2000000000, 1711846800, 1729990800},
+                {1, 2, 1},
+                {{{3208, 0, 0}}, {{3600, 0, 4}}, {{7200, 1, 8}}},
+                std::string("LMT\0CET\0CEST\0", 13),
+                {},
+                {},
+                {},
+                "CET-1CEST,M3.5.0,M10.5.0/3"};
     }
     // No transitions: one type, then the rule.
     static Tzif Rule(const std::string& rule, int32_t utoff, const std::string& abbr)
@@ -45,7 +52,8 @@ struct Tzif {
         Tzif z;
         z.version = '4';
         std::vector<int32_t> abbr;
-        for (int i = 0; i < 64; i++) abbr.push_back(static_cast<int32_t>(z.chars.size())), z.chars += "T" + std::to_string(i) + '\0';
+        for (int i = 0; i < 64; i++)
+            abbr.push_back(static_cast<int32_t>(z.chars.size())), z.chars += "T" + std::to_string(i) + '\0';
         for (int i = 0; i < 256; i++) z.types.push_back({{i, 0, abbr[i % 64]}});
         z.chars.resize(4096, '\0');
         for (int i = 0; i < 50000; i++) z.times.push_back(60 * i), z.indices.push_back(static_cast<uint8_t>(i % 256));
@@ -62,12 +70,15 @@ private:
     std::string Block(int timeBytes) const
     {
         std::string s = std::string("TZif") + version + std::string(15, '\0');
-        for (size_t n : {isut.size(), isstd.size(), leaps.size(), times.size(), types.size(), chars.size()}) Put(s, n, 4);
+        for (size_t n : {isut.size(), isstd.size(), leaps.size(), times.size(), types.size(), chars.size()})
+            Put(s, n, 4);
         for (int64_t t : times) Put(s, static_cast<uint64_t>(t), timeBytes);
         s.append(indices.begin(), indices.end());
-        for (const auto& t : types) Put(s, static_cast<uint32_t>(t[0]), 4), s += static_cast<char>(t[1]), s += static_cast<char>(t[2]);
+        for (const auto& t : types)
+            Put(s, static_cast<uint32_t>(t[0]), 4), s += static_cast<char>(t[1]), s += static_cast<char>(t[2]);
         s += chars;
-        for (const auto& l : leaps) Put(s, static_cast<uint64_t>(l.first), timeBytes), Put(s, static_cast<uint32_t>(l.second), 4);
+        for (const auto& l : leaps)
+            Put(s, static_cast<uint64_t>(l.first), timeBytes), Put(s, static_cast<uint32_t>(l.second), 4);
         return s.append(isstd.begin(), isstd.end()).append(isut.begin(), isut.end());
     }
 };

@@ -43,24 +43,11 @@ struct TimeOptions {
 
 std::string quoted(const char* text) { return tz_quoted(text, strlen(text)); }
 
-// Exactly `n` digits at p, advanced past them.
-bool digits(const char*& p, const char* end, int n, int& out)
-{
-    if (end - p < n) return false;
-    out = 0;
-    for (int i = 0; i < n; i++, p++) {
-        if (*p < '0' || *p > '9') return false;
-        out = out * 10 + (*p - '0');
-    }
-    return true;
-}
-
-// A year of a --transitions range: 1 to 5 digits, 1..10000.
+// A year of a --transitions range: digits only, 1..10000.
 bool parse_year(const char* p, const char* end, int& year)
 {
     auto r = std::from_chars(p, end, year);
-    return p < end && *p != '-' && *p != '+' && r.ptr == end && r.ec == std::errc() && year >= 1 &&
-           year <= kLastYearEnd;
+    return p < end && *p != '-' && r.ptr == end && r.ec == std::errc() && year >= 1 && year <= kLastYearEnd;
 }
 
 bool parse_range(const char* text, TimeOptions& o)
@@ -100,7 +87,8 @@ bool parse_option(const char* arg, TimeOptions& o, std::string& error)
         if (strlen(opt.name) != nameLen || strncmp(arg, opt.name, nameLen) != 0) continue;
         if (eq && !opt.value) error = std::string("option ") + opt.name + " takes no value.";
         else if (!eq && !opt.flag) error = std::string("option ") + opt.name + " needs =<value>.";
-        else if ((opt.flag && *opt.flag) || (opt.value && *opt.value)) error = std::string("option ") + opt.name + " given twice.";
+        else if ((opt.flag && *opt.flag) || (opt.value && *opt.value))
+            error = std::string("option ") + opt.name + " given twice.";
         if (!error.empty()) return false;
         if (opt.flag) *opt.flag = true;
         if (eq) *opt.value = eq + 1;
@@ -135,6 +123,69 @@ int time_usage(const char* program, const std::string& error)
     return -1;
 }
 
+// ---- reading a <time>
+
+enum class Parsed { Instant, Wall, Bad, OutOfRange };
+
+struct Scanner {
+    const char* p;
+    const char* end;
+
+    bool AtEnd() const { return p == end; }
+    bool Accept(char c)
+    {
+        if (p == end || *p != c) return false;
+        p++;
+        return true;
+    }
+    // Exactly n digits.
+    bool Digits(int n, int& out)
+    {
+        out = 0;
+        for (int i = 0; i < n; i++, p++) {
+            if (p == end || *p < '0' || *p > '9') return false;
+            out = out * 10 + (*p - '0');
+        }
+        return true;
+    }
+};
+
+// SECONDS after the "@": an optional sign, then digits.
+Parsed parse_seconds(Scanner s, int64_t& instant)
+{
+    bool plus = s.Accept('+');
+    if (s.AtEnd() || (plus && *s.p == '-')) return Parsed::Bad;
+    auto r = std::from_chars(s.p, s.end, instant);
+    if (r.ptr != s.end) return Parsed::Bad;
+    if (r.ec == std::errc::result_out_of_range) return Parsed::OutOfRange;
+    return r.ec == std::errc() ? Parsed::Instant : Parsed::Bad;
+}
+
+// YYYY-MM-DD[( |T)HH:MM[:SS]], a real date and time of day; the year may be 0.
+bool parse_wall(Scanner& s, LocalTime& wall)
+{
+    wall = LocalTime();
+    if (!s.Digits(4, wall.year) || !s.Accept('-') || !s.Digits(2, wall.month) || !s.Accept('-') ||
+        !s.Digits(2, wall.day))
+        return false;
+    if (!s.AtEnd() && (!(s.Accept(' ') || s.Accept('T')) || !s.Digits(2, wall.hour) || !s.Accept(':') ||
+                       !s.Digits(2, wall.minute) || (s.Accept(':') && !s.Digits(2, wall.second))))
+        return false;
+    return wall.month >= 1 && wall.month <= 12 && wall.day >= 1 && wall.day <= tz_month_length(wall.year, wall.month) &&
+           wall.hour <= 23 && wall.minute <= 59 && wall.second <= 59;
+}
+
+// Z, +HH, +HHMM or +HH:MM (or -), below 24 hours: seconds east of UTC.
+bool parse_offset(Scanner& s, int& offset)
+{
+    if (s.Accept('Z')) return true;
+    int sign = s.Accept('+') ? 1 : s.Accept('-') ? -1 : 0, hours = 0, minutes = 0;
+    if (!sign || !s.Digits(2, hours) || hours > 23) return false;
+    if (!s.AtEnd() && ((void)s.Accept(':'), !s.Digits(2, minutes) || minutes > 59)) return false;
+    offset = sign * (hours * 3600 + minutes * 60);
+    return true;
+}
+
 // ---- one conversion after another, into one output buffer
 
 class TimeConverter {
@@ -148,9 +199,7 @@ public:
     int Status() const { return m_status; }
 
 private:
-    enum class Parsed { Instant, Wall, Bad, OutOfRange };
     Parsed Parse(const char* text, size_t len, int64_t& instant, LocalTime& wall);
-    void Converted(const char* text, size_t len, const LocalTime& wall);
     bool Print(int64_t t, const char* tag);
     // `subject` is the refused text, quoted, or empty.
     void Refuse(const std::string& subject, const std::string& why);
@@ -165,49 +214,23 @@ private:
     std::string m_out;
 };
 
-TimeConverter::Parsed TimeConverter::Parse(const char* text, size_t len, int64_t& instant, LocalTime& wall)
+Parsed TimeConverter::Parse(const char* text, size_t len, int64_t& instant, LocalTime& wall)
 {
-    const char* p = text;
-    const char* end = text + len;
+    Scanner s{text, text + len};
     if (len == 3 && memcmp(text, "now", 3) == 0) {
         if (!m_haveNow) m_now = static_cast<int64_t>(time(nullptr)), m_haveNow = true;
         instant = m_now;
         return Parsed::Instant;
     }
-    if (*p == '@') {
-        p++;
-        bool plus = p < end && *p == '+';
-        auto r = std::from_chars(p + plus, end, instant);
-        bool ok = r.ptr == end && p + plus < end && (!plus || p[1] != '-');
-        if (ok && r.ec == std::errc::result_out_of_range) return Parsed::OutOfRange;
-        return ok && r.ec == std::errc() ? Parsed::Instant : Parsed::Bad;
-    }
-    int year, month, day, hour = 0, minute = 0, second = 0, offHours = 0, offMinutes = 0;
-    if (!digits(p, end, 4, year) || p == end || *p++ != '-' || !digits(p, end, 2, month) || p == end ||
-        *p++ != '-' || !digits(p, end, 2, day))
-        return Parsed::Bad;
-    bool hasTime = p < end, hasOffset = false, west = false;
-    if (hasTime && ((*p != ' ' && *p != 'T') || !digits(++p, end, 2, hour) || p == end || *p++ != ':' ||
-                    !digits(p, end, 2, minute)))
-        return Parsed::Bad;
-    if (p < end && *p == ':' && !digits(++p, end, 2, second)) return Parsed::Bad;
-    if (p < end) {
-        hasOffset = true;
-        west = *p == '-';
-        if (*p == 'Z') p++;
-        else if ((*p != '+' && *p != '-') || !digits(++p, end, 2, offHours) ||
-                 (p < end && (*p == ':' ? !digits(++p, end, 2, offMinutes) : !digits(p, end, 2, offMinutes))))
-            return Parsed::Bad;
-    }
-    if (p != end || month < 1 || month > 12 || day < 1 || day > tz_month_length(year, month) || hour > 23 ||
-        minute > 59 || second > 59 || offHours > 23 || offMinutes > 59)
-        return Parsed::Bad;
-    if (year < 1) return Parsed::OutOfRange;
-    wall.year = year, wall.month = month, wall.day = day;
-    wall.hour = hour, wall.minute = minute, wall.second = second;
+    if (s.Accept('@')) return parse_seconds(s, instant);
+    int offset = 0;
+    if (!parse_wall(s, wall)) return Parsed::Bad;
+    bool hasOffset = !s.AtEnd();
+    if ((hasOffset && !parse_offset(s, offset)) || !s.AtEnd()) return Parsed::Bad;
+    if (wall.year < 1) return Parsed::OutOfRange;
     if (!hasOffset) return Parsed::Wall;
-    int64_t offset = (west ? -1 : 1) * (offHours * 3600 + offMinutes * 60);
-    int64_t posix = tz_days_from_civil(year, month, day) * kSecondsPerDay + hour * 3600 + minute * 60 + second;
+    int64_t posix = tz_days_from_civil(wall.year, wall.month, wall.day) * kSecondsPerDay + wall.hour * 3600 +
+                    wall.minute * 60 + wall.second;
     instant = m_zone.FromPosix(posix - offset);
     return Parsed::Instant;
 }
@@ -257,7 +280,8 @@ void TimeConverter::ReadStdin()
         m_line = reader.Number();
         if (r == ScriptReader::kLine) Convert(reader.Text().data(), reader.Text().size());
         else if (r == ScriptReader::kRefused) Refuse("\"" + reader.Preview() + "\"", reader.Reason());
-        else if (r == ScriptReader::kError) return Refuse("", std::string("reading standard input: ") + strerror(reader.Errno()));
+        else if (r == ScriptReader::kError)
+            return Refuse("", std::string("reading standard input: ") + strerror(reader.Errno()));
         else return;
     }
 }
