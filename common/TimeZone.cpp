@@ -82,19 +82,20 @@ struct Counts {
 
 }  // namespace
 
+void tz_escape(std::string& out, const char* text, size_t len, bool (*plain)(unsigned char))
+{
+    static const char kHex[] = "0123456789abcdef";
+    for (size_t i = 0; i < len; i++) {
+        unsigned char c = static_cast<unsigned char>(text[i]);
+        if (plain(c)) out += static_cast<char>(c);
+        else out += "\\x", out += kHex[c >> 4], out += kHex[c & 15];
+    }
+}
+
 std::string tz_quoted(const char* text, size_t len)
 {
     std::string out = "\"";
-    for (size_t i = 0; i < len; i++) {
-        unsigned char c = static_cast<unsigned char>(text[i]);
-        if (c < 0x20 || c >= 0x7f || c == '"' || c == '\\') {
-            char hex[5];
-            snprintf(hex, sizeof hex, "\\x%02x", c);
-            out += hex;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
+    tz_escape(out, text, len, [](unsigned char c) { return c >= 0x20 && c < 0x7f && c != '"' && c != '\\'; });
     return out + "\"";
 }
 

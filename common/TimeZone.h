@@ -110,6 +110,8 @@ private:
     std::string m_error;
 };
 
+// Appends `text` to `out`, each byte for which plain() is false as \xNN.
+void tz_escape(std::string& out, const char* text, size_t len, bool (*plain)(unsigned char));
 // `text` in double quotes, with control bytes, bytes from 0x7f, quotes and
 // backslashes as \xNN, so a message can always show it.
 std::string tz_quoted(const char* text, size_t len);

@@ -329,19 +329,13 @@ void put_offset(std::string& s, int32_t utoff)
     if (abs % 60) s += ':', put_digits(s, abs % 60, 2);
 }
 
+// An abbreviation: bytes other than A-Z a-z 0-9 + - as \xNN, an empty one as "".
 void put_abbr(std::string& s, const char* abbr)
 {
     if (!*abbr) s += "\"\"";
-    for (const char* p = abbr; *p; p++) {
-        char c = *p;
-        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '-') {
-            s += c;
-            continue;
-        }
-        static const char kHex[] = "0123456789abcdef";
-        unsigned char b = static_cast<unsigned char>(c);
-        s += "\\x", s += kHex[b >> 4], s += kHex[b & 15];
-    }
+    tz_escape(s, abbr, strlen(abbr), [](unsigned char c) {
+        return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '-';
+    });
 }
 
 // The UTC fields of a local time; a leap second stays second 60.
