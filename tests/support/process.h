@@ -19,6 +19,10 @@ struct RunResult {
 RunResult RunProgram(const std::vector<std::string>& argv, const std::string& input = "",
                      int timeoutMs = 20000);
 
+// Standard error less the logger's own lines ("SS.uuuuuu [tid] ..."): what
+// a command printed for the operator.
+std::string OperatorErrors(const std::string& err);
+
 // The argv that starts a program built by this tree (vtest, vantor-sim):
 // in a cross build the emulator comes first, since an emulated process
 // cannot exec a foreign binary by itself.
