@@ -28,15 +28,8 @@ struct Tzif {
     // rule after them.
     static Tzif Berlin()
     {
-        return {'2',
-                {-2000000000, 1711846800, 1729990800},
-                {1, 2, 1},
-                {{{3208, 0, 0}}, {{3600, 0, 4}}, {{7200, 1, 8}}},
-                std::string("LMT\0CET\0CEST\0", 13),
-                {},
-                {},
-                {},
-                "CET-1CEST,M3.5.0,M10.5.0/3"};
+        return {'2', {-2000000000, 1711846800, 1729990800}, {1, 2, 1}, {{{3208, 0, 0}}, {{3600, 0, 4}}, {{7200, 1, 8}}},
+                std::string("LMT\0CET\0CEST\0", 13), {}, {}, {}, "CET-1CEST,M3.5.0,M10.5.0/3"};
     }
     // No transitions: one type, then the rule.
     static Tzif Rule(const std::string& rule, int32_t utoff, const std::string& abbr)
