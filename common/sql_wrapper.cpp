@@ -194,32 +194,51 @@ bool SqlWrapper::NextParsed(char** columns, int& columnCount)
     return true;
 }
 
-bool SqlWrapper::TakeRow(std::vector<char*>& columns, int maxColumns)
+bool SqlWrapper::TakeRow(int maxColumns)
 {
     if (!Connected()) return false;
     if (maxColumns <= 0) maxColumns = m_maxColCount;
-    columns.assign(static_cast<size_t>(std::min(std::max(maxColumns, 1), MAX_COLUMNS)), nullptr);
-    int found = static_cast<int>(columns.size());
-    if (!NextParsed(columns.data(), found)) return false;
-    columns.resize(static_cast<size_t>(std::min(found, static_cast<int>(columns.size()))));
+    m_columns.assign(static_cast<size_t>(std::min(std::max(maxColumns, 1), MAX_COLUMNS)), nullptr);
+    int found = static_cast<int>(m_columns.size());
+    if (!NextParsed(m_columns.data(), found)) return false;
+    m_columns.resize(static_cast<size_t>(std::min(found, static_cast<int>(m_columns.size()))));
     return true;
 }
 
+// The strings of the caller's previous row are overwritten, so a caller
+// that keeps its vector allocates nothing after the first rows.
 bool SqlWrapper::Next(std::vector<std::string>& row, int maxColumns)
 {
-    std::vector<char*> columns;
-    if (!TakeRow(columns, maxColumns)) return false;
-    row.assign(columns.begin(), columns.end());
+    if (!TakeRow(maxColumns)) return false;
+    row.assign(m_columns.begin(), m_columns.end());
     return true;
 }
 
+// The map's nodes are taken out and refilled, keys and values assigned in
+// place: the same map passed row after row allocates nothing once warm.
 bool SqlWrapper::Next(std::map<std::string, std::string>& row, int maxColumns)
 {
-    std::vector<char*> columns;
-    if (!TakeRow(columns, maxColumns)) return false;
-    row.clear();
-    size_t named = std::min(columns.size(), m_column_names.size());
-    for (size_t i = 0; i < named; i++) row[m_column_names[i]] = columns[i];
+    if (!TakeRow(maxColumns)) return false;
+    while (!row.empty()) m_spareNodes.push_back(row.extract(row.begin()));
+    size_t named = std::min(m_columns.size(), m_column_names.size());
+    for (size_t i = 0; i < named; i++) {
+        const std::string& name = m_column_names[i];
+        auto it = row.find(name);
+        if (it != row.end()) {
+            it->second = m_columns[i];  // a later column of the same name wins
+        } else if (m_spareNodes.empty()) {
+            row.emplace(name, m_columns[i]);
+        } else {
+            auto node = std::move(m_spareNodes.back());
+            m_spareNodes.pop_back();
+            node.key() = name;
+            node.mapped() = m_columns[i];
+            row.insert(std::move(node));
+        }
+    }
+    // A map that held more than a row (a caller's own entries) leaves its
+    // surplus to be freed here rather than kept.
+    if (m_spareNodes.size() > named) m_spareNodes.erase(m_spareNodes.begin() + static_cast<long>(named), m_spareNodes.end());
     return true;
 }
 

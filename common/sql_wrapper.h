@@ -79,8 +79,8 @@ public:
 private:
     // Connect attempts within the shared count, with their messages.
     bool ConnectCounted(int& count);
-    // Splits the next row; columns holds the first ones found.
-    bool TakeRow(std::vector<char*>& columns, int maxColumns);
+    // Splits the next row; m_columns holds the first ones found.
+    bool TakeRow(int maxColumns);
 
     char m_escape = '\\';
     char m_separator = '|';
@@ -88,4 +88,7 @@ private:
     std::vector<std::string> m_column_names;
     int m_maxColCount = 30;
     bool m_rv = false;
+    // Kept from row to row so that taking a row allocates nothing.
+    std::vector<char*> m_columns;
+    std::vector<std::map<std::string, std::string>::node_type> m_spareNodes;
 };
