@@ -14,6 +14,12 @@ public:
         m_line.append(text);
         return *this;
     }
+    // Values and names split from a received line hold no NUL: whole.
+    LineWriter& Text(const std::string& text)
+    {
+        m_line.append(text);
+        return *this;
+    }
     LineWriter& Char(char c)
     {
         m_line.push_back(c);

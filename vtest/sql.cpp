@@ -54,14 +54,14 @@ LineWriter g_out;
 void print_plain_header(const std::vector<std::string>& names)
 {
     g_out.Text("Line #");
-    for (const std::string& name : names) g_out.Text("\t\"").Text(name.c_str()).Char('"');
+    for (const std::string& name : names) g_out.Text("\t\"").Text(name).Char('"');
     g_out.End();
 }
 
 void print_plain_row(int n, const std::vector<std::string>& row)
 {
     g_out.Int(n).Text(".\t");
-    for (const std::string& value : row) g_out.Char('"').Text(value.c_str()).Text("\"\t");
+    for (const std::string& value : row) g_out.Char('"').Text(value).Char('"').Char('\t');
     g_out.End();
 }
 
@@ -69,11 +69,11 @@ void print_pairs_row(int n, const std::map<std::string, std::string>& row)
 {
     if (n == 1) {
         g_out.Text("Line #");
-        for (const auto& column : row) g_out.Text("\t\"").Text(column.first.c_str()).Char('"');
+        for (const auto& column : row) g_out.Text("\t\"").Text(column.first).Char('"');
         g_out.End();
     }
     g_out.Int(n).Text(".\t");
-    for (const auto& column : row) g_out.Text(column.second.c_str()).Char('\t');
+    for (const auto& column : row) g_out.Text(column.second).Char('\t');
     g_out.End();
 }
 
