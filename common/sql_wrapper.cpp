@@ -196,6 +196,8 @@ bool SqlWrapper::NextParsed(char** columns, int& columnCount)
     return true;
 }
 
+// Two uncontended locks per row remain, both for Close from another
+// thread: this check's (the link may be going) and the line read's.
 int SqlWrapper::TakeRow(int maxColumns)
 {
     if (!Connected()) return -1;
