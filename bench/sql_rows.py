@@ -10,8 +10,10 @@ figure), wall time (for vtest: the simulator streaming meanwhile), peak
 RSS, and vtest's ratios to the shell. CPU is the steady figure on a
 shared machine; wall times move with the load.
 
-Usage: bench/sql_rows.py [--rounds=N] [build-dir] [row counts...]
-       (defaults: 5 rounds, build/native, 10000 100000)
+Usage: bench/sql_rows.py [--rounds=N] [--vtest=PATH] [build-dir] [row counts...]
+       (defaults: 5 rounds, the build's vtest, build/native, 10000 100000;
+       --vtest measures another vtest binary, an older build say, against
+       this build's simulator)
 """
 import os
 import shutil
@@ -52,12 +54,12 @@ def count_lines(path):
         return sum(1 for _ in f)
 
 
-def bench(build, rows, rounds, work):
+def bench(build, vtest_path, rows, rounds, work):
     db = f"{work}/events{rows}.db"
     port = free_port()
     sim = start_sim(build, db, rows, port)
     try:
-        vtest = [f"{build}/vtest/vtest", "sql", f"--server=127.0.0.1:{port}", "SELECT * FROM Events;"]
+        vtest = [vtest_path, "sql", f"--server=127.0.0.1:{port}", "SELECT * FROM Events;"]
         shell = ["sqlite3", "-header", "-separator", "|", db, "SELECT * FROM Events;"]
         v, s = [], []
         for _ in range(rounds):
@@ -75,10 +77,17 @@ def bench(build, rows, rounds, work):
 
 def main():
     args = sys.argv[1:]
-    rounds = 5
-    if args and args[0].startswith("--rounds="):
-        rounds = int(args.pop(0).split("=", 1)[1])
+    rounds, vtest_path = 5, None
+    while args and args[0].startswith("--"):
+        name, _, value = args.pop(0).partition("=")
+        if name == "--rounds":
+            rounds = int(value)
+        elif name == "--vtest":
+            vtest_path = value
+        else:
+            sys.exit(__doc__)
     build = args.pop(0) if args else "build/native"
+    vtest_path = vtest_path or f"{build}/vtest/vtest"
     counts = [int(a) for a in args] or [10000, 100000]
     work = tempfile.mkdtemp()
     try:
@@ -86,7 +95,7 @@ def main():
         print(f"{'rows':>7} {'vtest CPU':>10} {'wall':>8} {'RSS':>8} {'sqlite3 CPU':>12} {'wall':>8} "
               f"{'RSS':>8} {'CPU x':>6} {'wall x':>6}")
         for rows in counts:
-            vc, vw, vr, sc, sw, sr = bench(build, rows, rounds, work)
+            vc, vw, vr, sc, sw, sr = bench(build, vtest_path, rows, rounds, work)
             print(f"{rows:>7} {vc * 1e3:>8.1f}ms {vw * 1e3:>6.1f}ms {vr / 1024:>6.1f}MB {sc * 1e3:>10.1f}ms "
                   f"{sw * 1e3:>6.1f}ms {sr / 1024:>6.1f}MB {vc / max(sc, 1e-3):>6.2f} {vw / max(sw, 1e-3):>6.2f}")
         print(f"load average {os.getloadavg()[0]:.2f} at end")
