@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build, the tests and the demo need, only
-# when something is missing. Extra package groups: "arm" for the cross build.
+# when something is missing. Extra package groups: "arm" for the cross build,
+# "coverage" for scripts/coverage.sh (not needed by CI).
 set -euo pipefail
 
 packages=(build-essential cmake pkg-config libssl-dev libgtest-dev libsqlite3-dev sqlite3
@@ -9,6 +10,7 @@ for group in "$@"; do
   case "$group" in
     arm) packages+=(g++-arm-linux-gnueabihf qemu-user-static man-db
                     libstdc++6:armhf libssl-dev:armhf libsqlite3-dev:armhf libgtest-dev:armhf) ;;
+    coverage) packages+=(gcovr) ;;
     *) echo "install-deps: unknown group '$group'" >&2; exit 2 ;;
   esac
 done
