@@ -244,7 +244,8 @@ bool SqlWrapper::Next(std::map<std::string, std::string>& row, int maxColumns)
     }
     // A map that held more than a row (a caller's own entries) leaves its
     // surplus to be freed here rather than kept.
-    if (m_spareNodes.size() > named) m_spareNodes.erase(m_spareNodes.begin() + static_cast<long>(named), m_spareNodes.end());
+    if (m_spareNodes.size() > named)
+        m_spareNodes.erase(m_spareNodes.begin() + static_cast<std::ptrdiff_t>(named), m_spareNodes.end());
     return true;
 }
 
