@@ -28,6 +28,9 @@ int read_all(int fd, size_t cap, std::string& text)
         if (n == 0) return 0;
         if (static_cast<size_t>(n) > cap - text.size()) return -EFBIG;
         text.append(chunk, static_cast<size_t>(n));
+        // A short read of a regular file is its end (no extra read per small
+        // file); regular_file_read's size check catches one that grew meanwhile.
+        if (static_cast<size_t>(n) < sizeof chunk) return 0;
     }
 }
 
@@ -54,11 +57,12 @@ int regular_file_open(const char* path, struct stat* st)
     return fd;
 }
 
-int regular_file_read(const char* path, size_t cap, std::string& out)
+int regular_file_read(const char* path, size_t cap, std::string& out, struct stat* st)
 {
     for (int attempt = 0; attempt < kReadTries; attempt++) {
         struct stat before, after;
         int fd = regular_file_open(path, &before);
+        if (fd == -EAGAIN) continue;
         if (fd < 0) return fd;
         std::string text;
         int rv = read_all(fd, cap, text);
@@ -67,6 +71,7 @@ int regular_file_read(const char* path, size_t cap, std::string& out)
         if (rv < 0) return rv;
         if (unchanged(before, after) && text.size() == static_cast<size_t>(after.st_size)) {
             out.swap(text);
+            if (st) *st = after;
             return 0;
         }
     }

@@ -19,9 +19,11 @@ int regular_file_open(const char* path, struct stat* st);
 
 // Reads the whole of a regular file opened as above into `out`. A file
 // that changed size or modification time while it was read (a writer
-// rewriting it in place) is read again, three times at most; so is one
-// whose length differs from the size fstat reports (procfs files). Returns 0, or
+// rewriting it in place), or was replaced between stat and open (a writer
+// renaming a new file over it), is read again, three times at most; so is
+// one whose length differs from the size fstat reports (procfs files).
+// Returns 0 (with *st, when given, from the fstat after the read), or
 // -EFBIG when it holds more than `cap` bytes, -EAGAIN when it kept
-// changing, or a negated errno of regular_file_open or read. `out` is
-// left unchanged on failure.
-int regular_file_read(const char* path, size_t cap, std::string& out);
+// changing, or a negated errno of regular_file_open or read. `out` and
+// *st are left unchanged on failure.
+int regular_file_read(const char* path, size_t cap, std::string& out, struct stat* st = nullptr);

@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "SimDatabase.h"
+#include "SimReplicas.h"
 #include "debugger.h"
 #include "utils.h"
 
@@ -155,13 +156,17 @@ void ShellSession::ExecSql(const std::string& sql)
 bool ShellSession::RunStatement(sqlite3_stmt* stmt)
 {
     size_t pendingBefore = m_pending.size();
+    sqlite3_int64 changesBefore = sqlite3_total_changes64(m_db);
     int columns = sqlite3_column_count(stmt);
     // The header comes even when no row follows: the client reads it first.
     if (columns > 0 && m_header) AppendHeader(stmt, columns);
     int rc;
     while ((rc = sqlite3_step(stmt)) == SQLITE_ROW && !m_peerGone) AppendRow(stmt, columns);
     if (m_peerGone) return false;
-    if (rc == SQLITE_DONE) return true;
+    if (rc == SQLITE_DONE) {
+        m_uncommitted += static_cast<uint64_t>(sqlite3_total_changes64(m_db) - changesBefore);
+        return true;
+    }
     // The failed statement's own changes were undone.
     if (m_pending.size() > pendingBefore) m_pending.erase(m_pending.begin() + pendingBefore, m_pending.end());
     AnswerError(sqlite3_errmsg(m_db));
@@ -241,6 +246,8 @@ bool ShellSession::Flush()
 void ShellSession::PublishCommitted()
 {
     if (!sqlite3_get_autocommit(m_db)) return;
+    if (m_uncommitted > 0 && m_shared.replicas) m_shared.replicas->Commit(m_uncommitted);
+    m_uncommitted = 0;
     m_pendingOverflow = false;
     if (m_pending.empty()) return;
     m_shared.hub.Publish(m_pending);
@@ -272,4 +279,5 @@ void ShellSession::OnUpdate(void* self, int op, const char*, const char* table, 
 void ShellSession::OnRollback(void* self)
 {
     static_cast<ShellSession*>(self)->m_pending.clear();
+    static_cast<ShellSession*>(self)->m_uncommitted = 0;
 }

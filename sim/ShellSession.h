@@ -13,11 +13,14 @@
 #include "MonitorHub.h"
 #include "ShellLine.h"
 
+class SimReplicas;
+
 // State every session of one server shares.
 struct ShellShared {
     std::string dbPath;                     // prepared with sim_db_prepare
     MonitorHub hub;                         // subscriptions of all sessions
     std::atomic<long> notReadyLeft{0};      // shell directives still to answer "not ready"
+    SimReplicas* replicas = nullptr;        // counts committed changes, when kept
 };
 
 // Receives a session's answer bytes.
@@ -94,4 +97,5 @@ private:
     bool m_subscribed = false;
     std::vector<MonitorChange> m_pending;  // changes of the open transaction
     bool m_pendingOverflow = false;
+    uint64_t m_uncommitted = 0;  // rows changed in the open transaction, any table
 };

@@ -10,6 +10,7 @@
 const char kSimUsage[] =
     "usage: vantor-sim [--listen=ADDR] [--db=PATH] [--events=N] [--not-ready=N] [--max-clients=N]\n"
     "                 [--idle-timeout=SECONDS]\n"
+    "                 [--replicas=N[,LAG]] [--version-dir=DIR] [--replica-stall=K]\n"
     "  --listen=ADDR      127.0.0.1:3543 (default), IPV6|PORT, or a Unix socket path\n"
     "  --db=PATH          database file; created and seeded when missing or empty\n"
     "                     (default: a fresh seeded database, removed at exit)\n"
@@ -17,7 +18,11 @@ const char kSimUsage[] =
     "  --not-ready=N      answer the first N shell directives \"DB not ready\" (0..1000000)\n"
     "  --max-clients=N    connections served at once, 1..4096 (default 256)\n"
     "  --idle-timeout=S   drop a client silent for S seconds, unless it monitors a table;\n"
-    "                     0 never drops (0..86400, default 60)\n";
+    "                     0 never drops (0..86400, default 60)\n"
+    "  --replicas=N[,LAG] keep version files: vantor.ver counts committed changes, and N peers\n"
+    "                     (0..4096) confirm it minus LAG (default 0) once a second\n"
+    "  --version-dir=DIR  where the version files are (default: the database path + .versions)\n"
+    "  --replica-stall=K  peer K's file is written once, at start, and never again\n";
 
 namespace {
 
@@ -78,6 +83,15 @@ bool parse_path(const std::string& text, std::string& path)
     return true;
 }
 
+// "N" or "N,LAG".
+bool parse_replicas(const std::string& text, SimReplicaOptions& replicas)
+{
+    size_t comma = text.find(',');
+    replicas.enabled = true;
+    return parse_number(text.substr(0, comma), 0, kSimMaxReplicas, replicas.count) &&
+           (comma == std::string::npos || parse_number(text.substr(comma + 1), 0, kSimMaxReplicaLag, replicas.lag));
+}
+
 // "--name=value": true with `value` set when `arg` is that option.
 bool option_value(const std::string& arg, const char* name, std::string& value)
 {
@@ -98,6 +112,9 @@ bool parse_one(const std::string& arg, SimOptions& o, std::string& error)
     else if (option_value(arg, "not-ready", value)) ok = parse_number(value, 0, kSimMaxNotReady, o.notReady);
     else if (option_value(arg, "max-clients", value)) ok = parse_number(value, 1, kSimMaxClientsCap, o.maxClients);
     else if (option_value(arg, "idle-timeout", value)) ok = parse_number(value, 0, kSimMaxIdleTimeout, o.idleTimeout);
+    else if (option_value(arg, "replicas", value)) ok = parse_replicas(value, o.replicas);
+    else if (option_value(arg, "version-dir", value)) ok = o.replicas.enabled = parse_path(value, o.replicas.dir);
+    else if (option_value(arg, "replica-stall", value)) ok = parse_number(value, 1, kSimMaxReplicas, o.replicas.stall);
     else {
         error = "unknown option: " + arg;
         return false;
@@ -127,6 +144,10 @@ bool sim_parse_options(int argc, char** argv, SimOptions& options, std::string& 
     parsed.listen.in4.sin_port = htons(kServicePort);
     for (int i = 1; i < argc; ++i)
         if (!parse_one(argv[i], parsed, error)) return false;
+    if (parsed.replicas.stall > parsed.replicas.count) {
+        error = "--replica-stall names no peer of --replicas";
+        return false;
+    }
     options = parsed;
     return true;
 }

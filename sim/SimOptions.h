@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "SimReplicas.h"
+
 // Caps of the numeric options.
 constexpr long kSimMaxNotReady = 1000000;
 constexpr long kSimMaxClientsCap = 4096;
@@ -26,6 +28,7 @@ struct SimOptions {
     long notReady = 0;         // shell directives answered "DB not ready" first
     long maxClients = 256;     // connections served at once; more are closed at accept
     long idleTimeout = 60;     // seconds a non-subscribed client may stay silent; 0: for ever
+    SimReplicaOptions replicas;  // version files and simulated peers
     bool help = false;
 };
 

@@ -11,6 +11,7 @@
 #include "ShellSession.h"
 #include "SimDatabase.h"
 #include "SimOptions.h"
+#include "SimReplicas.h"
 #include "SimServer.h"
 #include "Sock.h"
 #include "daemon.h"
@@ -63,11 +64,14 @@ void remove_temporary_db(const std::string& dir, const std::string& path)
     (void)rmdir(dir.c_str());
 }
 
-int serve(const SimOptions& options, const std::string& dbPath)
+int serve(const SimOptions& options, const std::string& dbPath, bool temporary)
 {
     if (!sim_db_prepare(dbPath, options.events)) return 1;
     ShellShared shared;
     shared.dbPath = dbPath;
+    SimReplicas replicas(options.replicas, dbPath);
+    if (options.replicas.enabled && !replicas.Start()) return 1;
+    if (options.replicas.enabled) shared.replicas = &replicas;
     shared.notReadyLeft = options.notReady;
     Sock::DefaultLinkDeadTimeout(options.idleTimeout == 0 ? -1 : options.idleTimeout);
     SimServer server(shared, options.listen, options.maxClients);
@@ -78,6 +82,8 @@ int serve(const SimOptions& options, const std::string& dbPath)
     fflush(stdout);
     syslog_safe(6, "<vantor-sim> Listening on %s, database %s.", bound.c_str(), dbPath.c_str());
     server.Run();
+    replicas.Stop();
+    if (temporary && options.replicas.enabled && options.replicas.dir.empty()) replicas.RemoveFiles();
     syslog_safe(6, "<vantor-sim> Stopped.");
     return 0;
 }
@@ -100,7 +106,7 @@ int main(int argc, char** argv)
     raise_descriptor_limit();
     std::string tempDir, dbPath = options.db;
     if (dbPath.empty() && !make_temporary_db(tempDir, dbPath)) return 1;
-    int status = serve(options, dbPath);
+    int status = serve(options, dbPath, !tempDir.empty());
     if (!tempDir.empty()) remove_temporary_db(tempDir, dbPath);
     return status;
 }

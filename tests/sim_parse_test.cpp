@@ -120,8 +120,13 @@ TEST(SimOptions, DefaultsAndRangeChecks)
     EXPECT_EQ(10000000, o.events);
     EXPECT_EQ(2, o.notReady);
     EXPECT_EQ(1, o.maxClients);
+    ASSERT_TRUE(Parse({"--replicas=3,2", "--replica-stall=3", "--max-clients=1"}, o, error));
+    EXPECT_TRUE(o.replicas.enabled && o.replicas.count == 3 && o.replicas.lag == 2 && o.replicas.stall == 3);
+    EXPECT_FALSE(Parse({"--replicas=2", "--replica-stall=3"}, o, error));
     for (const char* bad : {"--events=10000001", "--events=-1", "--not-ready=1000001", "--max-clients=0",
-                            "--max-clients=4097", "--db=", "--listen=x", "--verbose", "--events=1e3"}) {
+                            "--max-clients=4097", "--db=", "--listen=x", "--verbose", "--events=1e3",
+                            "--replicas=3,", "--replicas=,2", "--replicas=4097", "--replicas=1,-1",
+                            "--replica-stall=0", "--version-dir="}) {
         ASSERT_FALSE(Parse({bad}, o, error)) << bad;
         EXPECT_EQ(1, o.maxClients) << bad;
         EXPECT_NE(std::string::npos, error.find(bad)) << error;

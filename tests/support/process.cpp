@@ -235,6 +235,11 @@ bool ChildProcess::Write(const std::string& text)
     return write(m_in, text.data(), text.size()) == static_cast<ssize_t>(text.size());
 }
 
+bool ChildProcess::Signal(int signal)
+{
+    return m_pid > 0 && kill(m_pid, signal) == 0;
+}
+
 int ChildProcess::Wait(int timeoutMs)
 {
     bool timedOut = false;

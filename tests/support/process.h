@@ -79,6 +79,8 @@ public:
     bool WaitForOutput(const std::string& text, int timeoutMs);
     const std::string& Output() const { return m_out; }
     bool Write(const std::string& text);
+    // Sends `signal` to the child (the emulator passes it on to an emulated one).
+    bool Signal(int signal);
     // Exit status as RunResult::status, or -1 after timeoutMs (then killed).
     int Wait(int timeoutMs);
 

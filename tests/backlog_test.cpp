@@ -1,0 +1,300 @@
+#include <gtest/gtest.h>
+#include <fcntl.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <set>
+
+#include "Backlog.h"
+#include "fixed_paths.h"
+#include "process.h"
+#include "sim_runner.h"
+#include "wait.h"
+
+namespace {
+
+// Thresholds; -1 leaves one out.
+BacklogLimits Limits(long long warn, long long crit = -1, long long stale = -1)
+{
+    BacklogLimits l;
+    if (warn >= 0) l.warn = warn;
+    if (crit >= 0) l.crit = crit;
+    if (stale >= 0) l.staleSeconds = stale;
+    return l;
+}
+
+TEST(BacklogJudge, TakesTheFirstStateThatAppliesWithItsStatus)
+{
+    const timespec now = {1000000, 0};
+    const struct {
+        const char* label;
+        uint64_t peer;
+        long long before;  // -1: no earlier reading
+        double elapsed;
+        BacklogLimits limits;
+        long long age;
+        PeerState state;
+        BacklogStatus status;
+    } cases[] = {  // the unit is at 1000; the plain thresholds are in the end-to-end table
+        {"lagging, no thresholds", 1, -1, 0, Limits(-1), 99999, PeerState::kOk, kBacklogOk},
+        {"unchanged for --stale", 999, -1, 0, Limits(-1, -1, 3600), 3600, PeerState::kStale, kBacklogCritical},
+        {"a second short of --stale", 999, -1, 0, Limits(-1, -1, 3600), 3599, PeerState::kOk, kBacklogOk},
+        {"level is never stale", 1000, -1, 0, Limits(-1, -1, 1), 99999, PeerState::kOk, kBacklogOk},
+        {"future time counts as 0", 999, -1, 0, Limits(-1, -1, 1), -5, PeerState::kOk, kBacklogOk},
+        {"stalled, no --warn", 900, 900, 1, Limits(-1), 0, PeerState::kStalled, kBacklogWarning},
+        {"stalled at --warn", 990, 990, 1, Limits(10), 0, PeerState::kStalled, kBacklogWarning},
+        {"stalled above --warn", 989, 989, 1, Limits(10), 0, PeerState::kStalled, kBacklogCritical},
+        {"went back", 900, 950, 1, Limits(-1), 0, PeerState::kStalled, kBacklogWarning},
+        {"moving above --crit alone", 800, 790, 1, Limits(-1, 100), 0, PeerState::kMoving, kBacklogWarning},
+        {"advancing within --warn", 995, 990, 1, Limits(10), 0, PeerState::kOk, kBacklogOk},
+        {"advanced: never stale", 995, 990, 1, Limits(-1, -1, 60), 99999, PeerState::kOk, kBacklogOk},
+        {"too short to rate", 989, 989, 0.09, Limits(10), 0, PeerState::kBehind, kBacklogWarning},
+        {"new since the first reading", 989, -1, 1, Limits(10), 0, PeerState::kBehind, kBacklogWarning},
+    };
+    for (const auto& c : cases) {
+        PeerReading peer, before;
+        peer.version = Version(c.peer);
+        peer.mtime = {static_cast<time_t>(now.tv_sec - c.age), 0};
+        before.version = Version(static_cast<uint64_t>(c.before));
+        PeerReport r = backlog_judge(Version(1000), peer, c.before < 0 ? nullptr : &before, c.elapsed, c.limits, now);
+        EXPECT_STREQ(backlog_state_word(r.state), backlog_state_word(c.state)) << c.label;
+        EXPECT_EQ(r.status, c.status) << c.label;
+    }
+    PeerReading later{1, 0, Version(990), now}, earlier{1, 0, Version(980), now};
+    PeerReport rated = backlog_judge(Version(1000), later, &earlier, 2, Limits(-1), now);
+    EXPECT_TRUE(rated.rate == 5 && rated.hasEta && rated.eta == 2);
+}
+
+TEST(BacklogJudge, AgesRoundDown)
+{
+    const std::pair<double, const char*> cases[] = {{0, "0s"},      {119.9, "119s"},  {120, "2m"},    {7199, "119m"},
+                                                    {7200, "2h"},   {172799, "47h"},  {172800, "2d"},
+                                                    {1e22, "115740740740740736d"}};
+    for (const auto& c : cases) EXPECT_EQ(backlog_age_text(c.first), c.second) << c.first;
+}
+
+struct File {
+    std::string name;
+    std::string content;  // "<dir>" and "<fifo>" make those
+    long age = 1800;      // seconds
+};
+
+void MakeFiles(const std::string& dir, const std::vector<File>& files)
+{
+    for (const File& f : files) {
+        std::string path = dir + "/" + f.name;
+        if (f.content == "<dir>") ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
+        else if (f.content == "<fifo>") ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+        else ASSERT_TRUE(WriteFile(path, f.content));
+        timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) - f.age, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    }
+}
+
+std::string Replace(std::string text, const std::string& from, const std::string& to)
+{
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) text.replace(at, from.size(), to);
+    return text;
+}
+
+const char kSynopsis[] =
+    "Usage: VTEST backlog [--warn=N] [--crit=N] [--stale=SECONDS] [--interval=SECONDS] [--json | --summary] "
+    "[--dir=DIR]\n";
+
+class BacklogRun : public ::testing::Test {
+protected:
+    void SetUp() override { m_dir = MakeTempDir(); }
+    void TearDown() override { std::filesystem::remove_all(m_dir); }
+    RunResult Run(std::vector<std::string> args) const
+    {
+        args.insert(args.begin(), {"backlog", "--dir=" + m_dir});
+        return RunVtest(args);
+    }
+    void Empty() const
+    {
+        std::filesystem::remove_all(m_dir);
+        ASSERT_EQ(mkdir(m_dir.c_str(), 0700), 0);
+    }
+    std::string m_dir;
+};
+
+TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
+{
+    const File unit = {"vantor.ver", "1200\n"};
+    const struct {
+        const char* label;
+        std::vector<File> files;
+        std::vector<std::string> args;
+        const char* out;
+        const char* err;  // DIR: the directory
+        int status;
+    } cases[] = {
+        {"no peers", {unit}, {}, "unit 1200 updated 30m ago\nno peers\n", "", 0},
+        {"every state, odd names",
+         {unit, {"vantor.ver.1", "1200"}, {"vantor.ver.2", "1300"}, {"vantor.ver.3", "1190\r\n"},
+          {"vantor.ver.4", "1189"}, {"vantor.ver.5", "1100"}, {"vantor.ver.6", "1099"}, {"vantor.ver.7", "1195", 7200},
+          {"vantor.ver.8", "<dir>"}, {"vantor.ver.9", "12x"}, {"vantor.ver.10", "<fifo>"},
+          {"vantor.ver.2147483647", "1200"}, {"vantor.ver.2147483648", "1"}, {"vantor.ver.007", "1"},
+          {"vantor.ver.-1", "1"}, {"vantor.ver.tmp", "1"}, {".vantor.ver.x1Yz", "1"}, {"quill.conf", ""}},
+         {"--crit=100", "--stale=3600", "--warn=10"},
+         "unit 1200 updated 30m ago\n"
+         "peer        version  backlog  age  state\n"
+         "1           1200     0        30m  ok\n"
+         "2           1300     0        30m  ahead\n"
+         "3           1190     10       30m  ok\n"
+         "4           1189     11       30m  behind\n"
+         "5           1100     100      30m  behind\n"
+         "6           1099     101      30m  critical\n"
+         "7           1195     5        2h   stale\n"
+         "8           -        -        -    malformed (a directory)\n"
+         "9           -        -        -    malformed (not a version number)\n"
+         "10          -        -        -    malformed (not a regular file)\n"
+         "2147483647  1200     0        30m  ok\n",
+         "ignoring files that are not peers: vantor.ver.-1, vantor.ver.007, vantor.ver.2147483648, vantor.ver.tmp\n",
+         2},
+        {"summary OK", {unit, {"vantor.ver.1", "1200"}, {"vantor.ver.3", "1195"}, {"vantor.ver.7", "1188"}},
+         {"--summary", "--warn=100", "--crit=1000"},
+         "BACKLOG OK - 3 peers, largest backlog 12 (peer 7) | peer1=0;100;1000;0 peer3=5;100;1000;0 "
+         "peer7=12;100;1000;0\n", "", 0},
+        {"summary, one peer ahead", {unit, {"vantor.ver.4", "1201"}}, {"--summary"},
+         "BACKLOG WARNING - 1 peer, largest backlog 0 (peer 4), 1 ahead | peer4=0;;;0\n", "", 1},
+        {"summary, malformed", {unit, {"vantor.ver.4", ""}}, {"--summary", "--warn=3"},
+         "BACKLOG WARNING - 1 peer, 1 malformed | peer4=U;3;;0\n", "", 1},
+        {"summary, no peers", {unit}, {"--summary"}, "BACKLOG OK - no peers\n", "", 0},
+        {"summary, unit missing", {}, {"--summary"}, "BACKLOG UNKNOWN - DIR/vantor.ver: missing\n",
+         "DIR/vantor.ver: missing\n", 3},
+        {"unit malformed", {{"vantor.ver", "-5\n"}}, {}, "", "DIR/vantor.ver: not a version number\n", 3},
+        {"--crit below --warn", {unit}, {"--warn=10", "--crit=9"}, "", "Error: --crit is below --warn.\n", 255},
+        {"--json with --summary", {unit}, {"--json", "--summary"}, "", "Error: --json and --summary exclude each other.\n",
+         255},
+        {"interval too short", {unit}, {"--interval=0.09"}, "",
+         "Error: invalid value in '--interval=0.09': expected seconds from 0.1 to 3600.\n", 255},
+        {"stray word", {unit}, {"all"}, "", "Error: unexpected argument 'all'.\n", 255},
+    };
+    for (const auto& c : cases) {
+        Empty();
+        MakeFiles(m_dir, c.files);
+        RunResult r = Run(c.args);
+        std::string err = Replace(c.err, "DIR", m_dir);
+        if (c.status == 255) err += Replace(kSynopsis, "VTEST", VTEST_BINARY);
+        EXPECT_EQ(r.out, Replace(c.out, "DIR", m_dir)) << c.label;
+        EXPECT_EQ(r.err, err) << c.label;
+        EXPECT_EQ(r.status, c.status) << c.label;
+    }
+}
+
+// Numbers as a JSON parser reads them: exact up to 2^64 - 1.
+std::string ParseJson(const std::string& json)
+{
+    const char* script =
+        "import json, sys\n"
+        "d = json.load(sys.stdin)\n"
+        "print(d['status'], d.get('reason'), d.get('unit', {}).get('version'),\n"
+        "      [(p['peer'], p['version'], p['backlog'], p['state'], p['reason'], p.get('rate', '')) for p in d.get('peers', [])])\n";
+    RunResult r = RunProgram({"/usr/bin/python3", "-c", script}, json);
+    return r.out + r.err;
+}
+
+TEST_F(BacklogRun, JsonReadsBackExactly)
+{
+    MakeFiles(m_dir, {{"vantor.ver", "18446744073709551615"}, {"vantor.ver.1", "0"}, {"vantor.ver.2", "<dir>"}});
+    RunResult r = Run({"--json", "--warn=5"});
+    EXPECT_EQ(ParseJson(r.out), "WARNING None 18446744073709551615 [(1, 0, 18446744073709551615, 'behind', None, ''), "
+                                "(2, None, None, 'malformed', 'a directory', '')]\n");
+    ASSERT_EQ(unlink((m_dir + "/vantor.ver").c_str()), 0);
+    EXPECT_EQ(ParseJson(Run({"--json"}).out), "UNKNOWN " + m_dir + "/vantor.ver: missing None []\n");
+}
+
+// In /var/local of a private mount namespace (a tmpfs, where 4097 files
+// are made quickly).
+TEST(BacklogFixedPath, ReadsVarLocalByDefaultAndAtMost4096Peers)
+{
+    std::string reason = NamespacesUnavailableReason(CLONE_NEWNS);
+    if (!reason.empty()) GTEST_SKIP() << reason;
+    std::string seen = RunInMountNamespace([] {
+        MakeFiles("/var/local", {{"vantor.ver", "20\n"}, {"vantor.ver.3", "8\n"}});
+        RunResult r = RunVtest({"backlog", "--warn=11"});
+        std::string seen = r.out + r.err + std::to_string(r.status) + "\n";
+        for (int id = 4; id <= 4098; id++) WriteFile("/var/local/vantor.ver." + std::to_string(id), "20");
+        r = RunVtest({"backlog", "--summary"});
+        seen += r.out.substr(0, r.out.find(" |")) + r.err + std::to_string(r.status) + "\n";
+        WriteFile("/var/local/vantor.ver.1", "20");
+        r = RunVtest({"backlog"});
+        return seen + r.out + r.err + std::to_string(r.status);
+    });
+    EXPECT_EQ(seen,
+              "unit 20 updated 30m ago\npeer  version  backlog  age  state\n3     8        12       30m  behind\n1\n"
+              "BACKLOG OK - 4096 peers, largest backlog 12 (peer 3)0\n"
+              "more than 4096 peer files in /var/local\n3");
+}
+
+// Waits (bounded) until every one of `names` in the watched directory was
+// closed after reading.
+bool AwaitReads(int inotifyFd, std::set<std::string> names)
+{
+    return WaitUntil(
+        [&] {
+            alignas(inotify_event) char buf[4096];
+            ssize_t n = read(inotifyFd, buf, sizeof buf);
+            for (ssize_t at = 0; at < n;) {
+                const inotify_event* e = reinterpret_cast<const inotify_event*>(buf + at);
+                if (e->len > 0) names.erase(e->name);
+                at += static_cast<ssize_t>(sizeof(inotify_event) + e->len);
+            }
+            return names.empty();
+        },
+        ScaledMs(10000));
+}
+
+// One peer advances and one stalls between the readings; the signal ends
+// an hour's wait at once, and rates use the time that really passed.
+TEST_F(BacklogRun, IntervalEndsEarlyOnSignalWithRates)
+{
+    for (int signal : {SIGINT, SIGTERM}) {
+        MakeFiles(m_dir, {{"vantor.ver", "100"}, {"vantor.ver.1", "90"}, {"vantor.ver.2", "80"}});
+        int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        ASSERT_GE(inotify_add_watch(watch, m_dir.c_str(), IN_CLOSE_NOWRITE), 0);
+        ChildProcess child(TargetArgv(VTEST_BINARY, {"backlog", "--dir=" + m_dir, "--interval=3600", "--warn=5", "--json"}));
+        ASSERT_TRUE(AwaitReads(watch, {"vantor.ver", "vantor.ver.1", "vantor.ver.2"}));
+        auto firstReading = std::chrono::steady_clock::now();
+        ASSERT_EQ(Version(93).WriteFile((m_dir + "/vantor.ver.1").c_str()), 0);
+        WaitUntil([&] { return MsSince(firstReading) >= 200; }, 1000);
+        ASSERT_TRUE(child.Signal(signal));
+        EXPECT_TRUE(child.WaitForOutput("]}\n", 10000)) << signal;
+        EXPECT_EQ(child.Wait(10000), 2) << signal;
+        close(watch);
+        std::string parsed = ParseJson(child.Output());
+        EXPECT_EQ(parsed.substr(0, parsed.find(" [")), "CRITICAL None 100") << parsed;
+        EXPECT_TRUE(parsed.find("(1, 93, 7, 'moving', None, ") != std::string::npos) << parsed;
+        EXPECT_TRUE(parsed.find("(2, 80, 20, 'stalled', None, 0.0)") != std::string::npos) << parsed;
+        Empty();
+    }
+}
+
+TEST_F(BacklogRun, SimulatedReplicasFollowCommittedChanges)
+{
+    SimRunner sim({false, 0, 0, {"--replicas=3,2", "--replica-stall=3", "--version-dir=" + m_dir}});
+    ASSERT_TRUE(sim.Running()) << sim.Log();
+    const std::pair<const char*, const char*> steps[] = {
+        {"INSERT INTO Events (EvntDscID) SELECT EvntDscID FROM Events;", "10\n"},  // ten rows
+        {"BEGIN; DELETE FROM Events; ROLLBACK;", "10\n"},
+        {"BEGIN; UPDATE Users SET UsrRole = 'x'; INSERT INTO Users VALUES (9, 'a', 'b'); COMMIT;", "14\n"},
+        {"UPDATE Hardware SET HwName = HwName WHERE HwID <= 2;", "16\n"},
+    };
+    for (const auto& step : steps) {
+        RunResult r = RunVtest({"sql", "--server=" + sim.Address(), step.first});
+        EXPECT_EQ(r.status, 0) << step.first << r.err;
+        EXPECT_EQ(ReadFile(m_dir + "/vantor.ver"), step.second) << step.first;
+    }
+    EXPECT_TRUE(WaitUntil([&] { return ReadFile(m_dir + "/vantor.ver.2") == "14\n"; }, ScaledMs(5000)));
+    RunResult r = Run({"--summary", "--warn=5"});
+    EXPECT_EQ(r.out, "BACKLOG WARNING - 3 peers, largest backlog 16 (peer 3), 1 behind | peer1=2;5;;0 peer2=2;5;;0 "
+                     "peer3=16;5;;0\n");
+    EXPECT_EQ(r.err, "");
+}
+
+}  // namespace
