@@ -29,6 +29,7 @@ struct SimOptions {
     long maxClients = 256;     // connections served at once; more are closed at accept
     long idleTimeout = 60;     // seconds a non-subscribed client may stay silent; 0: for ever
     SimReplicaOptions replicas;  // version files and simulated peers
+    std::string centrals;      // file of RS-485 centrals; empty: three samples
     bool help = false;
 };
 
@@ -37,6 +38,10 @@ extern const char kSimUsage[];
 // Parses the arguments after the program name into `options`. Returns true,
 // or false with the reason in `error` (options then untouched).
 bool sim_parse_options(int argc, char** argv, SimOptions& options, std::string& error);
+
+// Strict decimal: digits only (at most 9), no sign, no leading zero,
+// within [low, high]. Returns false (value untouched) otherwise.
+bool sim_parse_number(const std::string& text, long low, long high, long& value);
 
 // Parses "A.B.C.D:PORT", "IPV6|PORT" or a Unix socket path (starting with
 // "/" or "."). Ports are 0..65535, decimal, without sign or leading zeros;

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
 #include "ShellSession.h"
@@ -16,6 +17,7 @@
 #include "Sock.h"
 #include "daemon.h"
 #include "debugger.h"
+#include "regular_file.h"
 
 namespace {
 
@@ -64,10 +66,22 @@ void remove_temporary_db(const std::string& dir, const std::string& path)
     (void)rmdir(dir.c_str());
 }
 
+// The centrals of the --centrals file, if one is given.
+bool load_centrals(const std::string& path, CentralTable& centrals)
+{
+    std::string text, error;
+    int rv = regular_file_read(path.c_str(), kSimMaxCentralsFile, text);
+    if (rv == 0 && centrals.Parse(text, error)) return true;
+    if (rv < 0) error = strerror(-rv);
+    syslog_safe(3, "<vantor-sim> Centrals file %s: %s.", path.c_str(), error.c_str());
+    return false;
+}
+
 int serve(const SimOptions& options, const std::string& dbPath, bool temporary)
 {
-    if (!sim_db_prepare(dbPath, options.events)) return 1;
     ShellShared shared;
+    if (!options.centrals.empty() && !load_centrals(options.centrals, shared.centrals)) return 1;
+    if (!sim_db_prepare(dbPath, options.events)) return 1;
     shared.dbPath = dbPath;
     SimReplicas replicas(options.replicas, dbPath);
     if (options.replicas.enabled && !replicas.Start()) return 1;

@@ -240,6 +240,12 @@ bool ChildProcess::Signal(int signal)
     return m_pid > 0 && kill(m_pid, signal) == 0;
 }
 
+void ChildProcess::CloseInput()
+{
+    if (m_in >= 0) close(m_in);
+    m_in = -1;
+}
+
 int ChildProcess::Wait(int timeoutMs)
 {
     bool timedOut = false;

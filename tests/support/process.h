@@ -49,6 +49,7 @@ enum class EmulationGap {
     PacketSockets,  // AF_PACKET raw frames (probed)
     Ptrace,         // ptrace(2) and backtraces taken through it (never there)
     SetIdPrograms,  // set-user-id and set-group-id executables of this tree (never there)
+    ProcSelfExe,    // /proc/self/exe naming the emulated program to stat(2) as well as open(2) (never there)
 };
 
 // Why a test that needs `gap` cannot run under emulation, or empty when it
@@ -81,6 +82,8 @@ public:
     bool Write(const std::string& text);
     // Sends `signal` to the child (the emulator passes it on to an emulated one).
     bool Signal(int signal);
+    // Closes the child's standard input: it reads end-of-file.
+    void CloseInput();
     // Exit status as RunResult::status, or -1 after timeoutMs (then killed).
     int Wait(int timeoutMs);
 

@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,7 +23,8 @@ int listen_on(const SockAddr& addr, int backlog, SockAddr& bound)
     int fd = socket(addr.GetAF(), SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
     bound = addr;
-    socklen_t len = sizeof(sockaddr_all);
+    // The kernel refuses a Unix address longer than its own record.
+    socklen_t len = addr.GetAF() == AF_UNIX ? sizeof(sockaddr_un) : sizeof(sockaddr_all);
     if (addr.GetAF() == AF_UNIX) (void)unlink(addr.Get().un.sun_path);
     if (bind(fd, &addr.Get().addr, len) != 0 || listen(fd, backlog) != 0 ||
         (addr.GetAF() != AF_UNIX && getsockname(fd, &bound.GetPrivate().addr, &len) != 0)) {
@@ -143,6 +145,8 @@ void ScriptedServer::Play(int fd, size_t index)
     for (const ScriptStep& step : m_scripts[index]) {
         switch (step.kind) {
         case ScriptStep::Close:
+            // The end-of-file is on its way before the script counts as done.
+            (void)shutdown(fd, SHUT_WR);
             m_scriptsDone++;
             return;
         case ScriptStep::Wait: {
@@ -180,6 +184,14 @@ void ScriptedServer::Play(int fd, size_t index)
     m_scriptsDone++;
     while (ReadSome(fd, index, -1)) {
     }
+}
+
+SockAddr RefusedAddr()
+{
+    SockAddr bound;
+    int fd = listen_on(loopback4(), 1, bound);
+    if (fd >= 0) close(fd);
+    return bound;
 }
 
 BlackHole::BlackHole()

@@ -51,6 +51,9 @@ public:
     std::vector<std::chrono::steady_clock::time_point> AcceptTimes() const;
     // Everything connection `index` received (also after its script ended).
     std::string Received(size_t index) const;
+    // Scripts played to their end or their Close (whose end-of-file has
+    // then been sent).
+    int ScriptsDone() const { return m_scriptsDone; }
     // True once every script has been played to its end (or its Close).
     bool WaitScriptsDone(int timeoutMs) const;
     // Mismatches and time-outs, one text each.
@@ -75,6 +78,10 @@ private:
     std::vector<std::string> m_failures;
     std::thread m_thread;
 };
+
+// A loopback address (a port just free again) where nothing listens:
+// connecting to it is refused, until a server listens there.
+SockAddr RefusedAddr();
 
 // A loopback address whose accept queue is full: connecting to it hangs
 // (the SYN is dropped) until the client's own time-out, as with a host that
