@@ -17,15 +17,14 @@
 
 class SimReplicas;
 
-// State every session of one server shares.
 // State every session of one server shares (command channel sessions too).
 struct ShellShared {
     std::string dbPath;                     // prepared with sim_db_prepare
     MonitorHub hub;                         // subscriptions of all sessions
     std::atomic<long> notReadyLeft{0};      // shell directives still to answer "not ready"
-    SimReplicas* replicas = nullptr;        // counts committed changes, when kept
     CentralTable centrals;                  // the RS-485 bus of "serial enum" and "serial set"
     TimeSpan started;                       // for "uptime"
+    SimReplicas* replicas = nullptr;        // counts committed changes, when kept
 };
 
 // Receives a session's answer bytes.

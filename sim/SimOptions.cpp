@@ -4,12 +4,14 @@
 
 #include <cstring>
 
+#include "DiscoveryUnits.h"
 #include "SimDatabase.h"
 #include "utils.h"
 
 const char kSimUsage[] =
     "usage: vantor-sim [--listen=ADDR] [--db=PATH] [--events=N] [--not-ready=N] [--max-clients=N]\n"
-    "                 [--idle-timeout=SECONDS] [--centrals=FILE]\n"
+    "                 [--idle-timeout=SECONDS] [--centrals=FILE] [--discovery-units=N|FILE]\n"
+    "                 [--setipv4-delay=SECONDS]\n"
     "                 [--replicas=N[,LAG]] [--version-dir=DIR] [--replica-stall=K]\n"
     "  --listen=ADDR      127.0.0.1:3543 (default), IPV6|PORT, or a Unix socket path\n"
     "  --db=PATH          database file; created and seeded when missing or empty\n"
@@ -19,12 +21,15 @@ const char kSimUsage[] =
     "  --max-clients=N    connections served at once, 1..4096 (default 256)\n"
     "  --idle-timeout=S   drop a client silent for S seconds, unless it monitors a table;\n"
     "                     0 never drops (0..86400, default 60)\n"
+    "  --centrals=FILE    RS-485 centrals for \"serial enum\": nine columns a line\n"
+    "                     (default: three samples)\n"
+    "  --discovery-units=N|FILE  also play N units (1..10000) or those of FILE on UDP\n"
+    "                     port 3543: answer \"Hello\", obey \"SetIPv4\"\n"
+    "  --setipv4-delay=S  a unit takes its new address S seconds late (0..3600, default 0)\n"
     "  --replicas=N[,LAG] keep version files: vantor.ver counts committed changes, and N peers\n"
     "                     (0..4096) confirm it minus LAG (default 0) once a second\n"
     "  --version-dir=DIR  where the version files are (default: the database path + .versions)\n"
-    "  --replica-stall=K  peer K's file is written once, at start, and never again\n"
-    "  --centrals=FILE    RS-485 centrals for \"serial enum\": nine columns a line\n"
-    "                     (default: three samples)\n";
+    "  --replica-stall=K  peer K's file is written once, at start, and never again\n";
 
 namespace {
 
@@ -71,6 +76,13 @@ bool parse_path(const std::string& text, std::string& path)
     return true;
 }
 
+// A unit count, or else the path of a units file.
+bool parse_units(const std::string& text, SimOptions& o)
+{
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return parse_path(text, o.unitsFile);
+    return sim_parse_number(text, 1, kSimMaxUnits, o.discoveryUnits);
+}
+
 // "N" or "N,LAG".
 bool parse_replicas(const std::string& text, SimReplicaOptions& replicas)
 {
@@ -101,6 +113,8 @@ bool parse_one(const std::string& arg, SimOptions& o, std::string& error)
     else if (option_value(arg, "max-clients", value)) ok = sim_parse_number(value, 1, kSimMaxClientsCap, o.maxClients);
     else if (option_value(arg, "idle-timeout", value)) ok = sim_parse_number(value, 0, kSimMaxIdleTimeout, o.idleTimeout);
     else if (option_value(arg, "centrals", value)) ok = parse_path(value, o.centrals);
+    else if (option_value(arg, "discovery-units", value)) ok = parse_units(value, o);
+    else if (option_value(arg, "setipv4-delay", value)) ok = sim_parse_number(value, 0, kSimMaxSetIPv4Delay, o.setIPv4Delay);
     else if (option_value(arg, "replicas", value)) ok = parse_replicas(value, o.replicas);
     else if (option_value(arg, "version-dir", value)) ok = o.replicas.enabled = parse_path(value, o.replicas.dir);
     else if (option_value(arg, "replica-stall", value)) ok = sim_parse_number(value, 1, kSimMaxReplicas, o.replicas.stall);

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 
+#include "DiscoveryResponder.h"
 #include "ShellSession.h"
 #include "SimDatabase.h"
 #include "SimOptions.h"
@@ -91,6 +92,8 @@ int serve(const SimOptions& options, const std::string& dbPath, bool temporary)
     SimServer server(shared, options.listen, options.maxClients);
     std::string bound;
     if (!server.Start(bound)) return 1;
+    std::unique_ptr<DiscoveryResponder> discovery;
+    if (!sim_discovery_start(options, discovery)) return 1;
     // The one line on standard output: tells a starter where to connect.
     printf("vantor-sim listening on %s, database %s\n", bound.c_str(), dbPath.c_str());
     fflush(stdout);

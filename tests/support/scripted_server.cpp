@@ -215,3 +215,60 @@ BlackHole::~BlackHole()
     for (int fd : m_fillers) close(fd);
     if (m_listenFd >= 0) close(m_listenFd);
 }
+
+ScriptedDatagramPeer::ScriptedDatagramPeer(std::vector<Script> scripts, unsigned short port)
+    : m_scripts(std::move(scripts))
+{
+    m_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in any = {};
+    any.sin_family = AF_INET;
+    any.sin_port = htons(port);
+    if (m_fd >= 0 && bind(m_fd, reinterpret_cast<sockaddr*>(&any), sizeof any) != 0) {
+        close(m_fd);
+        m_fd = -1;
+    }
+    if (m_fd >= 0) m_thread = std::thread(&ScriptedDatagramPeer::Run, this);
+}
+
+ScriptedDatagramPeer::~ScriptedDatagramPeer()
+{
+    m_stop = true;
+    if (m_thread.joinable()) m_thread.join();
+    if (m_fd >= 0) close(m_fd);
+}
+
+std::vector<std::string> ScriptedDatagramPeer::Received() const
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_received;
+}
+
+void ScriptedDatagramPeer::Run()
+{
+    std::vector<char> buffer(65536);
+    while (!m_stop) {
+        pollfd p = {m_fd, POLLIN, 0};
+        if (poll(&p, 1, 20) <= 0) continue;
+        sockaddr_in from = {};
+        socklen_t len = sizeof from;
+        ssize_t n = recvfrom(m_fd, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &len);
+        if (n < 0) continue;
+        size_t index;
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            index = m_received.size();
+            m_received.emplace_back(buffer.data(), static_cast<size_t>(n));
+        }
+        if (index < m_scripts.size()) Play(m_scripts[index], from);
+    }
+}
+
+void ScriptedDatagramPeer::Play(const Script& script, const sockaddr_in& to)
+{
+    for (const ScriptStep& step : script) {
+        if (step.kind == ScriptStep::Wait) WaitUntil([&] { return m_stop.load(); }, step.ms);
+        if (step.kind == ScriptStep::Send)
+            (void)sendto(m_fd, step.bytes.data(), step.bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+                         sizeof to);
+    }
+}

@@ -99,3 +99,29 @@ private:
     std::vector<int> m_fillers;
     SockAddr m_addr;
 };
+
+// The datagram side, for discovery: a UDP socket on `port` of any address,
+// in the network namespace of the thread that makes it, that records every
+// datagram it receives and answers the k-th with script k (Send steps go
+// back to its sender, Wait steps pause; other steps are ignored).
+class ScriptedDatagramPeer {
+public:
+    ScriptedDatagramPeer(std::vector<Script> scripts, unsigned short port);
+    ~ScriptedDatagramPeer();
+    ScriptedDatagramPeer(const ScriptedDatagramPeer&) = delete;
+    ScriptedDatagramPeer& operator=(const ScriptedDatagramPeer&) = delete;
+
+    // The datagrams received so far, in order.
+    std::vector<std::string> Received() const;
+
+private:
+    void Run();
+    void Play(const Script& script, const sockaddr_in& to);
+
+    std::vector<Script> m_scripts;
+    int m_fd = -1;
+    std::atomic<bool> m_stop{false};
+    mutable std::mutex m_lock;
+    std::vector<std::string> m_received;
+    std::thread m_thread;
+};
