@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "ArgArray.h"
 #include "fixed_paths.h"
 #include "utils.h"

@@ -11,54 +11,45 @@ void Store(Bbs& board, const char* key, const char* text)
     else board.Remove(key);
 }
 
-// "<int> <short>" as the board reads key "n", "-" for a refusal; a refused
-// read must leave its output alone and the defaulting getters agree.
-std::string Numbers(const Bbs& board)
+// "<int> <short> <bool>" as the board reads key "k", "-" for a refusal; a
+// refused read must leave its output alone and the defaulting getters agree.
+std::string Read(const Bbs& board)
 {
     int i = 9999;
     short s = 999;
-    std::string asInt = board.Get("n", i) ? std::to_string(i) : i == 9999 ? "-" : "changed";
-    std::string asShort = board.Get("n", s) ? std::to_string(s) : s == 999 ? "-" : "changed";
-    EXPECT_EQ(board.GetInt("n", 9999), i);
-    EXPECT_EQ(board.GetShort("n", 999), s);
-    return asInt + " " + asShort;
+    bool yes = true, no = false;
+    std::string asInt = board.Get("k", i) ? std::to_string(i) : i == 9999 ? "-" : "changed";
+    std::string asShort = board.Get("k", s) ? std::to_string(s) : s == 999 ? "-" : "changed";
+    std::string asBool = !board.Get("k", yes) ? "-" : yes ? "true" : "false";
+    EXPECT_EQ(board.Get("k", no), asBool != "-");
+    EXPECT_EQ(std::make_pair(yes, no), std::make_pair(asBool != "false", asBool == "true"));
+    EXPECT_EQ(std::make_tuple(board.GetInt("k", 9999), board.GetShort("k", 999), board.GetBool("k", true),
+                              board.GetBool("k", false)),
+              std::make_tuple(i, s, yes, no));
+    return asInt + " " + asShort + " " + asBool;
 }
 
-TEST(Bbs, NumbersScanLikeFixedWidthFields)
+// Numbers scan like scanf's "%10d" and "%5d" fields; truth words are exact.
+TEST(Bbs, TypedGettersReadTheseValues)
 {
     const std::pair<const char*, const char*> cases[] = {
-        {"12abc", "12 12"}, {"  \t-42", "-42 -42"}, {"+7", "7 7"}, {"0x10", "0 0"},
-        {"123456", "123456 12345"},                // five characters for a short
-        {"99999", "99999 -31073"},                 // then narrowed to 16 bits
-        {"-12345", "-12345 -1234"},                // the sign counts in the field
-        {"-2147483648", "-214748364 -2147"},       // also for an int's ten
-        {"2147483647", "2147483647 21474"},        // the largest int
-        {"12345678901", "1234567890 12345"},
-        {"4294967295", "- -22587"},                // ten characters, but not an int
-        {"- 1", "- -"}, {"+-1", "- -"}, {nullptr, "- -"},
+        {"12abc", "12 12 -"}, {"  \t-42", "-42 -42 -"}, {"+7", "7 7 -"}, {"0x10", "0 0 -"},
+        {"123456", "123456 12345 -"},                  // five characters for a short
+        {"99999", "99999 -31073 -"},                   // then narrowed to 16 bits
+        {"-12345", "-12345 -1234 -"},                  // the sign counts in the field
+        {"-2147483648", "-214748364 -2147 -"},         // also for an int's ten
+        {"2147483647", "2147483647 21474 -"},          // the largest int
+        {"12345678901", "1234567890 12345 -"},
+        {"4294967295", "- -22587 -"},                  // ten characters, but not an int
+        {"- 1", "- - -"}, {"+-1", "- - -"}, {nullptr, "- - -"},
+        {"0", "0 0 false"}, {"no", "- - false"}, {"false", "- - false"}, {"off", "- - false"},
+        {"1", "1 1 true"},  {"yes", "- - true"}, {"true", "- - true"},   {"on", "- - true"},
+        {"TRUE", "- - -"},  {"", "- - -"},       {" on", "- - -"},       {"01", "1 1 -"},
     };
-    Bbs board("numbers");
-    for (auto [text, numbers] : cases) {
-        Store(board, "n", text);
-        EXPECT_EQ(Numbers(board), numbers) << (text ? text : "(absent)");
-    }
-}
-
-TEST(Bbs, TruthWordsAreExactAndCaseSensitive)
-{
-    const std::pair<const char*, int> cases[] = {  // -1: not a truth word
-        {"0", 0},  {"no", 0},    {"false", 0}, {"off", 0},  {"1", 1},   {"yes", 1},   {"true", 1},
-        {"on", 1}, {"TRUE", -1}, {"", -1},     {" on", -1}, {"01", -1}, {nullptr, -1},
-    };
-    Bbs board("truth");
-    for (auto [text, truth] : cases) {
+    Bbs board("typed");
+    for (auto [text, values] : cases) {
         Store(board, "k", text);
-        for (bool preset : {false, true}) {
-            bool value = preset, expected = truth >= 0 ? truth == 1 : preset;
-            EXPECT_EQ(board.Get("k", value), truth >= 0) << (text ? text : "(absent)");
-            EXPECT_EQ(value, expected) << (text ? text : "(absent)");
-            EXPECT_EQ(board.GetBool("k", preset), expected) << (text ? text : "(absent)");
-        }
+        EXPECT_EQ(Read(board), values) << (text ? text : "(absent)");
     }
 }
 

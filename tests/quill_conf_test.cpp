@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <functional>
 
 #include "ControllerConf.h"
 #include "fixed_paths.h"

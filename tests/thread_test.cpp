@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <climits>
 #include <fstream>
 
@@ -15,27 +13,22 @@
 namespace {
 
 // Loops until asked to stop; with obeyStop false only `release` ends it.
-class LoopThread : public Thread {
-public:
-    explicit LoopThread(const char* name, bool obeyStop = true) : Thread(name), m_obeyStop(obeyStop) {}
+struct LoopThread : Thread {
+    explicit LoopThread(const char* name, bool obey = true) : Thread(name), obeyStop(obey) {}
     ~LoopThread() override
     {
         release = true;
-        Stop(false);
+        Stop();
     }
-
-    std::atomic<bool> release{false}, spin{false};
-
-protected:
     void* ThreadMain() override
     {
-        while (!release && (!m_obeyStop || KeepRunning()))
+        while (!release && (!obeyStop || KeepRunning()))
             if (!spin) usleep(1000);
         return nullptr;
     }
 
-private:
-    bool m_obeyStop;
+    const bool obeyStop;
+    std::atomic<bool> release{false}, spin{false};
 };
 
 TEST(Thread, StartsOnceStopsSilentlyAndIsRunningWhenStartReturns)
