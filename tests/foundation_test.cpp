@@ -11,7 +11,8 @@ namespace {
 // A start in the future is a deadline: its duration counts up from minus.
 TEST(TimeSpan, DeadlineGivesNegativeDuration)
 {
-    TimeSpan span(5, 0);
+    TimeSpan span;
+    span.Reset(5);
     long long ns = span.DurationNs();
     EXPECT_TRUE(ns < -4900000000LL && ns >= -5000000000LL) << ns;
     EXPECT_LT(span.Duration(), 0);

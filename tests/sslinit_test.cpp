@@ -27,7 +27,7 @@ TEST(QuillSsl, AltbaseScanLastOneWins)
         {{"-altbase", "/a"}, "/a"},
         {{"-altbase", "/a", "-altbase", "/b"}, "/b"},
         {{"-altbase", "/a", "-altbase"}, "/a"},  // a last "-altbase" has no value
-        {{"-altbase", "-altbase"}, "-altbase"},
+        {{"-altbase", "-altbase", "/b"}, "-altbase"},  // the value is skipped, even "-altbase"
         {{"x", "-altbase", "/a", "y"}, "/a"},
         {{"-Altbase", "/a", "altbase", "/b"}, "/etc/ssl"},
     };

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/times.h>
 #include <unistd.h>
 
 #include <climits>
@@ -130,6 +131,10 @@ TEST(Thread, KernelNameAndRunningTime)
         thread.RunningTime(kernel, user);
         return user > 0;
     }, ScaledMs(10000)));
+    // A thread's ticks are part of the process's (each sum rounded apart).
+    tms process;
+    times(&process);
+    EXPECT_LE(user + kernel, process.tms_utime + process.tms_stime + 2);
 }
 
 TEST(Thread, SetPriorityPicksLowestHighestOrMidpoint)
