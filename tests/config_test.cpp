@@ -121,25 +121,22 @@ TEST_F(ConfigFile, ReadOnlyFileCountsAsMissing)
 }
 
 // Readers take whole-board copies while the file flips between two
-// contents and is reloaded; each copy must be one file over the defaults.
+// contents and is reloaded; each copy must be all of one file.
 TEST_F(ConfigFile, ReadersNeverSeeHalfALoadedFile)
 {
     std::vector<std::string> keys;
     std::vector<Config::DefaultEntry> defaults;
-    for (int k = 0; k < 10; k++) keys.push_back("k" + std::to_string(k));
-    for (const std::string& key : keys) defaults.push_back({key.c_str(), "default"});
-    defaults.push_back({nullptr, nullptr});
     std::string files[2];
     Pairs expected[2];
-    for (int f = 0; f < 2; f++) {
-        const std::string value = f ? "second" : "first";
-        for (const std::string& key : keys) {
-            files[f] += key + " = " + value + "\n";
-            expected[f][key] = value;
+    for (int k = 0; k < 10; k++) keys.push_back("k" + std::to_string(k));
+    for (const std::string& key : keys) {
+        defaults.push_back({key.c_str(), "default"});
+        for (int f = 0; f < 2; f++) {
+            files[f] += key + (f ? " second\n" : " first\n");
+            expected[f][key] = f ? "second" : "first";
         }
-        files[f] += "only" + value + " 1\n";
-        expected[f]["only" + value] = "1";
     }
+    defaults.push_back({nullptr, nullptr});
     ASSERT_TRUE(WriteFile(m_path, files[0]));
     Config cfg(m_path.c_str(), defaults.data(), nullptr);
     std::atomic<bool> stop{false};

@@ -46,8 +46,7 @@ TEST(SockAddr, TextOfEveryFamilyParsesOrIsRefused)
     SockAddr::SetDefaultSerial({AF_RS485, "ttyUSB0", 19200, 7, ODD, 2, 99});  // the index 99 is never taken
     const std::string longPath = "/tmp/" + std::string(110, 'p');
     struct Case { sa_family_t family; const char* text; int rv; const char* printed; } cases[] = {
-        {AF_INET, "10.0.0.1", 0, "10.0.0.1:0"},
-        {AF_INET, "10.0.0.1:3000", 0, "10.0.0.1:3000"},
+        {AF_INET, "10.0.0.1", 0, "10.0.0.1:0"}, {AF_INET, "10.0.0.1:3000", 0, "10.0.0.1:3000"},
         {AF_INET, "300.1.1.1", 0, "44.1.1.1:0"},           // the first octet is cut to 8 bits
         {AF_INET, "2.256.0.1", 0, "3.0.0.1:0"},            // spills into the octet before
         {AF_INET, "1.2.3.-1", 0, "255.255.255.255:0"},     // a negative octet sets every bit
@@ -62,14 +61,12 @@ TEST(SockAddr, TextOfEveryFamilyParsesOrIsRefused)
         {AF_INET6, "::3:4:5:6:7:8", 0, "::0003:0004:0005:0006:0007:0008|0"},
         {AF_INET6, "1:2:3:4:5:6:7:0|443", 0, "0001:0002:0003:0004:0005:0006:0007::|443"},
         {AF_INET6, "::", 0, "::|0"},
-        {AF_UNIX, "/tmp/x.sock", 0, "/tmp/x.sock"},
         {AF_UNIX, longPath.c_str(), -EINVAL, nullptr},  // too long for sun_path: refused, not cut
-        {AF_NAME, "eth0", 0, "eth0"}, {AF_NAME, "", -EINVAL, nullptr},
+        {AF_UNIX, "/tmp/x.sock", 0, "/tmp/x.sock"}, {AF_NAME, "eth0", 0, "eth0"}, {AF_NAME, "", -EINVAL, nullptr},
         {AF_MAC, "00:1A:2b:3c:4d:5e", 0, "00:1a:2b:3c:4d:5e"}, {AF_MAC, "00:11:22:33:44", -EINVAL, nullptr},
         {0, "x", -EINVAL, nullptr}, {7, "x", -EINVAL, nullptr}, {36, "x", -EINVAL, nullptr},
-        {AF_RS485, "7", 0, "7@ttyUSB0!19200/7/o/2"},
+        {AF_RS485, "7", 0, "7@ttyUSB0!19200/7/o/2"}, {AF_RS485, "3@ttyS1", 0, "3@ttyS1!19200/7/o/2"},
         {AF_RS485, "2@ttyS1!9600/8/e/1", 0, "2@ttyS1!9600/8/e/1"},
-        {AF_RS485, "3@ttyS1", 0, "3@ttyS1!19200/7/o/2"},
         {AF_RS485, "ttyS2!4800/8/n/1", 0, "ttyS2!4800/8/n/1"},
         {AF_RS485, "x5@ttyS3", 0, "ttyS3!19200/7/o/2"},  // '@' later in the text: index from the start
         {AF_RS485, "4@ttyS1!9600/8/q/1", 0, "4@ttyS1!9600/8/n/1"},
