@@ -141,6 +141,7 @@ TEST(SockAddr, EqualityAndOrdering)
     for (const Case& c : cases) {
         const std::string label = Text(c.a) + " " + Text(c.b);
         EXPECT_EQ(c.a == c.b, c.equal) << label;
+        EXPECT_EQ(c.a != c.b, !c.equal) << label;
         EXPECT_EQ(c.a < c.b, c.aLess) << label;
         EXPECT_EQ(c.b < c.a, c.bLess) << label;
         EXPECT_TRUE(c.a == c.a) << label;  // even an invalid value equals itself

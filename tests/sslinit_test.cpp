@@ -42,18 +42,21 @@ TEST(QuillSsl, AltbaseScanLastOneWins)
 }
 
 // The command reads the fixed file (its absence is only noted) and ends
-// with status 0 whatever its arguments.
+// with status 0, with or without arguments.
 TEST(SslInit, RunsOnTheFixedFileAndAlwaysExitsZero)
 {
     std::string reason = NamespacesUnavailableReason(CLONE_NEWNS);
     if (!reason.empty()) GTEST_SKIP() << reason;
     std::string report = RunInMountNamespace([] {
-        bool removed = unlink("/etc/vantor.conf") == 0 || errno == ENOENT;
-        RunResult r = RunVtest({"sslinit", "x", "-altbase", "/a", "-altbase"});
-        return std::string(removed ? "" : "cannot remove ") + std::to_string(r.status) + "|" + r.out + "|" +
-               LogLines(r.err);
+        std::string report = unlink("/etc/vantor.conf") == 0 || errno == ENOENT ? "" : "cannot remove ";
+        for (const auto& args : {std::vector<std::string>{"sslinit"}, {"sslinit", "x", "-altbase", "/a", "-altbase"}}) {
+            RunResult r = RunVtest(args);
+            report += std::to_string(r.status) + "|" + r.out + "|" + LogLines(r.err);
+        }
+        return report;
     });
-    EXPECT_EQ(report, "0||info No configuration file \"/etc/vantor.conf\", using defaults.\n" + kSslLines);
+    const std::string once = "0||info No configuration file \"/etc/vantor.conf\", using defaults.\n" + kSslLines;
+    EXPECT_EQ(report, once + once);
 }
 
 }  // namespace
