@@ -13,13 +13,7 @@ trap 'kill "$sim" 2>/dev/null || true; rm -rf "$work"' EXIT
 port=3611
 sim=
 
-best() {  # best <runs> <command...>: the fastest run's "seconds kilobytes"
-  local runs=$1; shift
-  for _ in $(seq "$runs"); do
-    /usr/bin/time -f '%e %M' -o "$work/t" "$@" >"$work/out" 2>/dev/null
-    cat "$work/t"
-  done | sort -n | head -1
-}
+source "$(dirname "$0")/best.sh"
 
 printf '%-8s %10s %10s %10s %10s %8s %8s\n' rows vtest_s vtest_KB sqlite_s sqlite_KB time_x mem_x
 for n in "${counts[@]}"; do

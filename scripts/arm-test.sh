@@ -16,7 +16,7 @@ source scripts/build-dir.sh
 
 echo "== armhf cross build"
 build "$dir" -DCMAKE_TOOLCHAIN_FILE=cmake/armhf-toolchain.cmake -DCMAKE_COMPILE_WARNING_AS_ERROR=ON
-programs=("$dir/vtest/vtest")
+programs=("$dir/vtest/vtest" "$dir/vtest/vtest-elf")
 [ -x "$dir/sim/vantor-sim" ] && programs+=("$dir/sim/vantor-sim")
 scripts/check-hardening.sh "${programs[@]}"
 
@@ -26,7 +26,7 @@ status=0
 
 echo "== packages"
 build build/package-amd64 -DCMAKE_BUILD_TYPE=Release -DVTEST_TESTS=OFF
-scripts/check-hardening.sh build/package-amd64/vtest/vtest
+scripts/check-hardening.sh build/package-amd64/vtest/vtest build/package-amd64/vtest/vtest-elf
 for pkgdir in build/package-amd64 "$dir"; do (cd "$pkgdir" && cpack -G DEB >/dev/null); done
 scripts/check-packages.sh build/package-amd64 amd64
 scripts/check-packages.sh "$dir" armhf

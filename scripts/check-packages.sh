@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Checks the .deb packages cpack made in a build directory for one
-# architecture: names, contents, and that the tool installed into a scratch
-# root runs (armhf under qemu), its man page renders and its completion loads.
+# architecture: names, contents, and that the tool and vtest-elf installed
+# into a scratch root run (armhf under qemu), the man page renders and the
+# completion loads.
 #   scripts/check-packages.sh <build dir> <amd64|armhf>
 set -euo pipefail
 dir=$1 arch=$2
@@ -13,8 +14,9 @@ info=$(dpkg-deb --info "$deb")
 grep -qx ' Package: vtest' <<<"$info" || fail "$deb: wrong package name"
 grep -qx " Architecture: $arch" <<<"$info" || fail "$deb: not for $arch"
 contents=$(dpkg-deb --contents "$deb" | awk '{print $NF}')
-for path in ./usr/bin/vtest ./usr/share/man/man1/vtest.1.gz ./usr/share/bash-completion/completions/vtest \
-            ./usr/share/doc/vtest/commands.md ./usr/share/doc/vtest/README.md; do
+for path in ./usr/bin/vtest ./usr/bin/vtest-elf ./usr/share/man/man1/vtest.1.gz \
+            ./usr/share/bash-completion/completions/vtest ./usr/share/doc/vtest/commands.md \
+            ./usr/share/doc/vtest/README.md; do
   grep -qx "$path" <<<"$contents" || fail "$deb: $path missing"
 done
 grep -q 'vantor-sim' <<<"$contents" && fail "$deb: holds the simulator"
@@ -33,6 +35,11 @@ status=0
 usage=$("${run[@]}" no-such-command 2>&1) || status=$?
 [ "$status" -eq 255 ] || fail "installed vtest exited $status, not 255, on an unknown word"
 grep -qF "$root/usr/bin/vtest usb reset <hub>" <<<"$usage" || fail "installed vtest printed no usage text"
+elf=("${run[@]}")
+elf[${#elf[@]}-1]=$root/usr/bin/vtest-elf
+report=$("${elf[@]}" "$root/usr/bin/vtest") || fail "installed vtest-elf cannot read the installed vtest"
+grep -qx "  Class: *ELF$([ "$arch" = armhf ] && echo 32 || echo 64)" <<<"$report" ||
+  fail "installed vtest-elf printed no ELF header"
 man -l "$root/usr/share/man/man1/vtest.1.gz" >/dev/null || fail "man page does not render"
 warnings=$(zcat "$root/usr/share/man/man1/vtest.1.gz" | groff -man -Tutf8 -ww -z 2>&1)
 [ -z "$warnings" ] || fail "man page warnings: $warnings"

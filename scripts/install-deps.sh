@@ -4,8 +4,11 @@
 # "coverage" for scripts/coverage.sh (not needed by CI).
 set -euo pipefail
 
+# binutils and llvm: readelf and llvm-readobj, which the ELF inspector's test
+# holds its report to.
 packages=(build-essential cmake pkg-config libssl-dev libgtest-dev libsqlite3-dev sqlite3
-          clang iproute2 util-linux procps python3)
+          clang iproute2 util-linux procps python3 binutils llvm
+          python3-aiosmtpd)
 for group in "$@"; do
   case "$group" in
     arm) packages+=(g++-arm-linux-gnueabihf qemu-user-static man-db

@@ -1,5 +1,7 @@
 #include "ClientConnection.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -48,6 +50,7 @@ ClientConnection::ClientConnection(ShellShared& shared, Sock* link)
       m_peer(link->Addr()),
       m_wakeFd(dup(link->Fd())),
       m_signalFd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_lines(kShellMaxLine, LineAssembler::kLf),
       m_lastActivity(monotonic_seconds())
 {
 }
@@ -116,6 +119,7 @@ void ClientConnection::Serve()
                 open = false;
             }
         }
+        m_command.reset();
     }  // the session unsubscribes here: no more pushes
     m_link->Disconnect();
     {
@@ -140,13 +144,44 @@ bool ClientConnection::ServeReadable(ShellSession& session)
     for (size_t at = 0; at < static_cast<size_t>(got);) {
         LineAssembler::Result result;
         at += m_lines.Feed(buffer + at, static_cast<size_t>(got) - at, result);
-        ShellSession::Outcome outcome = ShellSession::kContinue;
-        if (result == LineAssembler::kLine) outcome = session.HandleLine(m_lines.Line());
-        if (result == LineAssembler::kTooLong) outcome = session.HandleTooLong();
-        if (outcome == ShellSession::kClose) return false;
+        bool open = true;
+        if (result == LineAssembler::kLine) open = HandleLine(session, m_lines.Line());
+        if (result == LineAssembler::kTooLong) open = HandleTooLong(session);
+        if (!open) return false;
         if (result != LineAssembler::kNeedMore) m_lastActivity = monotonic_seconds();
     }
     return true;
+}
+
+// The first line tells whose the connection is: a database shell line
+// keeps it the shell's, any other line is the first command of the
+// command channel. Until then lines end at LF or CR LF, as both send them.
+bool ClientConnection::HandleLine(ShellSession& session, const std::string& line)
+{
+    if (!m_decided) {
+        if (sim_is_shell_line(line)) m_lines.SetEnds(LineAssembler::kCrOrLf);
+        else BecomeCommandChannel();
+        m_decided = true;
+    }
+    if (m_command) return m_command->HandleLine(line);
+    return session.HandleLine(line) == ShellSession::kContinue;
+}
+
+bool ClientConnection::HandleTooLong(ShellSession& session)
+{
+    if (!m_decided) BecomeCommandChannel();
+    m_decided = true;
+    if (m_command) return m_command->HandleTooLong();
+    return session.HandleTooLong() == ShellSession::kContinue;
+}
+
+// Every answer goes out in one write: nothing is gained by waiting for
+// more (the option fails harmlessly on a Unix socket).
+void ClientConnection::BecomeCommandChannel()
+{
+    int on = 1;
+    (void)setsockopt(m_link->Fd(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    m_command = std::make_unique<CommandSession>(m_shared, *this, m_stop, m_peer);
 }
 
 bool ClientConnection::Write(const char* data, size_t len)

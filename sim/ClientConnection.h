@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "CommandSession.h"
 #include "ShellSession.h"
 
 class Sock;
@@ -40,6 +41,9 @@ private:
     static void* ThreadEntry(void* self);
     void Serve();
     bool ServeReadable(ShellSession& session);
+    bool HandleLine(ShellSession& session, const std::string& line);
+    bool HandleTooLong(ShellSession& session);
+    void BecomeCommandChannel();
     bool FlushPushed();
     bool Idle() const;
     void Interrupt();
@@ -58,6 +62,9 @@ private:
     size_t m_unsent = 0;  // bytes in m_pushed plus those being written
     bool m_overflow = false;
     LineAssembler m_lines;
+    // Made by the first line unless that is a database shell line.
+    std::unique_ptr<CommandSession> m_command;
+    bool m_decided = false;
     long m_lastActivity;  // monotonic seconds of the last request or answer
     pthread_t m_thread{};
     bool m_started = false;

@@ -16,19 +16,6 @@ bool is_blank(char c)
     return c == ' ' || c == '\t';
 }
 
-std::vector<std::string> split_words(const std::string& line)
-{
-    std::vector<std::string> words;
-    for (size_t at = 0; at < line.size();) {
-        while (at < line.size() && is_blank(line[at])) ++at;
-        size_t end = at;
-        while (end < line.size() && !is_blank(line[end])) ++end;
-        if (end > at) words.push_back(line.substr(at, end - at));
-        at = end;
-    }
-    return words;
-}
-
 // A printable, non-blank ASCII character: usable as escape or separator.
 bool is_marker_char(const std::string& word)
 {
@@ -84,6 +71,19 @@ void parse_monitor(const std::vector<std::string>& words, ShellCommand& command)
 
 }  // namespace
 
+std::vector<std::string> sim_split_words(const std::string& line)
+{
+    std::vector<std::string> words;
+    for (size_t at = 0; at < line.size();) {
+        while (at < line.size() && is_blank(line[at])) ++at;
+        size_t end = at;
+        while (end < line.size() && !is_blank(line[end])) ++end;
+        if (end > at) words.push_back(line.substr(at, end - at));
+        at = end;
+    }
+    return words;
+}
+
 size_t LineAssembler::Feed(const char* data, size_t len, Result& result)
 {
     if (m_complete) {
@@ -93,14 +93,15 @@ size_t LineAssembler::Feed(const char* data, size_t len, Result& result)
     result = kNeedMore;
     for (size_t i = 0; i < len; ++i) {
         char c = data[i];
-        if (is_line_end(c)) {
+        if (m_ends == kLf ? c == '\n' : is_line_end(c)) {
             if (m_tooLong) {
                 m_tooLong = false;
                 m_line.clear();
                 result = kTooLong;
                 return i + 1;
             }
-            if (m_line.empty()) continue;
+            if (m_ends == kLf && !m_line.empty() && m_line.back() == '\r') m_line.pop_back();
+            else if (m_ends == kCrOrLf && m_line.empty()) continue;
             m_complete = true;
             result = kLine;
             return i + 1;
@@ -126,9 +127,9 @@ void shell_parse_command(const std::string& line, ShellCommand& command)
     const std::string verb = line.substr(start, end - start);
     // SQL lines can be long: only directives are split into words.
     if (verb == "comment") command.kind = ShellCommand::kComment;
-    else if (verb == "shell") parse_shell(split_words(line), command);
-    else if (verb == ".header") parse_header(split_words(line), command);
-    else if (verb == "monitor") parse_monitor(split_words(line), command);
+    else if (verb == "shell") parse_shell(sim_split_words(line), command);
+    else if (verb == ".header") parse_header(sim_split_words(line), command);
+    else if (verb == "monitor") parse_monitor(sim_split_words(line), command);
     else if (verb == ".quit" || verb == ".exit") command.kind = ShellCommand::kQuit;
     else if (!verb.empty() && verb[0] == '.') parse_invalid(command, "unknown command: " + verb.substr(0, 40));
 }

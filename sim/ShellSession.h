@@ -10,16 +10,20 @@
 #include <string>
 #include <vector>
 
+#include "Centrals.h"
 #include "MonitorHub.h"
 #include "ShellLine.h"
+#include "TimeSpan.h"
 
 class SimReplicas;
 
-// State every session of one server shares.
+// State every session of one server shares (command channel sessions too).
 struct ShellShared {
     std::string dbPath;                     // prepared with sim_db_prepare
     MonitorHub hub;                         // subscriptions of all sessions
     std::atomic<long> notReadyLeft{0};      // shell directives still to answer "not ready"
+    CentralTable centrals;                  // the RS-485 bus of "serial enum" and "serial set"
+    TimeSpan started;                       // for "uptime"
     SimReplicas* replicas = nullptr;        // counts committed changes, when kept
 };
 

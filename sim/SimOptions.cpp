@@ -4,12 +4,14 @@
 
 #include <cstring>
 
+#include "DiscoveryUnits.h"
 #include "SimDatabase.h"
 #include "utils.h"
 
 const char kSimUsage[] =
     "usage: vantor-sim [--listen=ADDR] [--db=PATH] [--events=N] [--not-ready=N] [--max-clients=N]\n"
-    "                 [--idle-timeout=SECONDS]\n"
+    "                 [--idle-timeout=SECONDS] [--centrals=FILE] [--discovery-units=N|FILE]\n"
+    "                 [--setipv4-delay=SECONDS]\n"
     "                 [--replicas=N[,LAG]] [--version-dir=DIR] [--replica-stall=K]\n"
     "  --listen=ADDR      127.0.0.1:3543 (default), IPV6|PORT, or a Unix socket path\n"
     "  --db=PATH          database file; created and seeded when missing or empty\n"
@@ -19,6 +21,11 @@ const char kSimUsage[] =
     "  --max-clients=N    connections served at once, 1..4096 (default 256)\n"
     "  --idle-timeout=S   drop a client silent for S seconds, unless it monitors a table;\n"
     "                     0 never drops (0..86400, default 60)\n"
+    "  --centrals=FILE    RS-485 centrals for \"serial enum\": nine columns a line\n"
+    "                     (default: three samples)\n"
+    "  --discovery-units=N|FILE  also play N units (1..10000) or those of FILE on UDP\n"
+    "                     port 3543: answer \"Hello\", obey \"SetIPv4\"\n"
+    "  --setipv4-delay=S  a unit takes its new address S seconds late (0..3600, default 0)\n"
     "  --replicas=N[,LAG] keep version files: vantor.ver counts committed changes, and N peers\n"
     "                     (0..4096) confirm it minus LAG (default 0) once a second\n"
     "  --version-dir=DIR  where the version files are (default: the database path + .versions)\n"
@@ -26,24 +33,10 @@ const char kSimUsage[] =
 
 namespace {
 
-// Strict decimal: digits only, no sign, no leading zero, within [low, high].
-bool parse_number(const std::string& text, long low, long high, long& value)
-{
-    if (text.empty() || text.size() > 9 || (text.size() > 1 && text[0] == '0')) return false;
-    long n = 0;
-    for (char c : text) {
-        if (c < '0' || c > '9') return false;
-        n = n * 10 + (c - '0');
-    }
-    if (n < low || n > high) return false;
-    value = n;
-    return true;
-}
-
 bool parse_port(const std::string& text, in_port_t& port)
 {
     long n = 0;
-    if (!parse_number(text, 0, 65535, n)) return false;
+    if (!sim_parse_number(text, 0, 65535, n)) return false;
     port = htons(static_cast<uint16_t>(n));
     return true;
 }
@@ -83,13 +76,20 @@ bool parse_path(const std::string& text, std::string& path)
     return true;
 }
 
+// A unit count, or else the path of a units file.
+bool parse_units(const std::string& text, SimOptions& o)
+{
+    if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) return parse_path(text, o.unitsFile);
+    return sim_parse_number(text, 1, kSimMaxUnits, o.discoveryUnits);
+}
+
 // "N" or "N,LAG".
 bool parse_replicas(const std::string& text, SimReplicaOptions& replicas)
 {
     size_t comma = text.find(',');
     replicas.enabled = true;
-    return parse_number(text.substr(0, comma), 0, kSimMaxReplicas, replicas.count) &&
-           (comma == std::string::npos || parse_number(text.substr(comma + 1), 0, kSimMaxReplicaLag, replicas.lag));
+    return sim_parse_number(text.substr(0, comma), 0, kSimMaxReplicas, replicas.count) &&
+           (comma == std::string::npos || sim_parse_number(text.substr(comma + 1), 0, kSimMaxReplicaLag, replicas.lag));
 }
 
 // "--name=value": true with `value` set when `arg` is that option.
@@ -108,13 +108,16 @@ bool parse_one(const std::string& arg, SimOptions& o, std::string& error)
     if (arg == "--help" || arg == "-h") o.help = true;
     else if (option_value(arg, "listen", value)) ok = sim_parse_listen(value, o.listen);
     else if (option_value(arg, "db", value)) ok = parse_path(value, o.db);
-    else if (option_value(arg, "events", value)) ok = parse_number(value, 0, kSimMaxSeedEvents, o.events);
-    else if (option_value(arg, "not-ready", value)) ok = parse_number(value, 0, kSimMaxNotReady, o.notReady);
-    else if (option_value(arg, "max-clients", value)) ok = parse_number(value, 1, kSimMaxClientsCap, o.maxClients);
-    else if (option_value(arg, "idle-timeout", value)) ok = parse_number(value, 0, kSimMaxIdleTimeout, o.idleTimeout);
+    else if (option_value(arg, "events", value)) ok = sim_parse_number(value, 0, kSimMaxSeedEvents, o.events);
+    else if (option_value(arg, "not-ready", value)) ok = sim_parse_number(value, 0, kSimMaxNotReady, o.notReady);
+    else if (option_value(arg, "max-clients", value)) ok = sim_parse_number(value, 1, kSimMaxClientsCap, o.maxClients);
+    else if (option_value(arg, "idle-timeout", value)) ok = sim_parse_number(value, 0, kSimMaxIdleTimeout, o.idleTimeout);
+    else if (option_value(arg, "centrals", value)) ok = parse_path(value, o.centrals);
+    else if (option_value(arg, "discovery-units", value)) ok = parse_units(value, o);
+    else if (option_value(arg, "setipv4-delay", value)) ok = sim_parse_number(value, 0, kSimMaxSetIPv4Delay, o.setIPv4Delay);
     else if (option_value(arg, "replicas", value)) ok = parse_replicas(value, o.replicas);
     else if (option_value(arg, "version-dir", value)) ok = o.replicas.enabled = parse_path(value, o.replicas.dir);
-    else if (option_value(arg, "replica-stall", value)) ok = parse_number(value, 1, kSimMaxReplicas, o.replicas.stall);
+    else if (option_value(arg, "replica-stall", value)) ok = sim_parse_number(value, 1, kSimMaxReplicas, o.replicas.stall);
     else {
         error = "unknown option: " + arg;
         return false;
@@ -124,6 +127,19 @@ bool parse_one(const std::string& arg, SimOptions& o, std::string& error)
 }
 
 }  // namespace
+
+bool sim_parse_number(const std::string& text, long low, long high, long& value)
+{
+    if (text.empty() || text.size() > 9 || (text.size() > 1 && text[0] == '0')) return false;
+    long n = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9') return false;
+        n = n * 10 + (c - '0');
+    }
+    if (n < low || n > high) return false;
+    value = n;
+    return true;
+}
 
 bool sim_parse_listen(const std::string& text, SimListen& listen)
 {

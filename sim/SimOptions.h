@@ -12,6 +12,7 @@
 constexpr long kSimMaxNotReady = 1000000;
 constexpr long kSimMaxClientsCap = 4096;
 constexpr long kSimMaxIdleTimeout = 86400;
+constexpr long kSimMaxSetIPv4Delay = 3600;
 
 // Where the server listens: exactly one of the records is used, by family.
 struct SimListen {
@@ -28,6 +29,10 @@ struct SimOptions {
     long notReady = 0;         // shell directives answered "DB not ready" first
     long maxClients = 256;     // connections served at once; more are closed at accept
     long idleTimeout = 60;     // seconds a non-subscribed client may stay silent; 0: for ever
+    long discoveryUnits = 0;   // generated units answering on UDP 3543 (0: none) ...
+    std::string unitsFile;     // ... or the units of this file
+    long setIPv4Delay = 0;     // seconds before a unit takes a new address
+    std::string centrals;      // file of RS-485 centrals; empty: three samples
     SimReplicaOptions replicas;  // version files and simulated peers
     bool help = false;
 };
@@ -37,6 +42,10 @@ extern const char kSimUsage[];
 // Parses the arguments after the program name into `options`. Returns true,
 // or false with the reason in `error` (options then untouched).
 bool sim_parse_options(int argc, char** argv, SimOptions& options, std::string& error);
+
+// Strict decimal: digits only (at most 9), no sign, no leading zero,
+// within [low, high]. Returns false (value untouched) otherwise.
+bool sim_parse_number(const std::string& text, long low, long high, long& value);
 
 // Parses "A.B.C.D:PORT", "IPV6|PORT" or a Unix socket path (starting with
 // "/" or "."). Ports are 0..65535, decimal, without sign or leading zeros;

@@ -6,8 +6,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <string>
 
+#include "DiscoveryResponder.h"
 #include "ShellSession.h"
 #include "SimDatabase.h"
 #include "SimOptions.h"
@@ -16,6 +18,7 @@
 #include "Sock.h"
 #include "daemon.h"
 #include "debugger.h"
+#include "regular_file.h"
 
 namespace {
 
@@ -64,10 +67,22 @@ void remove_temporary_db(const std::string& dir, const std::string& path)
     (void)rmdir(dir.c_str());
 }
 
+// The centrals of the --centrals file, if one is given.
+bool load_centrals(const std::string& path, CentralTable& centrals)
+{
+    std::string text, error;
+    int rv = regular_file_read(path.c_str(), kSimMaxCentralsFile, text);
+    if (rv == 0 && centrals.Parse(text, error)) return true;
+    if (rv < 0) error = strerror(-rv);
+    syslog_safe(3, "<vantor-sim> Centrals file %s: %s.", path.c_str(), error.c_str());
+    return false;
+}
+
 int serve(const SimOptions& options, const std::string& dbPath, bool temporary)
 {
-    if (!sim_db_prepare(dbPath, options.events)) return 1;
     ShellShared shared;
+    if (!options.centrals.empty() && !load_centrals(options.centrals, shared.centrals)) return 1;
+    if (!sim_db_prepare(dbPath, options.events)) return 1;
     shared.dbPath = dbPath;
     SimReplicas replicas(options.replicas, dbPath);
     if (options.replicas.enabled && !replicas.Start()) return 1;
@@ -77,6 +92,8 @@ int serve(const SimOptions& options, const std::string& dbPath, bool temporary)
     SimServer server(shared, options.listen, options.maxClients);
     std::string bound;
     if (!server.Start(bound)) return 1;
+    std::unique_ptr<DiscoveryResponder> discovery;
+    if (!sim_discovery_start(options, discovery)) return 1;
     // The one line on standard output: tells a starter where to connect.
     printf("vantor-sim listening on %s, database %s\n", bound.c_str(), dbPath.c_str());
     fflush(stdout);

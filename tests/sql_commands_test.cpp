@@ -33,20 +33,6 @@ protected:
     std::string m_dir = MakeTempDir();
 };
 
-// Lines of standard error that are not the logger's own (time-stamped).
-std::string OperatorErrors(const std::string& err)
-{
-    std::string out, line;
-    for (size_t at = 0; at < err.size();) {
-        size_t end = err.find('\n', at);
-        line = err.substr(at, end == std::string::npos ? std::string::npos : end - at + 1);
-        at = end == std::string::npos ? err.size() : end + 1;
-        bool logged = line.size() > 10 && line[2] == '.' && line[9] == ' ' && line[10] == '[';
-        if (!logged) out += line;
-    }
-    return out;
-}
-
 TEST(SqlCommandErrors, ArgumentErrorsGiveTheirMessageAndStatus)
 {
     struct Case {

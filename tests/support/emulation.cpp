@@ -56,6 +56,8 @@ std::string EmulationSkipReason(EmulationGap gap)
         return WithPrefix("qemu-user does not implement ptrace(2) (ENOSYS)");
     case EmulationGap::SetIdPrograms:
         return WithPrefix("qemu-user loads an ARM program as data, so its set-id bits never apply");
+    case EmulationGap::ProcSelfExe:
+        return WithPrefix("qemu-user fakes open(2) of /proc/self/exe but not stat(2), which sees the emulator");
     }
     return WithPrefix("unknown gap");
 #else

@@ -135,6 +135,19 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::string& in
     return result;
 }
 
+std::string OperatorErrors(const std::string& err)
+{
+    std::string out, line;
+    for (size_t at = 0; at < err.size();) {
+        size_t end = err.find('\n', at);
+        line = err.substr(at, end == std::string::npos ? std::string::npos : end - at + 1);
+        at = end == std::string::npos ? err.size() : end + 1;
+        bool logged = line.size() > 10 && line[2] == '.' && line[9] == ' ' && line[10] == '[';
+        if (!logged) out += line;
+    }
+    return out;
+}
+
 RunResult RunVtest(const std::vector<std::string>& args, const std::string& input, int timeoutMs)
 {
     return RunProgram(TargetArgv(VTEST_BINARY, args), input, timeoutMs);
@@ -238,6 +251,12 @@ bool ChildProcess::Write(const std::string& text)
 bool ChildProcess::Signal(int signal)
 {
     return m_pid > 0 && kill(m_pid, signal) == 0;
+}
+
+void ChildProcess::CloseInput()
+{
+    if (m_in >= 0) close(m_in);
+    m_in = -1;
 }
 
 int ChildProcess::Wait(int timeoutMs)

@@ -19,6 +19,10 @@ struct RunResult {
 RunResult RunProgram(const std::vector<std::string>& argv, const std::string& input = "",
                      int timeoutMs = 20000);
 
+// Standard error less the logger's own lines ("SS.uuuuuu [tid] ..."): what
+// a command printed for the operator.
+std::string OperatorErrors(const std::string& err);
+
 // The argv that starts a program built by this tree (vtest, vantor-sim):
 // in a cross build the emulator comes first, since an emulated process
 // cannot exec a foreign binary by itself.
@@ -49,6 +53,7 @@ enum class EmulationGap {
     PacketSockets,  // AF_PACKET raw frames (probed)
     Ptrace,         // ptrace(2) and backtraces taken through it (never there)
     SetIdPrograms,  // set-user-id and set-group-id executables of this tree (never there)
+    ProcSelfExe,    // /proc/self/exe naming the emulated program to stat(2) as well as open(2) (never there)
 };
 
 // Why a test that needs `gap` cannot run under emulation, or empty when it
@@ -81,6 +86,8 @@ public:
     bool Write(const std::string& text);
     // Sends `signal` to the child (the emulator passes it on to an emulated one).
     bool Signal(int signal);
+    // Closes the child's standard input: it reads end-of-file.
+    void CloseInput();
     // Exit status as RunResult::status, or -1 after timeoutMs (then killed).
     int Wait(int timeoutMs);
 

@@ -3,8 +3,10 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,7 +24,8 @@ int listen_on(const SockAddr& addr, int backlog, SockAddr& bound)
     int fd = socket(addr.GetAF(), SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd < 0) return -1;
     bound = addr;
-    socklen_t len = sizeof(sockaddr_all);
+    // The kernel refuses a Unix address longer than its own record.
+    socklen_t len = addr.GetAF() == AF_UNIX ? sizeof(sockaddr_un) : sizeof(sockaddr_all);
     if (addr.GetAF() == AF_UNIX) (void)unlink(addr.Get().un.sun_path);
     if (bind(fd, &addr.Get().addr, len) != 0 || listen(fd, backlog) != 0 ||
         (addr.GetAF() != AF_UNIX && getsockname(fd, &bound.GetPrivate().addr, &len) != 0)) {
@@ -53,7 +56,7 @@ ScriptedServer::ScriptedServer(std::vector<Script> scripts, const SockAddr& list
     : m_scripts(std::move(scripts)), m_stepTimeoutMs(stepTimeoutMs)
 {
     m_listenFd = listen_on(listen, 16, m_addr);
-    if (m_listenFd < 0 || pipe2(m_wakePipe, O_CLOEXEC) != 0) {
+    if (m_listenFd < 0 || pipe2(m_wakePipe, O_CLOEXEC) != 0 || pipe2(m_releasePipe, O_CLOEXEC) != 0) {
         Fail("cannot listen");
         return;
     }
@@ -64,7 +67,7 @@ ScriptedServer::~ScriptedServer()
 {
     if (m_wakePipe[1] >= 0) (void)!write(m_wakePipe[1], "x", 1);
     if (m_thread.joinable()) m_thread.join();
-    for (int fd : {m_listenFd, m_wakePipe[0], m_wakePipe[1]})
+    for (int fd : {m_listenFd, m_wakePipe[0], m_wakePipe[1], m_releasePipe[0], m_releasePipe[1]})
         if (fd >= 0) close(fd);
     if (m_addr.GetAF() == AF_UNIX) (void)unlink(m_addr.Get().un.sun_path);
 }
@@ -88,6 +91,13 @@ bool ScriptedServer::WaitScriptsDone(int timeoutMs) const
     return WaitUntil([&] { return m_scriptsDone == static_cast<int>(m_scripts.size()); }, timeoutMs);
 }
 
+void ScriptedServer::Release() { (void)!write(m_releasePipe[1], "x", 1); }
+
+bool ScriptedServer::WaitClosed(int count, int timeoutMs) const
+{
+    return WaitUntil([&] { return m_closed >= count; }, timeoutMs);
+}
+
 std::vector<std::string> ScriptedServer::Failures() const
 {
     std::lock_guard<std::mutex> guard(m_lock);
@@ -109,6 +119,10 @@ void ScriptedServer::Run()
         if (!(fds[0].revents & POLLIN)) continue;
         int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) continue;
+        // Each Send leaves at once as its own segment, so a script's cuts
+        // reach the client as cuts.
+        int on = 1;
+        if (m_addr.GetAF() != AF_UNIX) (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         size_t index;
         {
             std::lock_guard<std::mutex> guard(m_lock);
@@ -119,6 +133,7 @@ void ScriptedServer::Run()
         m_accepted++;
         if (index < m_scripts.size()) Play(fd, index);
         close(fd);
+        m_closed++;
     }
 }
 
@@ -143,11 +158,23 @@ void ScriptedServer::Play(int fd, size_t index)
     for (const ScriptStep& step : m_scripts[index]) {
         switch (step.kind) {
         case ScriptStep::Close:
+            // The end-of-file is on its way before the script counts as done.
+            (void)shutdown(fd, SHUT_WR);
             m_scriptsDone++;
             return;
         case ScriptStep::Wait: {
             pollfd wake = {m_wakePipe[0], POLLIN, 0};
             if (poll(&wake, 1, step.ms) > 0) return;  // the server is going
+            continue;
+        }
+        case ScriptStep::Hold: {
+            pollfd fds[2] = {{m_releasePipe[0], POLLIN, 0}, {m_wakePipe[0], POLLIN, 0}};
+            if (poll(fds, 2, m_stepTimeoutMs) <= 0) {
+                Fail(tag + "never released");
+                return;
+            }
+            char byte;
+            if (fds[1].revents || read(m_releasePipe[0], &byte, 1) != 1) return;  // the server is going
             continue;
         }
         case ScriptStep::Send:
@@ -182,6 +209,14 @@ void ScriptedServer::Play(int fd, size_t index)
     }
 }
 
+SockAddr RefusedAddr()
+{
+    SockAddr bound;
+    int fd = listen_on(loopback4(), 1, bound);
+    if (fd >= 0) close(fd);
+    return bound;
+}
+
 BlackHole::BlackHole()
 {
     m_listenFd = listen_on(loopback4(), 0, m_addr);
@@ -202,4 +237,61 @@ BlackHole::~BlackHole()
 {
     for (int fd : m_fillers) close(fd);
     if (m_listenFd >= 0) close(m_listenFd);
+}
+
+ScriptedDatagramPeer::ScriptedDatagramPeer(std::vector<Script> scripts, unsigned short port)
+    : m_scripts(std::move(scripts))
+{
+    m_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in any = {};
+    any.sin_family = AF_INET;
+    any.sin_port = htons(port);
+    if (m_fd >= 0 && bind(m_fd, reinterpret_cast<sockaddr*>(&any), sizeof any) != 0) {
+        close(m_fd);
+        m_fd = -1;
+    }
+    if (m_fd >= 0) m_thread = std::thread(&ScriptedDatagramPeer::Run, this);
+}
+
+ScriptedDatagramPeer::~ScriptedDatagramPeer()
+{
+    m_stop = true;
+    if (m_thread.joinable()) m_thread.join();
+    if (m_fd >= 0) close(m_fd);
+}
+
+std::vector<std::string> ScriptedDatagramPeer::Received() const
+{
+    std::lock_guard<std::mutex> guard(m_lock);
+    return m_received;
+}
+
+void ScriptedDatagramPeer::Run()
+{
+    std::vector<char> buffer(65536);
+    while (!m_stop) {
+        pollfd p = {m_fd, POLLIN, 0};
+        if (poll(&p, 1, 20) <= 0) continue;
+        sockaddr_in from = {};
+        socklen_t len = sizeof from;
+        ssize_t n = recvfrom(m_fd, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &len);
+        if (n < 0) continue;
+        size_t index;
+        {
+            std::lock_guard<std::mutex> guard(m_lock);
+            index = m_received.size();
+            m_received.emplace_back(buffer.data(), static_cast<size_t>(n));
+        }
+        if (index < m_scripts.size()) Play(m_scripts[index], from);
+    }
+}
+
+void ScriptedDatagramPeer::Play(const Script& script, const sockaddr_in& to)
+{
+    for (const ScriptStep& step : script) {
+        if (step.kind == ScriptStep::Wait) WaitUntil([&] { return m_stop.load(); }, step.ms);
+        if (step.kind == ScriptStep::Send)
+            (void)sendto(m_fd, step.bytes.data(), step.bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to),
+                         sizeof to);
+    }
 }

@@ -1,0 +1,255 @@
+// The command channel client against the byte-exact scripted peer: what it
+// sends, how it cuts output into lines, and how it meets closes, silence,
+// long lines, copies and refused connections.
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <list>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Api.h"
+#include "Sock.h"
+#include "process.h"
+#include "scripted_server.h"
+#include "utils.h"
+#include "wait.h"
+
+namespace {
+
+// Seconds an Api waits at most where nothing is meant to time out.
+const int kPatience = 10;
+
+// Keeps each output line as the callback and then HandleOutput saw it,
+// with its line end.
+class Recorder : public Api {
+public:
+    explicit Recorder(const SockAddr& server) : Api(server, strPrompt)
+    {
+        RegisterOutputCb(&Recorder::Callback, this);
+        Timeout(kPatience);
+    }
+    void HandleOutput(const char* out) override { seen += Marked(out); }
+    std::string Marked(const char* out) const { return out + std::string(LastLineEnd() ? 1 : 0, LastLineEnd()); }
+    static void Callback(void* self, const char* out) { static_cast<Recorder*>(self)->seen += static_cast<Recorder*>(self)->Marked(out); }
+    std::string seen;
+};
+
+// `lines` (each with its line end) as the callback, HandleOutput and the list got them.
+void ExpectDelivered(const Recorder& api, const std::list<std::string>& list, const std::vector<std::string>& lines,
+                     const std::string& label)
+{
+    std::string seen, bare, listed;
+    for (const std::string& line : lines) {
+        seen += line + line;
+        bare += line.substr(0, line.find_last_not_of("\r\n") + 1) + "|";
+    }
+    for (const std::string& line : list) listed += line + "|";
+    EXPECT_EQ(seen, api.seen) << label;
+    EXPECT_EQ(bare, listed) << label;
+}
+
+TEST(Api, SendsCommandsAndCutsOutputIntoLines)
+{
+    struct Row {
+        const char* label;
+        std::string greeting, answer;
+        std::vector<std::string> lines;  // each with its line end
+        int pending;
+    } rows[] = {
+        {"bare prompt, empty output", "#> ", "#> ", {}, 0},
+        {"greeting lines of every shape", "Welcome\r\nx\n\n#>x\n#> ", "1.0\n#> ", {"1.0\n"}, 0},
+        {"CR LF gives a line and an empty one", "#> ", "a\r\nb\r\n#> ", {"a\r", "\n", "b\r", "\n"}, 0},
+        {"a line starting with the prompt text ends the output", "#> ", "#> hello\n#> ", {}, 9},
+        {"plus signs are text, not checksums", "#> ", "abc+0214 hello\nID +12 volts\n+0214 hello\n#> ",
+         {"abc+0214 hello\n", "ID +12 volts\n", "+0214 hello\n"}, 0},
+        {"vertical tabs dropped after the prompt-length start", "#> ", "a\vbc\vd\n#> ", {"a\vbcd\n"}, 0},
+        {"a NUL ends the line's text", "#> ", std::string("ab\0cd\n#> ", 9), {"ab\n"}, 0},
+    };
+    for (const Row& row : rows) {
+        ScriptedServer server({{Send(row.greeting), Expect("show all\n"), Send(row.answer)}});
+        Recorder api(server.Addr());
+        std::list<std::string> list;
+        EXPECT_TRUE(api.Exec("show all", list) && api.LastError() == 0) << row.label;
+        ExpectDelivered(api, list, row.lines, row.label);
+        EXPECT_EQ(row.pending, api.Pending()) << row.label;
+        EXPECT_EQ("show all\n", server.Received(0)) << row.label;
+        EXPECT_TRUE(server.Failures().empty()) << row.label;
+    }
+}
+
+// Lines of 3,998 to 10,000 bytes come in pieces of at most 3,999 bytes
+// whose NUL stays inside the 4,000 bytes: read directly into an exactly
+// sized heap buffer (where ASan sees every byte past it), and through Exec
+// into the own line buffer, with a derived class's member right behind it.
+TEST(Api, LongLinesComeInPiecesThatFitTheBuffer)
+{
+    struct Probe : public Recorder {
+        using Recorder::Recorder;
+        char after[16] = "untouched";
+    };
+    for (size_t n : {3998, 3999, 4000, 4001, 7995, 7996, 10000}) {
+        std::string line;
+        for (size_t i = 0; i < n; i++) line += static_cast<char>('a' + i % 26);
+        ScriptedServer server({{Send("#> "), Send(line + "\n#> "), Expect("long\n"), Send(line + "\n#> ")}});
+        Probe api(server.Addr());
+        ASSERT_TRUE(api.Connect());
+        std::unique_ptr<char[]> heap(new char[Api::kLineLen]);
+        std::string joined, doubled;  // doubled: as Exec's callback and HandleOutput must see the pieces
+        while (api.ReadLineOrPrompt(heap.get(), Api::kLineLen)) {
+            size_t len = strlen(heap.get());
+            EXPECT_EQ(len == Api::kLineLen - 1u ? 0 : '\n', api.LastLineEnd()) << n;
+            joined.append(heap.get(), len);
+            doubled += api.Marked(heap.get()) + api.Marked(heap.get());
+        }
+        EXPECT_EQ(0, api.LastError()) << n;
+        EXPECT_EQ(line, joined) << n;
+        ASSERT_TRUE(api.Exec("long"));
+        EXPECT_EQ(0, api.LastError()) << n;
+        EXPECT_EQ(doubled, api.seen) << n;
+        EXPECT_STREQ("untouched", api.after) << n;
+    }
+}
+
+// The daemon closing after every byte offset of greeting, output and
+// prompt: a cut greeting fails Exec, a cut output keeps its whole lines and
+// the cut one, and each next Exec connects anew.
+TEST(Api, CloseAtEveryByteOffset)
+{
+    const std::string greeting = "Hi\r\n#> ", output = "one\r\ntwo\n\nthree\n#> ";
+    std::vector<Script> scripts;
+    for (size_t k = 0; k < greeting.size(); k++) scripts.push_back({Send(greeting.substr(0, k)), Close()});
+    for (size_t k = 0; k < output.size(); k++)
+        scripts.push_back({Send(greeting), Expect("cmd\n"), Send(output.substr(0, k)), Close()});
+    scripts.push_back({Send(greeting), Expect("cmd\n"), Send(output)});
+    ScriptedServer server(scripts);
+    Recorder api(server.Addr());
+    for (size_t k = 0; k < scripts.size(); k++) {
+        const std::string label = "cut at " + std::to_string(k);
+        api.seen.clear();
+        std::list<std::string> list;
+        EXPECT_EQ(k >= greeting.size(), api.Exec("cmd", list)) << label;
+        if (k < greeting.size()) {
+            EXPECT_EQ(-EPIPE, api.LastError()) << label;
+            continue;
+        }
+        // The model: every byte up to a line end is a line, the rest is cut.
+        const std::string got = output.substr(0, k - greeting.size());
+        std::vector<std::string> lines;
+        size_t from = 0;
+        for (size_t end; (end = got.find_first_of("\r\n", from)) != std::string::npos; from = end + 1)
+            lines.push_back(got.substr(from, end + 1 - from));
+        bool whole = k + 1 == scripts.size();
+        EXPECT_EQ(whole ? 0 : -EPIPE, api.LastError()) << label;
+        EXPECT_EQ(whole ? "" : got.substr(from), api.Partial()) << label;
+        ExpectDelivered(api, list, lines, label);
+    }
+    EXPECT_EQ(static_cast<int>(scripts.size()), server.Accepted());
+    EXPECT_TRUE(server.Failures().empty());
+}
+
+// Silence, each case on its own thread (they wait in parallel). The
+// link-dead time-out is 0 here: a link is dead after a whole second
+// without a byte, unless Timeout() switched the check off.
+TEST(Api, SilenceEndsByTimeOutOrDeadLinkAndTheNextExecReconnects)
+{
+    const long linkDead = Sock::DefaultLinkDeadTimeout();
+    Sock::DefaultLinkDeadTimeout(0);
+    struct Row {
+        const char* label;
+        Script first;  // then a second connection that answers
+        int timeout, idleMs;  // idleMs: at the prompt before the Exec
+        bool result;
+        std::vector<std::string> lines;
+        int error, atLeastMs;
+    } rows[] = {
+        {"silent output, short time-out", {Send("#> "), Expect("cmd\n"), Send("x\n")}, 1, 0, true, {"x\n"}, -ETIMEDOUT, 1000},
+        {"time-out longer than the link-dead time-out", {Send("#> "), Expect("cmd\n")}, 2, 0, true, {}, -ETIMEDOUT, 2000},
+        {"silent greeting, short time-out", {Send("Hi\n")}, 1, 0, false, {}, -ETIMEDOUT, 1000},
+        {"trickling greeting: the time-out is for all of it", Trickle("a\nb\nc\nd\ne\nf\n#> ", 2, 300), 1, 0, false, {},
+         -ETIMEDOUT, 1000},
+        {"dead link without a time-out", {Send("#> "), Expect("cmd\n")}, 0, 0, true, {}, -EPIPE, 1000},
+        {"slow answer after a long idle", {Send("#> "), Expect("cmd\n"), Wait(300), Send("late\n#> ")}, 0, 1300, true,
+         {"late\n"}, 0, 300},
+    };
+    std::vector<std::thread> threads;
+    for (const Row& row : rows)
+        threads.emplace_back([&row] {
+            ScriptedServer server({row.first, {Send("#> "), Expect("cmd\n"), Send("ok\n#> ")}});
+            Recorder api(server.Addr());
+            api.Timeout(row.timeout);
+            EXPECT_TRUE(row.idleMs == 0 || api.Connect()) << row.label;
+            usleep(static_cast<useconds_t>(row.idleMs) * 1000);
+            std::list<std::string> list;
+            auto start = std::chrono::steady_clock::now();
+            EXPECT_EQ(row.result, api.Exec("cmd", list)) << row.label;
+            EXPECT_GE(MsSince(start), row.atLeastMs) << row.label;
+            EXPECT_EQ(row.error, api.LastError()) << row.label;
+            ExpectDelivered(api, list, row.lines, row.label);
+            if (row.error == 0) return;
+            api.seen.clear();
+            list.clear();
+            api.Timeout(kPatience);
+            EXPECT_TRUE(api.Exec("cmd", list) && api.LastError() == 0) << row.label;
+            ExpectDelivered(api, list, {"ok\n"}, row.label);
+        });
+    for (std::thread& t : threads) t.join();
+    Sock::DefaultLinkDeadTimeout(linkDead);
+}
+
+// Refused on every try, then open; a command too long to send; a connect
+// that hangs; a family that cannot connect.
+TEST(Api, ConnectFailuresAndRefusedCommands)
+{
+    const SockAddr addr = RefusedAddr();
+    Recorder api(addr);
+    for (int attempt = 0; attempt < 3; attempt++) {
+        EXPECT_FALSE(api.Exec("cmd")) << attempt;
+        EXPECT_EQ(-ECONNREFUSED, api.LastError()) << attempt;
+        EXPECT_EQ(-EPIPE, api.Pending()) << attempt;
+    }
+    ScriptedServer server({{Send("#> "), Expect("cmd\n"), Send("up\n#> "), Expect("next\n"), Send("#> ")}}, addr);
+    EXPECT_TRUE(api.Exec("cmd"));
+    EXPECT_EQ("up\nup\n", api.seen);
+    EXPECT_FALSE(api.Exec(std::string(7999, 'x').c_str()));  // nothing sent, the link kept
+    EXPECT_EQ(-E2BIG, api.LastError());
+    EXPECT_TRUE(api.Exec("next") && api.LastError() == 0);
+    EXPECT_EQ(1, server.Accepted());
+
+    BlackHole hole;
+    Api hanging(hole.Addr(), nullptr);
+    hanging.Timeout(1);
+    EXPECT_FALSE(hanging.Connect());
+    EXPECT_EQ(-ETIMEDOUT, hanging.LastError());
+    Api serial(SockAddr(AF_RS485, "ttyS1", 3), nullptr);
+    EXPECT_FALSE(serial.Exec("cmd"));
+    EXPECT_EQ(-EAFNOSUPPORT, serial.LastError());
+}
+
+// A copy takes everything but the link (the callback and its data too):
+// it connects on its own, and the original keeps its connection.
+TEST(Api, CopiesStartUnconnectedAndAreListed)
+{
+    ScriptedServer server({{Send("#> "), Expect("a\n"), Send("1\n#> "), Close()},
+                           {Send("Hello\n#> "), Expect("b\n"), Send("2\n#> ")}});
+    Recorder original(server.Addr());
+    const size_t listed = Api::m_objList.size();
+    ASSERT_TRUE(original.Exec("a"));
+    Recorder copy(original);
+    EXPECT_EQ(listed + 1, Api::m_objList.size());
+    original.seen = copy.seen = "";
+    EXPECT_TRUE(copy.Exec("b") && copy.LastError() == 0);
+    // The copied callback records into the original, with the original's line end.
+    EXPECT_EQ("2\n", copy.seen);
+    EXPECT_EQ("2", original.seen);
+    EXPECT_EQ(2, server.Accepted());
+    EXPECT_EQ(0, copy.Pending());
+    EXPECT_TRUE(WaitUntil([&] { return original.Pending() == -EPIPE; }, ScaledMs(2000)));
+}
+
+}  // namespace

@@ -1,0 +1,73 @@
+#include "sim_lan.h"
+
+#include <fcntl.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace {
+
+const char kIp[] = "/sbin/ip";
+
+std::string unique_name()
+{
+    static std::atomic<int> counter{0};
+    return "vt" + std::to_string(getpid()) + "x" + std::to_string(counter++);
+}
+
+}  // namespace
+
+SimLan::SimLan(const std::vector<std::string>& upArgs) : m_name(unique_name())
+{
+    std::vector<std::string> args = {"up"};
+    args.insert(args.end(), upArgs.begin(), upArgs.end());
+    RunResult r = Script(args);
+    m_up = r.status == 0;
+    m_error = r.out + r.err;
+}
+
+SimLan::~SimLan() { (void)Script({"down"}); }
+
+RunResult SimLan::Script(const std::vector<std::string>& args) const
+{
+    std::vector<std::string> argv = {"/usr/bin/env", "SIM_LAN=" + m_name,
+#ifdef VTEST_SIM_BINARY
+                                     "VANTOR_SIM=" VTEST_SIM_BINARY,
+#endif
+                                     "/bin/bash", VTEST_SOURCE_DIR "/scripts/sim-lan.sh"};
+    argv.insert(argv.end(), args.begin(), args.end());
+    return RunProgram(argv, "", 60000);
+}
+
+std::string SimLan::SimLog() const
+{
+    std::stringstream text;
+    const char* tmp = getenv("TMPDIR");
+    text << std::ifstream(std::string(tmp && *tmp ? tmp : "/tmp") + "/" + m_name + ".sim.log").rdbuf();
+    return text.str();
+}
+
+RunResult SimLan::Vtest(const std::vector<std::string>& args, const std::vector<std::string>& prefix) const
+{
+    std::vector<std::string> argv = {kIp, "netns", "exec", Client()};
+    argv.insert(argv.end(), prefix.begin(), prefix.end());
+    for (const std::string& word : TargetArgv(VTEST_BINARY, args)) argv.push_back(word);
+    return RunProgram(argv);
+}
+
+bool RunInNetns(const std::string& name, const std::function<void()>& body)
+{
+    bool joined = false;
+    std::thread([&] {
+        int fd = open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC);
+        joined = fd >= 0 && setns(fd, CLONE_NEWNET) == 0;
+        if (fd >= 0) close(fd);
+        if (joined) body();
+    }).join();
+    return joined;
+}
