@@ -123,10 +123,14 @@ TEST(Thread, KernelNameAndRunningTime)
     EXPECT_EQ(std::make_pair(kernel, user), std::make_pair(0L, 0L)) << "zero before the start";
     thread.spin = true;
     ASSERT_TRUE(thread.Start());
-    std::ifstream comm("/proc/self/task/" + std::to_string(thread.Tid()) + "/comm");
+    // The thread names itself just after Start has returned.
+    const std::string path = "/proc/self/task/" + std::to_string(thread.Tid()) + "/comm";
     std::string name;
-    std::getline(comm, name);
-    EXPECT_EQ(name, "a) 1 2 3 456789");
+    EXPECT_TRUE(WaitUntil([&] {
+        std::ifstream comm(path);
+        std::getline(comm, name);
+        return name == "a) 1 2 3 456789";
+    }, ScaledMs(5000))) << name;
     EXPECT_TRUE(WaitUntil([&] {
         thread.RunningTime(kernel, user);
         return user > 0;
