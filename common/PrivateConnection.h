@@ -107,6 +107,8 @@ private:
     bool OpenLink();
     bool AwaitPrompt();
     int ReadAnswerLine(int depth);
+    // ReadIncompleteLine for a caller that holds m_ioLock.
+    int ReadPiece(int maxLen, int& pos);
     void DebugLine(int line, const char* function) const;
 
     std::atomic<bool> m_stopForGood{false};

@@ -79,8 +79,9 @@ public:
 private:
     // Connect attempts within the shared count, with their messages.
     bool ConnectCounted(int& count);
-    // Splits the next row; columns holds the first ones found.
-    bool TakeRow(std::vector<char*>& columns, int maxColumns);
+    // Splits the next row into m_columns: how many columns it took (the
+    // first ones found, at most maxColumns), or -1 when no row came.
+    int TakeRow(int maxColumns);
 
     char m_escape = '\\';
     char m_separator = '|';
@@ -88,4 +89,10 @@ private:
     std::vector<std::string> m_column_names;
     int m_maxColCount = 30;
     bool m_rv = false;
+    // The bytes that end a run of plain column text: escape, separator,
+    // line feed and the line's end.
+    bool m_columnStop[256] = {};
+    // Kept from row to row so that taking a row allocates nothing.
+    std::vector<char*> m_columns;
+    std::vector<std::map<std::string, std::string>::node_type> m_spareNodes;
 };

@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -6,6 +7,7 @@
 #include <vector>
 
 #include "commands.h"
+#include "line_writer.h"
 #include "server_option.h"
 #include "sql_wrapper.h"
 
@@ -22,9 +24,21 @@ struct SqlOptions {
     bool isFile = false;
 };
 
+// Rows are fully buffered on a file or pipe: what is printed so far goes
+// out first, so the tool's own messages keep their place among the rows.
+void sql_error(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void sql_error(const char* format, ...)
+{
+    fflush(stdout);
+    va_list args;
+    va_start(args, format);
+    vfprintf(stderr, format, args);
+    va_end(args);
+}
+
 int missing_statement(bool isFile)
 {
-    fprintf(stderr, "Missing parameter: SQL statement%s.\n", isFile ? " file" : "");
+    sql_error("Missing parameter: SQL statement%s.\n", isFile ? " file" : "");
     return -1;
 }
 
@@ -35,44 +49,47 @@ void cut_trailing_blanks(char* statement)
     while (len > 1 && (statement[len - 1] == ' ' || statement[len - 1] == '\t')) statement[--len] = '\0';
 }
 
+LineWriter g_out;
+
 void print_plain_header(const std::vector<std::string>& names)
 {
-    fputs("Line #", stdout);
-    for (const std::string& name : names) printf("\t\"%s\"", name.c_str());
-    putchar('\n');
+    g_out.Text("Line #");
+    for (const std::string& name : names) g_out.Text("\t\"").Text(name).Char('"');
+    g_out.End();
 }
 
 void print_plain_row(int n, const std::vector<std::string>& row)
 {
-    printf("%d.\t", n);
-    for (const std::string& value : row) printf("\"%s\"\t", value.c_str());
-    putchar('\n');
+    g_out.Int(n).Text(".\t");
+    for (const std::string& value : row) g_out.Char('"').Text(value).Char('"').Char('\t');
+    g_out.End();
 }
 
 void print_pairs_row(int n, const std::map<std::string, std::string>& row)
 {
     if (n == 1) {
-        fputs("Line #", stdout);
-        for (const auto& column : row) printf("\t\"%s\"", column.first.c_str());
-        putchar('\n');
+        g_out.Text("Line #");
+        for (const auto& column : row) g_out.Text("\t\"").Text(column.first).Char('"');
+        g_out.End();
     }
-    printf("%d.\t", n);
-    for (const auto& column : row) printf("%s\t", column.second.c_str());
-    putchar('\n');
+    g_out.Int(n).Text(".\t");
+    for (const auto& column : row) g_out.Text(column.second).Char('\t');
+    g_out.End();
 }
 
 // Plain mode prints the header as soon as rows are announced, in the
 // server's order, values quoted; pairs mode prints it with the first row
 // only, in sorted order, values bare. Scripts rely on both layouts.
+// The row containers live across rows so that their strings are reused.
 void print_rows(SqlWrapper& sql, bool pairs)
 {
+    std::map<std::string, std::string> pairsRow;
+    std::vector<std::string> row;
     for (int n = 1;; n++) {
         if (pairs) {
-            std::map<std::string, std::string> row;
-            if (sql.Next(row, 0)) print_pairs_row(n, row);
+            if (sql.Next(pairsRow, 0)) print_pairs_row(n, pairsRow);
         } else {
             if (n == 1) print_plain_header(sql.GetHeaders());
-            std::vector<std::string> row;
             if (sql.Next(row, 0)) print_plain_row(n, row);
         }
         if (sql.Eof()) return;
@@ -122,29 +139,30 @@ int run_lines(SqlWrapper& sql, FILE* input, const char* name, bool pairs)
         line[strcspn(line, "\r")] = '\0';
         if (line[0] == '\0' || line[0] == '#') continue;
         rv = exec_sql(sql, line, pairs, false);
-        if (rv != 0) fprintf(stderr, "%s:%d [%s] %s\n", name, number, sql.LastError().c_str(), line);
+        if (rv != 0) sql_error("%s:%d [%s] %s\n", name, number, sql.LastError().c_str(), line);
     }
     return rv;
 }
 
 }  // namespace
 
+// Each statement's output is flushed when it ends.
 int exec_sql(SqlWrapper& sql, char* statement, bool pairs, bool verbose)
 {
     cut_trailing_blanks(statement);
     if (!sql.Exec(statement)) {
         if (verbose)
-            fprintf(stderr, "SqlWrapper:Exec() - failed (%s): %s.\n", sql.LastError().c_str(),
-                    sql.LastError().c_str());
+            sql_error("SqlWrapper:Exec() - failed (%s): %s.\n", sql.LastError().c_str(), sql.LastError().c_str());
         return -ENOENT;
     }
-    if (sql.Eof()) return 0;
-    print_rows(sql, pairs);
+    if (!sql.Eof()) print_rows(sql, pairs);
+    fflush(stdout);
     return 0;
 }
 
 int main_sql(int argc, char** argv)
 {
+    stdout_buffer_fully();
     SqlOptions options;
     options.isFile = strcmp(argv[1], "sql_file") == 0;
     if (argc < 3) return missing_statement(options.isFile);
@@ -163,7 +181,7 @@ int main_sql(int argc, char** argv)
     const char* name = first < argc ? argv[first] : "(null)";
     FILE* input = options.stdinInput ? fdopen(0, "r") : fopen(name, "r");
     if (!input) {
-        fprintf(stderr, "Unable to open file: %s\n", options.stdinInput ? name : "stdin");
+        sql_error("Unable to open file: %s\n", options.stdinInput ? name : "stdin");
         return -ENOENT;
     }
     int rv = run_lines(sql, input, name, options.pairs);
