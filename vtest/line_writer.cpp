@@ -11,15 +11,17 @@ const size_t kStdoutBuffer = 64 * 1024;
 
 }  // namespace
 
-LineWriter& LineWriter::Int(int n)
+LineWriter& LineWriter::Int(long long n, int width)
 {
-    char digits[16];
+    char digits[24];
     char* at = digits + sizeof digits;
-    unsigned magnitude = n < 0 ? 0u - static_cast<unsigned>(n) : static_cast<unsigned>(n);
+    unsigned long long magnitude =
+        n < 0 ? 0ull - static_cast<unsigned long long>(n) : static_cast<unsigned long long>(n);
     do {
         *--at = static_cast<char>('0' + magnitude % 10);
         magnitude /= 10;
     } while (magnitude > 0);
+    while (digits + sizeof digits - at < width) *--at = '0';
     if (n < 0) *--at = '-';
     m_line.append(at, static_cast<size_t>(digits + sizeof digits - at));
     return *this;

@@ -1,7 +1,8 @@
 // Output lines for standard output, assembled in a buffer kept from line to
 // line and handed to stdout's own buffer with one write each: no format is
 // parsed per value, and once the buffer has grown to the widest line
-// nothing is allocated. Used by the sql commands on the main thread only.
+// nothing is allocated. Used by the sql and time commands on the main thread
+// only.
 #pragma once
 
 #include <string>
@@ -26,7 +27,9 @@ public:
         return *this;
     }
     // As "%d" prints it.
-    LineWriter& Int(int n);
+    LineWriter& Int(int n) { return Int(n, 0); }
+    // As "%0*lld" prints it: at least `width` digits, zeros in front.
+    LineWriter& Int(long long n, int width);
     // Appends the newline and writes the line.
     void End();
 

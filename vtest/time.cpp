@@ -13,6 +13,7 @@
 #include "TimeZone.h"
 #include "commands.h"
 #include "exit_status.h"
+#include "line_writer.h"
 
 namespace {
 
@@ -21,7 +22,6 @@ const int kExitNoZone = 2;       // the zone cannot be loaded
 // Longest --stdin line taken, in bytes; longer ones are refused unread.
 const size_t kMaxInputLine = 64;
 const int kDefaultFrom = 1800, kDefaultTo = 2100, kLastYearEnd = 10000;
-const size_t kOutputBytes = 1 << 16;
 
 const char kSynopsis[] =
     "%s time --tz=<timezone> [--pick=all|earlier|later|reject] (<time>)+ | --stdin\n"
@@ -191,7 +191,6 @@ bool parse_offset(Scanner& s, int& offset)
 class TimeConverter {
 public:
     TimeConverter(const TimeZone& zone, Pick pick) : m_zone(zone), m_pick(pick) {}
-    ~TimeConverter() { Flush(); }
 
     void Convert(const char* text, size_t len);
     void ReadStdin();
@@ -203,7 +202,6 @@ private:
     bool Print(int64_t t, const char* tag);
     // `subject` is the refused text, quoted, or empty.
     void Refuse(const std::string& subject, const std::string& why);
-    void Flush();
 
     const TimeZone& m_zone;
     Pick m_pick;
@@ -211,7 +209,8 @@ private:
     int m_line = 0;  // line of standard input, 0 for arguments
     bool m_haveNow = false;
     int64_t m_now = 0;
-    std::string m_out;
+    LineWriter m_out;
+    std::string m_abbr;  // the escaped abbreviation, its room kept from line to line
 };
 
 Parsed TimeConverter::Parse(const char* text, size_t len, int64_t& instant, LocalTime& wall)
@@ -300,33 +299,19 @@ void TimeConverter::List(int fromYear, int toYear)
 
 // ---- output
 
-void put_number(std::string& s, int64_t value)
-{
-    char buf[24];
-    s.append(buf, static_cast<size_t>(std::to_chars(buf, buf + sizeof buf, value).ptr - buf));
-}
-
-void put_digits(std::string& s, int64_t value, int width)
-{
-    char buf[24];
-    int n = static_cast<int>(std::to_chars(buf, buf + sizeof buf, value).ptr - buf);
-    s.append(static_cast<size_t>(width > n ? width - n : 0), '0').append(buf, static_cast<size_t>(n));
-}
-
 // YYYY-MM-DDTHH:MM:SS
-void put_fields(std::string& s, const LocalTime& t)
+void put_fields(LineWriter& w, const LocalTime& t)
 {
-    put_digits(s, t.year, 4), s += '-', put_digits(s, t.month, 2), s += '-', put_digits(s, t.day, 2);
-    s += 'T', put_digits(s, t.hour, 2), s += ':', put_digits(s, t.minute, 2), s += ':', put_digits(s, t.second, 2);
+    w.Int(t.year, 4).Char('-').Int(t.month, 2).Char('-').Int(t.day, 2);
+    w.Char('T').Int(t.hour, 2).Char(':').Int(t.minute, 2).Char(':').Int(t.second, 2);
 }
 
 // +HH:MM, or +HH:MM:SS when the offset has seconds (local mean time).
-void put_offset(std::string& s, int32_t utoff)
+void put_offset(LineWriter& w, int32_t utoff)
 {
-    int64_t abs = utoff < 0 ? -int64_t(utoff) : utoff;
-    s += utoff < 0 ? '-' : '+';
-    put_digits(s, abs / 3600, 2), s += ':', put_digits(s, abs / 60 % 60, 2);
-    if (abs % 60) s += ':', put_digits(s, abs % 60, 2);
+    long long abs = utoff < 0 ? -static_cast<long long>(utoff) : utoff;
+    w.Char(utoff < 0 ? '-' : '+').Int(abs / 3600, 2).Char(':').Int(abs / 60 % 60, 2);
+    if (abs % 60) w.Char(':').Int(abs % 60, 2);
 }
 
 // An abbreviation: bytes other than A-Z a-z 0-9 + - as \xNN, an empty one as "".
@@ -358,27 +343,21 @@ bool TimeConverter::Print(int64_t t, const char* tag)
 {
     LocalTime local;
     if (!m_zone.ToLocal(t, local)) return false;
-    m_out += '@', put_number(m_out, t), m_out += ' ';
-    put_fields(m_out, utc_of(local)), m_out += "Z ";
-    put_fields(m_out, local), put_offset(m_out, local.utoff), m_out += ' ';
-    put_abbr(m_out, local.abbr);
-    m_out += local.isdst ? " isdst=1 gmtoff=" : " isdst=0 gmtoff=";
-    put_number(m_out, local.utoff);
-    m_out += tag, m_out += '\n';
-    if (m_out.size() >= kOutputBytes) Flush();
+    m_out.Char('@').Int(t, 0).Char(' ');
+    put_fields(m_out, utc_of(local));
+    m_out.Text("Z ");
+    put_fields(m_out, local);
+    put_offset(m_out, local.utoff);
+    m_abbr.clear();
+    put_abbr(m_abbr, local.abbr);
+    m_out.Char(' ').Text(m_abbr).Text(local.isdst ? " isdst=1 gmtoff=" : " isdst=0 gmtoff=").Int(local.utoff);
+    m_out.Text(tag).End();
     return true;
-}
-
-void TimeConverter::Flush()
-{
-    if (!m_out.empty()) (void)fwrite(m_out.data(), 1, m_out.size(), stdout);
-    m_out.clear();
 }
 
 // One line on standard error, after what came before it on standard output.
 void TimeConverter::Refuse(const std::string& subject, const std::string& why)
 {
-    Flush();
     fflush(stdout);
     std::string where = m_line ? "line " + std::to_string(m_line) + ": " : "";
     if (!subject.empty()) where += subject + ": ";
@@ -398,6 +377,7 @@ int main_time(int argc, char** argv)
         fprintf(stderr, "time: cannot load time zone %s: %s\n", quoted(options.zone).c_str(), zone.Error().c_str());
         return kExitNoZone;
     }
+    stdout_buffer_fully();
     TimeConverter converter(zone, options.picked);
     if (options.transitions) converter.List(options.from, options.to);
     else if (options.readStdin) converter.ReadStdin();
