@@ -41,9 +41,10 @@ public:
     // reason than the wait (logged at level 7; nothing is held and the
     // holder fields are untouched): the caller must not Unlock then.
     // `file` must be a string literal (the caller's __FILE__): it is kept.
+    // A free lock is taken at once, without reading the clock for the wait.
     bool Lock(const char* file, int line)
     {
-        for (;;) {
+        while (pthread_mutex_trylock(&m_mutex) != 0) {
             // time(NULL) lags CLOCK_REALTIME by up to a tick, so a deadline
             // built from it can already have passed: a burst of reports.
             timespec deadline;
@@ -133,12 +134,27 @@ private:
         if (m_lock_count == 0) {
             m_lock_file = file;
             m_lock_line = line;
-            m_lock_tid = dbg_gettid();
+            m_lock_tid = ThreadId();
         }
         m_lock_count = m_lock_count + 1;
         m_step_file = file;
         m_step_line = line;
     }
+
+    // The caller's kernel thread id, cached per thread: a gettid system
+    // call per lock would be one per row of a result. A forked child runs
+    // with a new id, so the child of every fork forgets the cached one.
+    static pid_t ThreadId()
+    {
+        if (m_threadId == 0) {
+            static const bool forgetInChildren = pthread_atfork(nullptr, nullptr, ForgetThreadId) == 0;
+            (void)forgetInChildren;
+            m_threadId = dbg_gettid();
+        }
+        return m_threadId;
+    }
+    static void ForgetThreadId() { m_threadId = 0; }
+    static inline thread_local pid_t m_threadId = 0;
 
     // The holder fields are written by the holder and read without the lock
     // by waiters' reports: relaxed atomics, a stale report is acceptable.

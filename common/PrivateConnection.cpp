@@ -257,13 +257,17 @@ int PrivateConnection::Print(const char* format, ...)
 int PrivateConnection::ReadIncompleteLine(int maxLen, int* currPos)
 {
     MutexGuard io(m_ioLock, __FILE__, __LINE__);
-    if (!m_link) return -EINVAL;
     int start = 0;
-    int* pos = currPos ? currPos : &start;
+    return ReadPiece(maxLen, currPos ? *currPos : start);
+}
+
+int PrivateConnection::ReadPiece(int maxLen, int& pos)
+{
+    if (!m_link) return -EINVAL;
     maxLen = std::min(maxLen, m_maxLineLen);
     for (;;) {
         int size = std::min(maxLen, m_lineCap);
-        int n = m_link->ReadIncompleteLine(m_line, size, pos);
+        int n = m_link->ReadIncompleteLine(m_line, size, &pos);
         // The buffer filled up without a terminator while the line may be
         // longer: grow it and read on from there.
         bool full = n == size - 1 && m_line[n] == '\0';
@@ -283,6 +287,7 @@ bool PrivateConnection::LineRoom(int size)
     return true;
 }
 
+// The one lock of a row: Close from another thread waits for the read.
 int PrivateConnection::ReadLine()
 {
     MutexGuard io(m_ioLock, __FILE__, __LINE__);
@@ -294,20 +299,20 @@ int PrivateConnection::ReadAnswerLine(int depth)
     // A short first read, so that the marker and a short remainder after it
     // are taken without reading into the next answer.
     int pos = 0;
-    int n = ReadIncompleteLine(10, &pos);
+    int n = ReadPiece(10, pos);
     if (n < 0) return n;
     m_eof = m_line[0] == kEndMarker;
     if (m_eof) {
         pos = 0;
-        if (ReadIncompleteLine(9, &pos) < 0 || strncmp(m_line, kErrorPrefix, sizeof kErrorPrefix - 1) != 0)
+        if (ReadPiece(9, pos) < 0 || strncmp(m_line, kErrorPrefix, sizeof kErrorPrefix - 1) != 0)
             return n;
-        (void)ReadIncompleteLine(m_maxLineLen, &pos);
+        (void)ReadPiece(m_maxLineLen, pos);
         m_lastError.assign(m_line, static_cast<size_t>(pos));
         if (depth < kMaxErrorChain) (void)ReadAnswerLine(depth + 1);
         return -EIO;
     }
     // Nine bytes without a terminator: the line goes on.
-    if (n == 9) return ReadIncompleteLine(m_maxLineLen, &pos);
+    if (n == 9) return ReadPiece(m_maxLineLen, pos);
     return n;
 }
 

@@ -139,6 +139,8 @@ private:
     bool ConnectFailed(int err);
     bool LineRoom(int size);
     int ReadAnswerLine(int depth);
+    // ReadIncompleteLine for a caller that holds m_ioLock.
+    int ReadPiece(int maxLen, int& pos);
     void DebugLine(int line, const char* function) const;
 
     // The line buffer holds m_lineCap bytes and grows on demand up to

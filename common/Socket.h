@@ -65,6 +65,8 @@ public:
     void JamTogehter(bool on) override;
     // Looks without waiting; see Sock. Bytes found are kept in the read-ahead.
     int Pending() override;
+    // A span of the read-ahead; see Sock. 0 also while a FILE view exists.
+    size_t ReadBuffered(char* buf, size_t len) override;
 
     // Additions that change nothing while 0, their default. The longest a
     // Connect may take, and the longest each wait inside read() (flags 0)
@@ -95,7 +97,9 @@ private:
     bool LinkDead() const;
     int ConnectBounded();
     int Await(short events, const TimeSpan& waiting);
-    void Received(size_t n);
+    void AcknowledgeNow();
+    void HandedOut(size_t n);
+    void Filled(size_t n);
     void Sent(size_t n);
     ssize_t Fetch(char* buf, size_t len, int flags);
     size_t Buffered() const { return m_aheadEnd - m_aheadPos; }
@@ -109,8 +113,6 @@ private:
     char* m_ahead;
     size_t m_aheadPos;
     size_t m_aheadEnd;
-    // Coarse-clock time of the last restart of the receive clock.
-    timespec m_rxTick;
     int m_connectTimeoutMs = 0;
     int m_waitTimeoutMs = 0;
     int m_connectErrno = 0;

@@ -20,6 +20,7 @@ SqlWrapper::SqlWrapper(const SockAddr* addr, const char* comment, int maxLineLen
     : PrivateConnection(addr, maxLineLen, comment ? comment : "SQL Wrapper")
 {
     m_retryCount = retryCount;
+    for (char stop : {m_escape, m_separator, '\n', '\0'}) m_columnStop[static_cast<unsigned char>(stop)] = true;
     safe_mem_object(kFile, __LINE__, "SqlWrapper", this);
 }
 
@@ -232,9 +233,10 @@ bool SqlWrapper::NextParsed(char** columns, int& columnCount)
         char* start = line + pos;
         const int index = found++;
         if (index < capacity) columns[index] = start;
-        for (; pos < len; pos++) {
-            char c = line[pos];
-            if (c == m_escape) {
+        for (;;) {
+            while (!m_columnStop[static_cast<unsigned char>(line[pos])]) pos++;
+            if (pos >= len) break;
+            if (line[pos] == m_escape) {
                 if (pos == len - 1) {
                     line[pos] = '\0';
                     columnCount = found;
@@ -243,47 +245,71 @@ bool SqlWrapper::NextParsed(char** columns, int& columnCount)
                 memmove(start + 1, start, static_cast<size_t>(line + pos - start));
                 start++;
                 if (index < capacity) columns[index] = start;
-                pos++;  // the escaped character stays as it is
-            } else if (c == m_separator || c == '\n') {
-                line[pos++] = '\0';
-                break;
+                pos += 2;  // the escaped character stays as it is
+                continue;
             }
+            line[pos++] = '\0';  // a separator or a line feed
+            break;
         }
     }
     columnCount = found;
     return true;
 }
 
-bool SqlWrapper::TakeRow(int maxColumns, size_t& count)
+// Two uncontended locks per row remain, both for Close from another
+// thread: this check's (the link may be going) and the line read's.
+int SqlWrapper::TakeRow(int maxColumns)
 {
-    if (!Connected()) return false;
+    if (!Connected()) return -1;
     if (maxColumns <= 0) maxColumns = m_maxColCount;
     const int capacity = std::min(std::max(maxColumns, 1), MAX_COLUMNS);
-    // Grown once and never cleared: NextParsed sets every entry read back,
-    // so a wide cap costs nothing per row.
-    if (m_split.size() < static_cast<size_t>(capacity)) m_split.resize(static_cast<size_t>(capacity));
+    if (m_columns.size() < static_cast<size_t>(capacity)) m_columns.resize(static_cast<size_t>(capacity));
     int found = capacity;
-    if (!NextParsed(m_split.data(), found)) return false;
-    if (m_wholeRows && found > capacity) return Failed("more than " + std::to_string(capacity) + " columns");
-    count = static_cast<size_t>(std::min(found, capacity));
-    return true;
+    if (!NextParsed(m_columns.data(), found)) return -1;
+    if (m_wholeRows && found > capacity) {
+        (void)Failed("more than " + std::to_string(capacity) + " columns");
+        return -1;
+    }
+    return std::min(found, capacity);
 }
 
+// The strings of the caller's previous row are overwritten, so a caller
+// that keeps its vector allocates nothing after the first rows.
 bool SqlWrapper::Next(std::vector<std::string>& row, int maxColumns)
 {
-    size_t count;
-    if (!TakeRow(maxColumns, count)) return false;
-    row.assign(m_split.begin(), m_split.begin() + static_cast<long>(count));
+    int taken = TakeRow(maxColumns);
+    if (taken < 0) return false;
+    row.assign(m_columns.begin(), m_columns.begin() + taken);
     return true;
 }
 
+// The map's nodes are taken out and refilled, keys and values assigned in
+// place: the same map passed row after row allocates nothing once warm.
 bool SqlWrapper::Next(std::map<std::string, std::string>& row, int maxColumns)
 {
-    size_t count;
-    if (!TakeRow(maxColumns, count)) return false;
-    row.clear();
-    size_t named = std::min(count, m_column_names.size());
-    for (size_t i = 0; i < named; i++) row[m_column_names[i]] = m_split[i];
+    int taken = TakeRow(maxColumns);
+    if (taken < 0) return false;
+    while (!row.empty()) m_spareNodes.push_back(row.extract(row.begin()));
+    size_t named = std::min(static_cast<size_t>(taken), m_column_names.size());
+    for (size_t i = 0; i < named; i++) {
+        const std::string& name = m_column_names[i];
+        auto it = row.find(name);
+        if (it != row.end()) {
+            it->second = m_columns[i];  // a later column of the same name wins
+        } else if (m_spareNodes.empty()) {
+            row.emplace(name, m_columns[i]);
+        } else {
+            auto node = std::move(m_spareNodes.back());
+            m_spareNodes.pop_back();
+            node.key() = name;
+            node.mapped() = m_columns[i];
+            row.insert(std::move(node));
+        }
+    }
+    // A map that held more than a row (a caller's own entries) leaves its
+    // surplus to be freed here rather than kept.
+    if (m_spareNodes.size() > named)
+        m_spareNodes.erase(m_spareNodes.begin() + static_cast<std::ptrdiff_t>(named), m_spareNodes.end());
     return true;
 }
 

@@ -97,8 +97,10 @@ public:
 private:
     // Connect attempts within the shared count, with their messages.
     bool ConnectCounted(int& count);
-    // Splits the next row into m_split; count: the columns taken.
-    bool TakeRow(int maxColumns, size_t& count);
+    // Splits the next row into m_columns: how many columns it took (the
+    // first ones found, at most maxColumns), or -1 when no row came (or,
+    // with whole rows asked for, the row had more columns than that).
+    int TakeRow(int maxColumns);
     // The statement rules checked before anything is sent.
     bool StatementOk(const char* statement);
     // Records why the statement failed; false.
@@ -114,11 +116,16 @@ private:
     char m_separator = '|';
     bool m_haveLine = false;
     std::vector<std::string> m_column_names;
-    std::vector<char*> m_split;  // the current row's columns, in Line()
     int m_maxColCount = 30;
     bool m_rv = false;
     std::string m_reason;
     // Rows handed out since the header of the current result.
     long m_rows = 0;
     bool m_wholeRows = false;
+    // The bytes that end a run of plain column text: escape, separator,
+    // line feed and the line's end.
+    bool m_columnStop[256] = {};
+    // Kept from row to row so that taking a row allocates nothing.
+    std::vector<char*> m_columns;
+    std::vector<std::map<std::string, std::string>::node_type> m_spareNodes;
 };

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -150,6 +151,25 @@ TEST(Mutex, BlockedWaiterReportsHolderRepeatedly)
                          "] holder.cpp:100 still holds). <--------------- [holder.cpp:";
     EXPECT_NE(seen.find(prefix + "100]\n"), std::string::npos) << seen;
     EXPECT_NE(seen.find(prefix + "150]\n"), std::string::npos) << seen;
+}
+
+// The holder id is cached per thread; a child forked while its parent
+// holds a lock runs with a new id and must record that one, not the
+// parent's, when it locks.
+TEST(Mutex, ChildForkedWhileLockedRecordsItsOwnId)
+{
+    Mutex held(true), inChild(false);
+    held.Lock(__FILE__, __LINE__);
+    ASSERT_EQ(held.LockTid(), dbg_gettid());
+    pid_t pid = fork();
+    if (pid == 0) {
+        inChild.Lock(__FILE__, __LINE__);
+        _exit(inChild.LockTid() == dbg_gettid() && dbg_gettid() != held.LockTid() ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    held.Unlock();
 }
 
 struct Listed : ListedObj<Listed> {

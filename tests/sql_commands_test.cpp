@@ -135,6 +135,31 @@ TEST_F(SqlCommands, FileLinesKeepTheirNumbersAndFailuresDoNotStopTheRun)
     EXPECT_EQ(last.status, 254);
 }
 
+// Rows to a pipe are fully buffered; the tool's own messages still follow
+// the rows printed before them when both streams share one pipe.
+TEST_F(SqlCommands, MessagesKeepTheirPlaceAmongBufferedRows)
+{
+    std::string path = WriteFile("SELECT 1 AS a;\nSELEC 2;\nSELECT 3 AS c;\n");
+    const char* rowsA = "Line #\t\"a\"\n1.\t\"1\"\t\n";
+    std::string syntax = "Error: near \"SELEC\": syntax error";
+    struct Case {
+        std::vector<std::string> args;
+        std::string output;
+    } cases[] = {
+        {{"sql_file", Server(), path},
+         Connecting() + rowsA + path + ":2 [" + syntax + "] SELEC 2;\nLine #\t\"c\"\n1.\t\"3\"\t\n"},
+        {{"sql", Server(), "SELECT 1 AS a;", "SELEC 2;"},
+         Connecting() + rowsA + "--------------- N e x t   q u e r y --------------\n" +
+             "SqlWrapper:Exec() - failed (" + syntax + "): " + syntax + ".\n"},
+        {{"sql", Server(), "--server=bad"}, Connecting() + "Invalid IPv4 address: \"bad\".\n"},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> argv = TargetArgv(VTEST_BINARY, c.args);
+        argv.insert(argv.begin(), {"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1"});
+        EXPECT_EQ(OperatorErrors(RunProgram(argv).out), c.output) << c.args.back();
+    }
+}
+
 TEST_F(SqlCommands, StandardInputAndRepeatedOptions)
 {
     RunResult r = RunVtest({"sql", "--pairs", Server(), "--stdin", Server(), "--pairs"},

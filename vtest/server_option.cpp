@@ -12,6 +12,7 @@
 bool parse_server_option(const char* text, SockAddr& addr)
 {
     if (!addr.Parse(AF_INET, text)) {
+        fflush(stdout);  // an earlier "Connecting" line may wait in the buffer
         fprintf(stderr, "Invalid IPv4 address: \"%s\".\n", text);
         return false;
     }

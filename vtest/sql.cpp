@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -12,6 +13,7 @@
 #include "ScriptReader.h"
 #include "commands.h"
 #include "db_limits.h"
+#include "line_writer.h"
 #include "server_option.h"
 #include "sql_wrapper.h"
 #include "timeout_option.h"
@@ -27,9 +29,21 @@ struct SqlOptions {
     int timeout = 0;  // seconds; 0: connect and greeting bounded by default, answers not
 };
 
+// Rows are fully buffered on a file or pipe: what is printed so far goes
+// out first, so the tool's own messages keep their place among the rows.
+void sql_error(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void sql_error(const char* format, ...)
+{
+    fflush(stdout);
+    va_list args;
+    va_start(args, format);
+    vfprintf(stderr, format, args);
+    va_end(args);
+}
+
 int missing_statement(bool isFile)
 {
-    fprintf(stderr, "Missing parameter: SQL statement%s.\n", isFile ? " file" : "");
+    sql_error("Missing parameter: SQL statement%s.\n", isFile ? " file" : "");
     return -1;
 }
 
@@ -40,49 +54,52 @@ void cut_trailing_blanks(char* statement)
     while (len > 1 && (statement[len - 1] == ' ' || statement[len - 1] == '\t')) statement[--len] = '\0';
 }
 
+LineWriter g_out;
+
 void print_plain_header(const std::vector<std::string>& names)
 {
-    fputs("Line #", stdout);
-    for (const std::string& name : names) printf("\t\"%s\"", name.c_str());
-    putchar('\n');
+    g_out.Text("Line #");
+    for (const std::string& name : names) g_out.Text("\t\"").Text(name).Char('"');
+    g_out.End();
 }
 
 void print_plain_row(int n, const std::vector<std::string>& row)
 {
-    printf("%d.\t", n);
-    for (const std::string& value : row) printf("\"%s\"\t", value.c_str());
-    putchar('\n');
+    g_out.Int(n).Text(".\t");
+    for (const std::string& value : row) g_out.Char('"').Text(value).Char('"').Char('\t');
+    g_out.End();
 }
 
 void print_pairs_row(int n, const std::map<std::string, std::string>& row)
 {
     if (n == 1) {
-        fputs("Line #", stdout);
-        for (const auto& column : row) printf("\t\"%s\"", column.first.c_str());
-        putchar('\n');
+        g_out.Text("Line #");
+        for (const auto& column : row) g_out.Text("\t\"").Text(column.first).Char('"');
+        g_out.End();
     }
-    printf("%d.\t", n);
-    for (const auto& column : row) printf("%s\t", column.second.c_str());
-    putchar('\n');
+    g_out.Int(n).Text(".\t");
+    for (const auto& column : row) g_out.Text(column.second).Char('\t');
+    g_out.End();
 }
 
 // Plain mode prints the header as soon as rows are announced, in the
 // server's order, values quoted; pairs mode prints it with the first row
 // only, in sorted order, values bare. Scripts rely on both layouts. Every
 // row gets a value per column: the server sends no separator for trailing
-// empty values. False when a fetch failed; the rows before it stay printed.
+// empty values. The row containers live across rows so that their strings
+// are reused. False when a fetch failed; the rows before it stay printed.
 bool print_rows(SqlWrapper& sql, bool pairs)
 {
     const std::vector<std::string>& names = sql.GetHeaders();
+    std::map<std::string, std::string> pairsRow;
+    std::vector<std::string> row;
     if (!pairs) print_plain_header(names);
     for (int n = 1;; n++) {
         if (pairs) {
-            std::map<std::string, std::string> row;
-            if (!sql.Next(row, 0)) break;
-            for (const std::string& name : names) row.emplace(name, "");
-            print_pairs_row(n, row);
+            if (!sql.Next(pairsRow, 0)) break;
+            for (const std::string& name : names) pairsRow.emplace(name, "");
+            print_pairs_row(n, pairsRow);
         } else {
-            std::vector<std::string> row;
             if (!sql.Next(row, 0)) break;
             if (row.size() < names.size()) row.resize(names.size());
             print_plain_row(n, row);
@@ -109,7 +126,7 @@ int scan_options(int argc, char** argv, SqlOptions& options)
             options.serverGiven = true;
         } else if (strncmp(arg, "--timeout=", 10) == 0) {
             if (!parse_timeout_seconds(arg + 10, options.timeout)) {
-                fprintf(stderr, "Invalid timeout: %s.\n", arg + 10);
+                sql_error("Invalid timeout: %s.\n", arg + 10);
                 return -1;
             }
         } else if (strcmp(arg, "--pairs") == 0) {
@@ -145,18 +162,18 @@ int run_lines(SqlWrapper& sql, int fd, const char* name, bool pairs)
         ScriptReader::Result next = reader.Next();
         if (next == ScriptReader::kEnd) return rv;
         if (next == ScriptReader::kError) {
-            fprintf(stderr, "Unable to read %s: %s.\n", name, strerror(reader.Errno()));
+            sql_error("Unable to read %s: %s.\n", name, strerror(reader.Errno()));
             return -ENOENT;
         }
         if (next == ScriptReader::kRefused) {
-            fprintf(stderr, "%s:%d [%s] %s\n", name, reader.Number(), reader.Reason().c_str(),
+            sql_error("%s:%d [%s] %s\n", name, reader.Number(), reader.Reason().c_str(),
                     reader.Preview().c_str());
             rv = -ENOENT;
             continue;
         }
         std::string line = reader.Text();
         rv = exec_sql(sql, &line[0], pairs, false);
-        if (rv != 0) fprintf(stderr, "%s:%d [%s] %s\n", name, reader.Number(), failure(sql).c_str(), line.c_str());
+        if (rv != 0) sql_error("%s:%d [%s] %s\n", name, reader.Number(), failure(sql).c_str(), line.c_str());
     }
 }
 
@@ -171,27 +188,30 @@ int open_input(const SqlOptions& options, const char* name)
     // The name printed is the other source's: "stdin" for a file, the
     // file-name argument for standard input. Kept as the tool has always
     // printed it.
-    fprintf(stderr, "Unable to open file: %s\n", options.stdinInput ? name : "stdin");
+    sql_error("Unable to open file: %s\n", options.stdinInput ? name : "stdin");
     return -1;
 }
 
 }  // namespace
 
+// Each statement's output is flushed when it ends.
 int exec_sql(SqlWrapper& sql, char* statement, bool pairs, bool verbose)
 {
     cut_trailing_blanks(statement);
-    if (sql.Exec(statement) && (sql.Eof() || print_rows(sql, pairs))) return 0;
-    if (verbose) {
-        // After the rows already printed, not among them.
+    if (sql.Exec(statement) && (sql.Eof() || print_rows(sql, pairs))) {
         fflush(stdout);
+        return 0;
+    }
+    if (verbose) {
         std::string why = failure(sql);
-        fprintf(stderr, "SqlWrapper:Exec() - failed (%s): %s.\n", why.c_str(), why.c_str());
+        sql_error("SqlWrapper:Exec() - failed (%s): %s.\n", why.c_str(), why.c_str());
     }
     return -ENOENT;
 }
 
 int main_sql(int argc, char** argv)
 {
+    stdout_buffer_fully();
     SqlOptions options;
     options.isFile = strcmp(argv[1], "sql_file") == 0;
     if (argc < 3) return missing_statement(options.isFile);

@@ -71,6 +71,7 @@ enum class EmulationGap {
     Ptrace,         // ptrace(2) and backtraces taken through it (never there)
     SetIdPrograms,  // set-user-id and set-group-id executables of this tree (never there)
     ProcSelfExe,    // /proc/self/exe naming the emulated program to stat(2) as well as open(2) (never there)
+    Transparent,    // IP_TRANSPARENT, with which simulated units answer from their own addresses (probed)
 };
 
 // Why a test that needs `gap` cannot run under emulation, or empty when it
