@@ -242,9 +242,8 @@ const char* SmtpClient::Exchange(std::list<std::string>& resp, bool secret, int 
     int rv = m_link.vprintf(format, args);
     m_link.UpdateRxTime();
     if (Debug()) {
-        const char* text = m_link.TxBuffer() + strspn(m_link.TxBuffer(), "\r\n");
-        syslog_safe(7, "DBG %s:%d %.*s", kFile, __LINE__, static_cast<int>(strcspn(text, "\r\n")),
-                    secret ? kHidden : text);
+        const char* text = secret ? kHidden : m_link.TxBuffer() + strspn(m_link.TxBuffer(), "\r\n");
+        syslog_safe(7, "DBG %s:%d %.*s", kFile, __LINE__, static_cast<int>(strcspn(text, "\r\n")), text);
         syslog_safe(7, "DBG %s:%d %s", kFile, __LINE__, kRule);
     }
     if (rv < 0) {

@@ -112,6 +112,8 @@ TEST_F(MailCommand, SendsTheExactBytes)
         {"login, leading dots, replies cut at every byte, --debug", {"--user=user", "--password=pass", "--debug"},
          SmtpScript(login, 99, {}, cut), 0, kOk, "", Sent(login, Header("\n") + "..lead\nmid\n..\nend\r\n.\r\n"), 1,
          ".lead\nmid\n.\nend"},
+        {"--debug with a one-byte password: still \"*****\"", {"--user=user", "--password=p", "--debug"},
+         SmtpScript(SmtpTurns(true, "\n", "cA=="), 99), 0, kOk, "", "QUIT\n", 1},
         {"8-bit body, 998-byte subject", {}, SmtpScript(plain, 99), 0, kOk, "",
          Sent(plain, Header("\n", kMime, subject998) + "\xc3\xa4\n\r\n.\r\n"), 1, "\xc3\xa4\n", "127.0.0.1:%d",
          subject998},
