@@ -328,15 +328,16 @@ bool SmtpClient::Expect(Step step, const char* reply, const char* code)
     return Fail(step, reply ? 0 : m_replyErrno);
 }
 
-// While the server still talks (a refusal or a malformed reply outside the
-// data), QUIT and its reply come before the close; after a time-out, a
+// While the server still talks (a refusal, a malformed reply outside the
+// data, or a command too long to send), QUIT and its reply come before the close; after a time-out, a
 // lost connection or a failed write nothing more is sent.
 bool SmtpClient::Fail(Step step, int err)
 {
     m_stage = step;
     m_lastErrno = err;
     m_lastReply = m_replyLine;
-    const bool talking = err == 0 || err == -EBADMSG || err == -ENOTSUP;
+    // -E2BIG: the link refused a command too long for one line; nothing went out.
+    const bool talking = err == 0 || err == -EBADMSG || err == -ENOTSUP || err == -E2BIG;
     if (talking && step != Step::Connect && step != Step::Body && step != Step::Quit) {
         std::list<std::string> resp;
         int limit = m_timeoutMs > 0 ? std::min(m_timeoutMs, kQuitWaitMs) : kQuitWaitMs;

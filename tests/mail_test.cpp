@@ -183,6 +183,9 @@ TEST_F(MailCommand, MalformedSilentAndTricklingServers)
         {"AUTH without LOGIN", {t1, "--user=u", "--password=p"},
          SmtpScript(plain, 1, {Send("250-mx\r\n250-AUTH PLAIN CRAM-MD5\r\n250 ok\r\n"), Expect("QUIT\n"), Send("221 bye\r\n")}),
          6, "", "Error: AUTH LOGIN: AUTH LOGIN not offered by the server\n", ehloQuit, 1},
+        {"a password too long for one line: refused at its step, QUIT", {t1, "--user=user", "--password=" + std::string(6000, 'p')},
+         SmtpScript(SmtpTurns(true), 3, {Send("334 UGFzc3dvcmQ6\r\n"), Expect("QUIT\n"), Send("221 bye\r\n")}), 6, "",
+         "Error: AUTH LOGIN: too long to send as one line\n", "dXNlcg==\nQUIT\n", 1},
         {"LOGIN on the reply's last line", {t1, "--user=user", "--password=pass"}, SmtpScript(loginLast, 99), 0, kOk,
          "", "QUIT\n", 1},
     };
