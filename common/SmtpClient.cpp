@@ -242,9 +242,8 @@ const char* SmtpClient::Exchange(std::list<std::string>& resp, bool secret, int 
     int rv = m_link.vprintf(format, args);
     m_link.UpdateRxTime();
     if (Debug()) {
-        const char* text = m_link.TxBuffer() + strspn(m_link.TxBuffer(), "\r\n");
-        syslog_safe(7, "DBG %s:%d %.*s", kFile, __LINE__, static_cast<int>(strcspn(text, "\r\n")),
-                    secret ? kHidden : text);
+        const char* text = secret ? kHidden : m_link.TxBuffer() + strspn(m_link.TxBuffer(), "\r\n");
+        syslog_safe(7, "DBG %s:%d %.*s", kFile, __LINE__, static_cast<int>(strcspn(text, "\r\n")), text);
         syslog_safe(7, "DBG %s:%d %s", kFile, __LINE__, kRule);
     }
     if (rv < 0) {
@@ -329,15 +328,16 @@ bool SmtpClient::Expect(Step step, const char* reply, const char* code)
     return Fail(step, reply ? 0 : m_replyErrno);
 }
 
-// While the server still talks (a refusal or a malformed reply outside the
-// data), QUIT and its reply come before the close; after a time-out, a
+// While the server still talks (a refusal, a malformed reply outside the
+// data, or a command too long to send), QUIT and its reply come before the close; after a time-out, a
 // lost connection or a failed write nothing more is sent.
 bool SmtpClient::Fail(Step step, int err)
 {
     m_stage = step;
     m_lastErrno = err;
     m_lastReply = m_replyLine;
-    const bool talking = err == 0 || err == -EBADMSG || err == -ENOTSUP;
+    // -E2BIG: the link refused a command too long for one line; nothing went out.
+    const bool talking = err == 0 || err == -EBADMSG || err == -ENOTSUP || err == -E2BIG;
     if (talking && step != Step::Connect && step != Step::Body && step != Step::Quit) {
         std::list<std::string> resp;
         int limit = m_timeoutMs > 0 ? std::min(m_timeoutMs, kQuitWaitMs) : kQuitWaitMs;

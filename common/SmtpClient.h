@@ -74,7 +74,8 @@ public:
     // reply (a line of BufLen() - 1 characters or more, more than 100 lines,
     // or a bare code followed by silence), -ENOTSUP AUTH LOGIN not offered,
     // -ETIMEDOUT, -EPIPE the server closed (or the link went dead), -EINVAL a
-    // refused argument, or the errno of a failed connect or write.
+    // refused argument, -E2BIG a command (a credential's base64 line) of
+    // BufLen() bytes or more, not sent, or the errno of a failed connect or write.
     int LastErrno() const { return m_lastErrno; }
     // The reply to the end of data once accepted, kept when QUIT then
     // fails; else empty.

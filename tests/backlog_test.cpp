@@ -207,6 +207,10 @@ TEST_F(BacklogRun, JsonReadsBackExactly)
                                 "(2, None, None, 'malformed', 'a directory', '')]\n");
     ASSERT_EQ(unlink((m_dir + "/vantor.ver").c_str()), 0);
     EXPECT_EQ(ParseJson(Run({"--json"}).out), "UNKNOWN " + m_dir + "/vantor.ver: missing None []\n");
+    const std::string odd = m_dir + "/\xff";  // a byte that is not UTF-8 still gives JSON
+    ASSERT_EQ(mkdir(odd.c_str(), 0700), 0);
+    EXPECT_EQ(ParseJson(RunVtest({"backlog", "--json", "--dir=" + odd}).out),
+              "UNKNOWN " + m_dir + "/\ufffd/vantor.ver: missing None []\n");
 }
 
 // In /var/local of a private mount namespace (a tmpfs, where 4097 files

@@ -112,6 +112,8 @@ TEST_F(MailCommand, SendsTheExactBytes)
         {"login, leading dots, replies cut at every byte, --debug", {"--user=user", "--password=pass", "--debug"},
          SmtpScript(login, 99, {}, cut), 0, kOk, "", Sent(login, Header("\n") + "..lead\nmid\n..\nend\r\n.\r\n"), 1,
          ".lead\nmid\n.\nend"},
+        {"--debug with a one-byte password: still \"*****\"", {"--user=user", "--password=p", "--debug"},
+         SmtpScript(SmtpTurns(true, "\n", "cA=="), 99), 0, kOk, "", "QUIT\n", 1},
         {"8-bit body, 998-byte subject", {}, SmtpScript(plain, 99), 0, kOk, "",
          Sent(plain, Header("\n", kMime, subject998) + "\xc3\xa4\n\r\n.\r\n"), 1, "\xc3\xa4\n", "127.0.0.1:%d",
          subject998},
@@ -181,6 +183,9 @@ TEST_F(MailCommand, MalformedSilentAndTricklingServers)
         {"AUTH without LOGIN", {t1, "--user=u", "--password=p"},
          SmtpScript(plain, 1, {Send("250-mx\r\n250-AUTH PLAIN CRAM-MD5\r\n250 ok\r\n"), Expect("QUIT\n"), Send("221 bye\r\n")}),
          6, "", "Error: AUTH LOGIN: AUTH LOGIN not offered by the server\n", ehloQuit, 1},
+        {"a password too long for one line: refused at its step, QUIT", {t1, "--user=user", "--password=" + std::string(6000, 'p')},
+         SmtpScript(SmtpTurns(true), 3, {Send("334 UGFzc3dvcmQ6\r\n"), Expect("QUIT\n"), Send("221 bye\r\n")}), 6, "",
+         "Error: AUTH LOGIN: too long to send as one line\n", "dXNlcg==\nQUIT\n", 1},
         {"LOGIN on the reply's last line", {t1, "--user=user", "--password=pass"}, SmtpScript(loginLast, 99), 0, kOk,
          "", "QUIT\n", 1},
     };

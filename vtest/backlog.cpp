@@ -16,6 +16,7 @@
 
 #include "Backlog.h"
 #include "commands.h"
+#include "json_string.h"
 #include "timeout_option.h"
 
 namespace {
@@ -267,24 +268,6 @@ void print_text(const BacklogView& v)
 }
 
 // ---- JSON
-
-std::string json_string(const std::string& text)
-{
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20) {
-            char escape[8];
-            snprintf(escape, sizeof escape, "\\u%04x", c);
-            out += escape;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
-}
 
 // The time in whole Unix seconds and the age (0 when in the future).
 void print_json_time(const timespec& mtime, const timespec& now)

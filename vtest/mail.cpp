@@ -237,6 +237,8 @@ std::string failure_text(const SmtpClient& client, int timeout)
         return reply.empty() ? "malformed reply" : "malformed reply: " + reply;
     case -ENOTSUP:
         return "AUTH LOGIN not offered by the server";
+    case -E2BIG:
+        return "too long to send as one line";
     case -ETIMEDOUT:
         return "timed out after " + std::to_string(timeout) + " s";
     case -EPIPE:
@@ -251,7 +253,7 @@ int failure_status(Step step, int err)
 {
     if (step == Step::Connect) return kExitCannotConnect;
     if (err == -ETIMEDOUT) return kExitTimeout;
-    if (err != 0 && err != -EBADMSG && err != -ENOTSUP) return kExitLost;
+    if (err != 0 && err != -EBADMSG && err != -ENOTSUP && err != -E2BIG) return kExitLost;
     switch (step) {
     case Step::Greeting:
     case Step::Ehlo:
