@@ -18,6 +18,7 @@
 #include "commands.h"
 #include "json_string.h"
 #include "timeout_option.h"
+#include "unit_listing.h"
 
 namespace {
 
@@ -369,7 +370,8 @@ void warn_ignored(const BacklogReading& reading)
 {
     if (reading.ignoredCount == 0) return;
     std::string names;
-    for (const std::string& name : reading.ignored) names += (names.empty() ? "" : ", ") + name;
+    // Escaped, so that a name holding a line end cannot split the one line.
+    for (const std::string& name : reading.ignored) names += (names.empty() ? "" : ", ") + listing_escape(name);
     if (reading.ignoredCount > reading.ignored.size())
         names += ", and " + std::to_string(reading.ignoredCount - reading.ignored.size()) + " more";
     fprintf(stderr, "ignoring files that are not peers: %s\n", names.c_str());
