@@ -4,6 +4,8 @@
 # component "simulator", packaged when sim/ installs one).
 #   cmake --build <dir> && (cd <dir> && cpack -G DEB)
 find_package(Python3 COMPONENTS Interpreter REQUIRED)
+# The handlers tell which commands are built (see gen-cli-docs.py).
+file(GLOB VTEST_HANDLER_SOURCES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/vtest/*.cpp)
 
 set(VTEST_DOCS_DIR ${PROJECT_BINARY_DIR}/docs)
 set(VTEST_MAN_PAGE ${VTEST_DOCS_DIR}/vtest.1)
@@ -15,7 +17,7 @@ add_custom_command(
           --version ${PROJECT_VERSION} --man ${VTEST_MAN_PAGE} --completion ${VTEST_COMPLETION}
   COMMAND gzip -9nf -k ${VTEST_MAN_PAGE}
   DEPENDS ${PROJECT_SOURCE_DIR}/scripts/gen-cli-docs.py ${PROJECT_SOURCE_DIR}/vtest/usage.cpp
-          ${PROJECT_SOURCE_DIR}/vtest/main.cpp ${PROJECT_SOURCE_DIR}/docs/commands.md
+          ${PROJECT_SOURCE_DIR}/vtest/main.cpp ${VTEST_HANDLER_SOURCES} ${PROJECT_SOURCE_DIR}/docs/commands.md
           ${PROJECT_SOURCE_DIR}/docs/man/vtest.1.md
   COMMENT "Generating vtest(1) and its bash completion")
 add_custom_target(vtest-docs ALL DEPENDS ${VTEST_MAN_PAGE} ${VTEST_MAN_PAGE}.gz ${VTEST_COMPLETION})
@@ -45,15 +47,24 @@ if(CMAKE_CROSSCOMPILING AND CMAKE_LIBRARY_ARCHITECTURE STREQUAL "arm-linux-gnuea
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf)
 endif()
 
+# The description names the commands this build has, found in the handlers
+# (a placeholder only calls command_unavailable), so a command that lands
+# changes it without an edit here.
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${VTEST_HANDLER_SOURCES}
+             ${PROJECT_SOURCE_DIR}/scripts/gen-cli-docs.py)
+execute_process(
+  COMMAND ${Python3_EXECUTABLE} ${PROJECT_SOURCE_DIR}/scripts/gen-cli-docs.py --source ${PROJECT_SOURCE_DIR}
+          --version ${PROJECT_VERSION} --package-description
+  OUTPUT_VARIABLE VTEST_PACKAGE_TEXT OUTPUT_STRIP_TRAILING_WHITESPACE RESULT_VARIABLE VTEST_PACKAGE_RV)
+if(NOT VTEST_PACKAGE_RV EQUAL 0)
+  message(FATAL_ERROR "gen-cli-docs.py --package-description failed")
+endif()
 set(CPACK_DEBIAN_VTEST_PACKAGE_NAME vtest)
-set(CPACK_COMPONENT_VTEST_DESCRIPTION "test and diagnostic tool for vantor units
-Runs SQL against a unit's database, monitors tables, discovers and
-re-addresses units, checks backlogs, runs daemon commands, sends a test
-mail, converts times, resets USB hubs and prints ELF information.")
+set(CPACK_COMPONENT_VTEST_DESCRIPTION "test and diagnostic tool for vantor units\n${VTEST_PACKAGE_TEXT}")
 set(CPACK_DEBIAN_SIMULATOR_PACKAGE_NAME vantor-sim)
 set(CPACK_COMPONENT_SIMULATOR_DESCRIPTION "simulated vantor unit for trying vtest
-Serves the database shell, the daemon command channel and discovery on
-one machine. Not for installation on a unit.")
+Serves the database shell (SQL statements and table monitoring) on one
+machine. Not for installation on a unit.")
 
 # Only the tool and the simulator are packaged, each on its own.
 get_cmake_property(VTEST_INSTALL_COMPONENTS COMPONENTS)

@@ -44,9 +44,8 @@ Debuggable::Debuggable(const char* format, va_list args) { Register(format, args
 Debuggable::Debuggable(const Debuggable& other) : Named(other), m_debug(other.m_debug)
 {
     safe_mem_object("Debuggable.cpp", __LINE__, "Debuggable", this);
-    m_listLock.Lock(__FILE__, __LINE__);
+    MUTEX_GUARD(m_listLock);
     m_list.push_back(this);
-    m_listLock.Unlock();
 }
 
 Debuggable& Debuggable::operator=(const Debuggable& other)
@@ -63,36 +62,31 @@ void Debuggable::Register(const char* format, va_list args)
     safe_mem_object("Debuggable.cpp", __LINE__, "Debuggable", this);
     // Virtual dispatch reaches only Named's hook while constructing.
     Rename(format, args);
-    m_listLock.Lock(__FILE__, __LINE__);
+    MUTEX_GUARD(m_listLock);
     m_list.push_back(this);
-    m_listLock.Unlock();
 }
 
 Debuggable::~Debuggable()
 {
     safe_mem_object("Debuggable.cpp", __LINE__, "~Debuggable", this);
-    m_listLock.Lock(__FILE__, __LINE__);
+    MUTEX_GUARD(m_listLock);
     auto it = std::find(m_list.begin(), m_list.end(), this);
     if (it != m_list.end()) m_list.erase(it);
-    m_listLock.Unlock();
 }
 
 bool Debuggable::Debug(void* object, bool /*on*/)
 {
-    m_listLock.Lock(__FILE__, __LINE__);
+    MUTEX_GUARD(m_listLock);
     auto it = std::find(m_list.begin(), m_list.end(), static_cast<Debuggable*>(object));
     bool found = it != m_list.end();
     if (found) m_list.erase(it);
-    m_listLock.Unlock();
     return found;
 }
 
 size_t Debuggable::Count()
 {
-    m_listLock.Lock(__FILE__, __LINE__);
-    size_t n = m_list.size();
-    m_listLock.Unlock();
-    return n;
+    MUTEX_GUARD(m_listLock);
+    return m_list.size();
 }
 
 // The address column is 8 hex digits: the low 32 bits on a 64-bit host.

@@ -12,17 +12,15 @@ public:
     // the address, which UBSan's vptr check would flag.
     __attribute__((no_sanitize("vptr"))) ListedObj()
     {
-        m_objListLock.Lock("ListedObj.hpp", 19);
+        MutexGuard guard(m_objListLock, "ListedObj.hpp", 19);
         m_objList.push_back(static_cast<T*>(this));
-        m_objListLock.Unlock();
     }
     ListedObj(const ListedObj&) : ListedObj() {}
     ListedObj& operator=(const ListedObj&) { return *this; }
     __attribute__((no_sanitize("vptr"))) virtual ~ListedObj()
     {
-        m_objListLock.Lock("ListedObj.hpp", 27);
+        MutexGuard guard(m_objListLock, "ListedObj.hpp", 27);
         m_objList.remove(static_cast<T*>(this));
-        m_objListLock.Unlock();
     }
 
     // Walk m_objList only while holding m_objListLock (recursive).

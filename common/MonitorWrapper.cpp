@@ -11,6 +11,8 @@ namespace {
 
 const char kFile[] = "MonitorWrapper.cpp";
 const char kDefaultName[] = "SQL monitor";
+const char kEndMarker = '\v';
+const char kErrorPrefix[] = "Error: ";
 // The first line after a subscription carries this many characters of the
 // server's own before the change text.
 const size_t kFirstLineSkip = 6;
@@ -68,8 +70,9 @@ bool MonitorWrapper::Stop(bool noWait)
     (void)Thread::Stop(true);
     StopForGood();
     if (noWait) return true;
+    // A thread created but not yet begun is as good as running here.
     TimeSpan waited;
-    while (IsRunning() && waited.DurationMs() < kStopGraceMs) TimeSpan::Sleep(2, 1);
+    while (m_initOK && (!Started() || IsRunning()) && waited.DurationMs() < kStopGraceMs) TimeSpan::Sleep(2, 1);
     return Thread::Stop(false);
 }
 
@@ -85,19 +88,47 @@ void MonitorWrapper::Deliver(const char* line)
     if (!m_destructor.load(std::memory_order_relaxed)) Event(line);
 }
 
+void MonitorWrapper::DeliverRefusal(const char* text)
+{
+    MutexGuard guard(m_callbackLock, __FILE__, __LINE__);
+    if (!m_destructor.load(std::memory_order_relaxed)) Refused(text);
+}
+
 bool MonitorWrapper::Subscribe(int& retry)
 {
-    do {
+    for (;;) {
         if (!ShouldContinue(retry)) return false;
-    } while (!Reconnect());
+        // One attempt per round: the rounds are the retries, a second apart.
+        Close();
+        QuietConnect(m_failing);
+        m_failing = !Connect();
+        if (!m_failing && Request()) return true;
+    }
+}
+
+bool MonitorWrapper::Request()
+{
     std::string words;
     unsigned operations = m_operations.load(std::memory_order_relaxed);
     for (const OperationWord& op : kOperationWords)
         if (operations & op.bit) words += op.word;
     m_first = true;
     (void)Print("monitor %s%s%s", m_table.c_str(), words.c_str(), NEWLINE);
-    // The prompt that answers the subscription.
-    (void)ReadIncompleteLine(strlenPrompt + 1, nullptr);
+    // The answer: the prompt, or the marker and an error line (which the
+    // first read stops at), bounded like the greeting.
+    int n = ReadIncompleteLine(strlenPrompt + 1, nullptr);
+    if (n < 0) return false;
+    if (n == 0 && Line()[0] == kEndMarker) {
+        int pos = 0;
+        n = ReadIncompleteLine(MaxLineLen(), &pos);
+        if (n < 0 || strncmp(Line(), kErrorPrefix, sizeof kErrorPrefix - 1) != 0) return false;
+        Line()[n] = '\0';
+        std::string text = Line();
+        (void)ReadLine();  // the end of the answer
+        DeliverRefusal(text.c_str());
+        return false;
+    }
+    SetupDone();
     return true;
 }
 

@@ -1,6 +1,8 @@
 // Watches one table: a thread of its own holds a connection to the database
 // shell, subscribes with a "monitor" request and hands every pushed line to
 // Event; it reconnects and subscribes again, one second apart, for ever.
+// Only the first failed connect after the start or after a change is
+// logged: the others would repeat it once a second.
 #pragma once
 
 #include <atomic>
@@ -43,6 +45,12 @@ public:
 
     // One change line, on the monitor thread.
     virtual void Event(const char* line) = 0;
+    // Added after Event: the server refused the subscription with an error
+    // line, given without its marker ("Error: ..."); on the monitor thread,
+    // never before the first subscription succeeded or failed. The thread
+    // drops the link and tries again a second later, as after a loss (no
+    // StateChange: it was never subscribed); an owner that gives up stops it.
+    virtual void Refused(const char* /*text*/) {}
 
 protected:
     void* ThreadMain() override;
@@ -52,16 +60,22 @@ protected:
     std::atomic<unsigned> m_operations{0};
 
 private:
-    // Waits a second, reconnects and subscribes; false when stopped.
+    // Waits a second, reconnects and subscribes until the server takes the
+    // subscription; false when stopped.
     bool Subscribe(int& retry);
+    // Sends the request and reads its answer: true when it is the prompt.
+    bool Request();
     void Notify(bool connected);
     void Deliver(const char* line);
+    void DeliverRefusal(const char* text);
 
     bool m_startTried = false;
     bool m_initOK = false;
     std::atomic<bool> m_destructor{false};
     std::string m_table;
     bool m_first = false;
+    // The last connect failed: the next failures are not logged.
+    bool m_failing = false;
     // Held around every callback and while m_destructor is set: once the
     // destructor has it, no callback is running or will start.
     Mutex m_callbackLock{true};

@@ -36,11 +36,15 @@ public:
     Mutex(const Mutex&) = delete;
     Mutex& operator=(const Mutex&) = delete;
 
-    // Blocks until taken; never gives up, only reports. `file` must be a
-    // string literal (the caller's __FILE__): it is kept, not copied.
-    void Lock(const char* file, int line)
+    // Blocks until taken, reporting every m_reportSeconds while it waits:
+    // true once held. False only when pthread refuses the lock for another
+    // reason than the wait (logged at level 7; nothing is held and the
+    // holder fields are untouched): the caller must not Unlock then.
+    // `file` must be a string literal (the caller's __FILE__): it is kept.
+    // A free lock is taken at once, without reading the clock for the wait.
+    bool Lock(const char* file, int line)
     {
-        for (;;) {
+        while (pthread_mutex_trylock(&m_mutex) != 0) {
             // time(NULL) lags CLOCK_REALTIME by up to a tick, so a deadline
             // built from it can already have passed: a burst of reports.
             timespec deadline;
@@ -51,13 +55,14 @@ public:
             if (rv != ETIMEDOUT) {
                 syslog_safe(7, "DBG %s:%d Mutex::Lock() error: rv=%d this=%p.", Text(file), line, rv,
                             static_cast<void*>(this));
-                return;
+                return false;
             }
             syslog_safe(7, "DBG %s:%d Mutex::Lock() blocked ([%d] %s:%d still holds). <--------------- [%s:%d]",
                         Text(file), line, static_cast<int>(m_lock_tid), Text(m_lock_file), static_cast<int>(m_lock_line),
                         Text(m_step_file), static_cast<int>(m_step_line));
         }
         GotLock(file, line, "Lock");
+        return true;
     }
 
     // Takes the lock only if it is free (or already ours); with `flag` a
@@ -129,12 +134,27 @@ private:
         if (m_lock_count == 0) {
             m_lock_file = file;
             m_lock_line = line;
-            m_lock_tid = dbg_gettid();
+            m_lock_tid = ThreadId();
         }
         m_lock_count = m_lock_count + 1;
         m_step_file = file;
         m_step_line = line;
     }
+
+    // The caller's kernel thread id, cached per thread: a gettid system
+    // call per lock would be one per row of a result. A forked child runs
+    // with a new id, so the child of every fork forgets the cached one.
+    static pid_t ThreadId()
+    {
+        if (m_threadId == 0) {
+            static const bool forgetInChildren = pthread_atfork(nullptr, nullptr, ForgetThreadId) == 0;
+            (void)forgetInChildren;
+            m_threadId = dbg_gettid();
+        }
+        return m_threadId;
+    }
+    static void ForgetThreadId() { m_threadId = 0; }
+    static inline thread_local pid_t m_threadId = 0;
 
     // The holder fields are written by the holder and read without the lock
     // by waiters' reports: relaxed atomics, a stale report is acceptable.
@@ -163,16 +183,21 @@ private:
 
 inline int Mutex::m_reportSeconds = 5;
 
-// Holds a Mutex for a scope; every path out unlocks.
+// Holds a Mutex for a scope; every path out unlocks it if Lock took it (a
+// refused Lock is logged and the scope runs unprotected, as it always has).
 class MutexGuard {
 public:
-    MutexGuard(Mutex& m, const char* file, int line) : m_mutex(m) { m_mutex.Lock(file, line); }
-    ~MutexGuard() { m_mutex.Unlock(); }
+    MutexGuard(Mutex& m, const char* file, int line) : m_mutex(m), m_held(m.Lock(file, line)) {}
+    ~MutexGuard()
+    {
+        if (m_held) m_mutex.Unlock();
+    }
     MutexGuard(const MutexGuard&) = delete;
     MutexGuard& operator=(const MutexGuard&) = delete;
 
 private:
     Mutex& m_mutex;
+    bool m_held;
 };
 
 #define MUTEX_LOCK(m) (m).Lock(__FILE__, __LINE__)

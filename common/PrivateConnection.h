@@ -66,6 +66,28 @@ public:
     // Hook for connection state changes; MonitorWrapper calls it.
     virtual void StateChange(bool /*connected*/) {}
 
+    // Additions that change nothing while 0, their default; whole seconds.
+    // connectSeconds bounds each connect; greetingSeconds each wait for a
+    // byte from then to the end of the owner's set-up (the prompt, the
+    // comment's answer, SqlWrapper's directives, MonitorWrapper's
+    // subscription); answerSeconds each wait for a byte after that. A wait
+    // that runs out makes the read give -ETIMEDOUT.
+    void Bounds(int connectSeconds, int greetingSeconds, int answerSeconds);
+    int GreetingSeconds() const { return m_greetingSeconds; }
+    int AnswerSeconds() const { return m_answerSeconds; }
+    // With it on, a failed connect is not logged (retries that would only
+    // repeat the line); the reason is in ConnectFailure() all the same.
+    void QuietConnect(bool on) { m_quietConnect = on; }
+    // Why the last Connect failed, in an operator's words: "connection
+    // refused by <address:port>", "cannot connect to <address:port>:
+    // <strerror>" (a close before the prompt is "Connection reset by peer"),
+    // or "no greeting within T s"; empty after one that succeeded.
+    const std::string& ConnectFailure() const { return m_connectFailure; }
+    // What waits on the connection, looked at without waiting (Sock's
+    // Pending): the bytes, -EPIPE when only the server's close waits or no
+    // link is open, 0 when nothing does.
+    int Pending();
+
     // Takes over an open link (one end of a socket pair, say) as if
     // connected; false, leaving it to the caller, when a link is open.
     bool Adopt(Sock* link);
@@ -82,6 +104,8 @@ public:
     bool Connected();
     // Closes the link's descriptor, keeping the link object.
     void Disconnect();
+    // The server's address (127.0.0.1 port 3543 when none was given).
+    const SockAddr& Address() const { return m_addr; }
     int Retries() const { return m_retryCount; }
     void Retries(int count) { m_retryCount = count; }
     char* Line() { return m_line; }
@@ -92,6 +116,12 @@ public:
 protected:
     // Removes the link; the caller holds m_ioLock.
     void DropLink();
+    // Ends the owner's set-up: from now on waits are bounded by the answer
+    // bound instead of the greeting bound.
+    void SetupDone();
+    // For a read of the owner's set-up: true when `result` is a time-out,
+    // which closes the link and fails the connection ("no greeting ...").
+    bool SetupTimedOut(int result);
 
     Sock* m_link = nullptr;
     std::string m_lastError;
@@ -105,9 +135,22 @@ protected:
 
 private:
     bool OpenLink();
-    bool AwaitPrompt();
+    int AwaitPrompt();
+    bool ConnectFailed(int err);
+    bool LineRoom(int size);
     int ReadAnswerLine(int depth);
+    // ReadIncompleteLine for a caller that holds m_ioLock.
+    int ReadPiece(int maxLen, int& pos);
     void DebugLine(int line, const char* function) const;
+
+    // The line buffer holds m_lineCap bytes and grows on demand up to
+    // m_maxLineLen + 1, so a long limit costs nothing until a line needs it.
+    int m_lineCap = 0;
+    int m_connectSeconds = 0;
+    int m_greetingSeconds = 0;
+    int m_answerSeconds = 0;
+    bool m_quietConnect = false;
+    std::string m_connectFailure;
 
     std::atomic<bool> m_stopForGood{false};
     // Held by the owner's thread for each use of the link, so that Close

@@ -129,27 +129,30 @@ private:
     bool m_wasPending;
 };
 
-// Writes all of buf to fd (-1: discards); false when fd refuses.
-bool secure_write_all(int fd, const char* buf, size_t length)
+// Writes all of buf to fd (-1: discards): 0, or the errno of the refusal.
+int secure_write_all(int fd, const char* buf, size_t length)
 {
     while (fd >= 0 && length > 0) {
         ssize_t n = write(fd, buf, length);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
+        if (n <= 0) return n < 0 ? errno : EIO;
         buf += n;
         length -= static_cast<size_t>(n);
     }
-    return true;
+    return 0;
 }
 
 // Moves what is readable on `stream` to `to`; closes the stream at its end
-// or when `to` refuses the bytes.
-void secure_pump_output(FILE*& stream, int to)
+// or when `to` refuses the bytes, whose errno then goes to *refused (the
+// first one only) when given.
+void secure_pump_output(FILE*& stream, int to, int* refused)
 {
     char buf[16384];
     ssize_t n = read(fileno(stream), buf, sizeof buf);
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) return;
-    if (n <= 0 || !secure_write_all(to, buf, static_cast<size_t>(n))) secure_close_stream(stream);
+    int err = n > 0 ? secure_write_all(to, buf, static_cast<size_t>(n)) : 0;
+    if (err && refused && !*refused) *refused = err;
+    if (n <= 0 || err) secure_close_stream(stream);
 }
 
 // Input waiting to go to the child: read from `from` only when the last
@@ -283,6 +286,11 @@ void Secure::SanitizeFiles(const int* keep)
         secure_close_range(fd, next - 1);
         fd = next + 1;
     }
+    SanitizeStandardFiles();
+}
+
+void Secure::SanitizeStandardFiles()
+{
     FILE* const streams[3] = {stdin, stdout, stderr};
     for (int fd = 0; fd < 3; fd++) {
         struct stat st;
@@ -375,8 +383,9 @@ int Secure::system(const char* command)
     return pclose(child);
 }
 
-int Secure::Pump(POPEN& child, int inFd, int outFd, int errFd)
+int Secure::Pump(POPEN& child, int inFd, int outFd, int errFd, int* outRefused)
 {
+    if (outRefused) *outRefused = 0;
     if (inFd < 0) secure_close_stream(child.fwrite);
     if (child.fwrite) (void)fcntl(fileno(child.fwrite), F_SETFL, O_NONBLOCK);
     SigpipeBlock noSigpipe;
@@ -392,8 +401,8 @@ int Secure::Pump(POPEN& child, int inFd, int outFd, int errFd)
             syslog_safe(3, "<Secure> Waiting for the child's output failed: %s.", strerror(errno));
             return rv;
         }
-        if (fds[0].revents) secure_pump_output(child.fread, outFd);
-        if (fds[1].revents) secure_pump_output(child.ferr, errFd);
+        if (fds[0].revents) secure_pump_output(child.fread, outFd, outRefused);
+        if (fds[1].revents) secure_pump_output(child.ferr, errFd, nullptr);
         if (fds[2].revents) input.Move(child.fwrite);
     }
     return 0;
@@ -416,20 +425,22 @@ FILE* Secure::popen(const char* command, const char* mode)
     // (and a writer's output) stays open until pclose, so the child can
     // still write to it.
     if (reading) secure_close_stream(record->fwrite);
-    MUTEX_LOCK(m_popenLock);
-    m_popenList.push_back(record);
-    m_popenLock.Unlock();
+    {
+        MUTEX_GUARD(m_popenLock);
+        m_popenList.push_back(record);
+    }
     return reading ? record->fread : record->fwrite;
 }
 
 int Secure::pclose(FILE* stream)
 {
     POPEN* record = nullptr;
-    MUTEX_LOCK(m_popenLock);
-    for (POPEN* candidate : m_popenList)
-        if (stream && (candidate->fread == stream || candidate->fwrite == stream)) record = candidate;
-    m_popenList.remove(record);
-    m_popenLock.Unlock();
+    {
+        MUTEX_GUARD(m_popenLock);
+        for (POPEN* candidate : m_popenList)
+            if (stream && (candidate->fread == stream || candidate->fwrite == stream)) record = candidate;
+        m_popenList.remove(record);
+    }
     if (!record) {
         syslog_safe(3, "<Secure> pclose of a stream popen did not hand out.");
         return -1;
@@ -442,6 +453,5 @@ int Secure::pclose(FILE* stream)
 
 void secureInit()
 {
-    MUTEX_LOCK(Secure::m_popenLock);
-    Secure::m_popenLock.Unlock();
+    MUTEX_GUARD(Secure::m_popenLock);
 }

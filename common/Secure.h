@@ -55,6 +55,10 @@ public:
     // means none), and reopens a closed 0, 1 or 2 on /dev/null. Aborts when
     // a standard descriptor cannot be checked or reopened.
     static void SanitizeFiles(const int* keep);
+    // The last step of SanitizeFiles on its own: a closed 0, 1 or 2 is
+    // reopened on /dev/null (0 for reading), so no file opened later takes
+    // a standard number. Aborts as SanitizeFiles does.
+    static void SanitizeStandardFiles();
 
     // ::fork(); the child gets the safe environment, no inherited descriptors
     // past 2 and its effective ids dropped to the real ones. Returns the pid
@@ -82,8 +86,9 @@ public:
     // outFd and errFd as they arrive, until both outputs end. inFd -1 closes
     // the child's input at once; outFd or errFd -1 discards that stream.
     // When a destination refuses writes, the child's stream is closed so the
-    // child sees a broken pipe. Returns 0, or -errno when poll fails.
-    static int Pump(POPEN& child, int inFd, int outFd, int errFd);
+    // child sees a broken pipe; `outRefused`, when given, receives the errno
+    // of outFd's refusal (0: none). Returns 0, or -errno when poll fails.
+    static int Pump(POPEN& child, int inFd, int outFd, int errFd, int* outRefused = nullptr);
 
     // Stream form: mode "r" returns the child's output, "w" its input; any
     // other mode, or a failed start, returns null.

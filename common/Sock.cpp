@@ -1,6 +1,7 @@
 #include "Sock.h"
 
 #include <cerrno>
+#include <cstring>
 
 #include "daemon.h"
 #include "utils.h"
@@ -19,11 +20,14 @@ const int kIdleSleepMs = 100;
 
 bool sock_is_terminator(char c) { return c == '\r' || c == '\n' || c == '\v'; }
 
+// Whether this thread's Sock constructor took the list lock.
+thread_local bool t_listLockHeld = false;
+
 // Evaluated before any base is built: the list lock is then held until the
 // end of Sock's constructor, so a listing never reads a member half made.
 const char* sock_hold_list_lock()
 {
-    ListedObj<Sock>::m_objListLock.Lock(__FILE__, __LINE__);
+    t_listLockHeld = ListedObj<Sock>::m_objListLock.Lock(__FILE__, __LINE__);
     return "Sock";
 }
 
@@ -50,7 +54,7 @@ Sock::Sock(const SockAddr& addr)
     m_rxBuf = static_cast<char*>(safe_mem_zalloc(m_bufLen, __FILE__, __LINE__));
     m_txBuf = static_cast<char*>(safe_mem_zalloc(m_bufLen, __FILE__, __LINE__));
     Rename("Sock %s", m_remote_str);
-    m_objListLock.Unlock();
+    if (t_listLockHeld) m_objListLock.Unlock();
 }
 
 Sock::~Sock()
@@ -91,6 +95,17 @@ int Sock::ReadIncompleteLine(char* buf, int size, int* pos)
     ssize_t last = 0;
     bool terminated = false;
     while (fill < limit && !daemon_should_exit.load(std::memory_order_relaxed) && IsConnected()) {
+        size_t span = ReadBuffered(buf + fill, static_cast<size_t>(limit - fill));
+        if (span > 0) {
+            last = static_cast<ssize_t>(span);
+            fill += static_cast<int>(span);
+            if (sock_is_terminator(buf[fill - 1])) {
+                fill--;
+                terminated = true;
+                break;
+            }
+            continue;
+        }
         last = read(buf + fill, 1, 0);
         if (last > 0) {
             if (sock_is_terminator(buf[fill])) {
@@ -111,6 +126,18 @@ int Sock::ReadIncompleteLine(char* buf, int size, int* pos)
     if (fill < limit) buf[fill + 1] = '\0';
     if (!IsConnected()) return -ESPIPE;
     return last < 0 ? static_cast<int>(last) : fill;
+}
+
+size_t Sock::LineSpan(const char* bytes, size_t len)
+{
+    // Line feeds are the usual end, so the rarer two are only looked for
+    // before the first one.
+    size_t end = len;
+    for (char terminator : {'\n', '\r', '\v'}) {
+        const void* at = memchr(bytes, terminator, end);
+        if (at) end = static_cast<size_t>(static_cast<const char*>(at) - bytes);
+    }
+    return end < len ? end + 1 : len;
 }
 
 int Sock::ReadIncompleteLine(int max, int* pos)

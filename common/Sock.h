@@ -54,16 +54,28 @@ public:
     // only the peer's close waits (or the connection is closed), 0 when
     // nothing does. The base keeps no read-ahead and says 0.
     virtual int Pending() { return 0; }
+    // Added after Pending(): the fast path of line assembly. Moves bytes
+    // already received into buf without waiting, up to and including the
+    // first "\r", "\n" or "\v" and at most len, counted as read() counts
+    // them; returns how many (0: none wait, and line assembly reads one
+    // byte through read(), which waits, polls and checks the link). The
+    // base keeps no read-ahead and says 0, so a class that implements only
+    // read() is read a byte at a time with the same results. A subclass
+    // that overrides read() of a class with a read-ahead overrides this too.
+    virtual size_t ReadBuffered(char* /*buf*/, size_t /*len*/) { return 0; }
 
     // Sends through vprintf: its result.
     int printf(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-    // Assembles one line into buf, one byte at a time from read(), starting
-    // at *pos (0 when pos is null) and stopping at "\r", "\n" or "\v" (left
-    // at buf[result]), at size - 1 characters, or when no byte comes. Stores
-    // the fill position in *pos. Returns the fill position, -ESPIPE when the
-    // connection went away, -EINVAL for a bad size or position, or the
-    // error of read().
+    // Assembles one line into buf, starting at *pos (0 when pos is null)
+    // and stopping at "\r", "\n" or "\v" (left at buf[result]), at size - 1
+    // characters, or when no byte comes. Stores the fill position in *pos.
+    // Returns the fill position, -ESPIPE when the connection went away,
+    // -EINVAL for a bad size or position, or the error of read().
+    // Bytes already received are taken a span at a time (ReadBuffered):
+    // a virtual read, a link check and a clock read per byte cost more than
+    // printing the line. Only when none wait does it read one byte through
+    // read(), waiting, sleeping between tries and checking the exit flag.
     int ReadIncompleteLine(char* buf, int size, int* pos);
     // On the own receive buffer; max is capped at BufLen(), -1 means BufLen().
     int ReadIncompleteLine(int max, int* pos);
@@ -127,6 +139,9 @@ protected:
     // its destructor), so a listing on another thread never calls into a
     // half-built or half-destroyed object. Waits for a listing in progress.
     void Listed(bool on);
+    // The bytes up to and including the first "\r", "\n" or "\v", or len
+    // when there is none: the span ReadBuffered hands out.
+    static size_t LineSpan(const char* bytes, size_t len);
 
     // Written by the owner's thread, read by StatusReport and CloseAll.
     std::atomic<int> m_fd;

@@ -21,8 +21,8 @@ namespace {
 const socklen_t kAddrLen = sizeof(sockaddr_un);
 // "+xxxx " in front of a line sent with checksums.
 const int kChecksumPrefix = 6;
-// The read-ahead buffer: line assembly asks for one byte at a time, and a
-// system call per byte would cap a connection at a few MB/s.
+// The read-ahead buffer: line assembly takes lines from it a span at a
+// time, so the descriptor is read once per 8000 bytes, not per line or byte.
 const size_t kAheadLen = 8000;
 // Reads poll this often while nothing arrives; a write waits this long for room.
 const int kPollMs = 100;
@@ -50,8 +50,7 @@ Socket::Socket(const SockAddr& addr, void* data)
       m_unlinkOnClose(false),
       m_ahead(static_cast<char*>(safe_mem_malloc(kAheadLen, __FILE__, __LINE__))),
       m_aheadPos(0),
-      m_aheadEnd(0),
-      m_rxTick{0, 0}
+      m_aheadEnd(0)
 {
     safe_mem_object("Socket.cpp", __LINE__, "Socket", this);
     Listed(true);
@@ -157,7 +156,7 @@ bool Socket::Connect()
     else if (connect(m_fd, &m_remote.Get().addr, kAddrLen) != 0) err = socket_errno();
     m_connectErrno = err;
     if (err != 0) {
-        syslog_safe(3, "<%s> Unable to connect (%d).", m_remote_str, err);
+        if (!m_quietConnect) syslog_safe(3, "<%s> Unable to connect (%d).", m_remote_str, err);
         // A fresh descriptor for the next try: a failed one is unusable.
         if (fresh) Disconnect();
         return false;
@@ -225,18 +224,21 @@ void Socket::Disconnect()
     }
 }
 
-// The timing options go to SOL_SOCKET, not IPPROTO_TCP, as the system has
-// always done: the kernel's keep-alive timing stays its default.
+// The timing options belong to TCP: at the socket level their numbers are
+// SO_ERROR, SO_DONTROUTE and SO_BROADCAST, and don't-route would keep every
+// packet on the local subnet. A Unix socket has no TCP timing.
 bool Socket::SetKeepAlive(int idle, int interval, int count)
 {
     int on = 1, back = 0;
     socklen_t len = sizeof back;
     if (setsockopt(m_fd, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) != 0) return false;
     if (getsockopt(m_fd, SOL_SOCKET, SO_KEEPALIVE, &back, &len) != 0) return false;
+    sa_family_t family = m_remote.GetAF();
+    if (family != AF_INET && family != AF_INET6) return true;
     const int option[3] = {TCP_KEEPIDLE, TCP_KEEPINTVL, TCP_KEEPCNT};
     const int value[3] = {idle, interval, count};
     for (int i = 0; i < 3; i++)
-        if (value[i]) (void)setsockopt(m_fd, SOL_SOCKET, option[i], &value[i], sizeof value[i]);
+        if (value[i]) (void)setsockopt(m_fd, IPPROTO_TCP, option[i], &value[i], sizeof value[i]);
     return true;
 }
 
@@ -325,25 +327,41 @@ int Socket::Await(short events, const TimeSpan& waiting)
         Disconnect();
         return -EPIPE;
     }
+    if (events == POLLIN) AcknowledgeNow();
     pollfd pfd = {m_fd, events, 0};
     (void)poll(&pfd, 1, slice);
     return 0;
 }
 
-// Line assembly hands out one byte per call, so this is the hot path: the
-// counter has one writer (no locked add), and the receive clock is only
-// restarted when the coarse clock has ticked since the last restart, which
-// keeps it within one tick of the last byte handed out.
-void Socket::Received(size_t n)
+// A peer that holds back a short last segment until the bytes before it
+// are acknowledged (Nagle) would otherwise wait for this side's delayed
+// acknowledgement, 40 ms or more, whenever a reader has taken everything
+// and waits: a long result stalled at every 64 KiB the server wrote.
+void Socket::AcknowledgeNow()
+{
+    sa_family_t family = m_remote.GetAF();
+    if (family != AF_INET && family != AF_INET6) return;
+    int on = 1;
+    (void)setsockopt(m_fd, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+}
+
+// Bytes handed out are counted as they go (one writer, no locked add).
+// The receive clock restarts when bytes come from the descriptor and when
+// the read-ahead runs dry: once per fill rather than per byte or line, and
+// a wait, which starts on an empty read-ahead, measures from the last byte
+// handed out, as it would without one.
+void Socket::HandedOut(size_t n)
 {
     m_rxBytes.store(m_rxBytes.load(std::memory_order_relaxed) + static_cast<unsigned int>(n),
                     std::memory_order_relaxed);
-    timespec tick;
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &tick);
-    if (tick.tv_nsec != m_rxTick.tv_nsec || tick.tv_sec != m_rxTick.tv_sec) {
-        m_rxTick = tick;
-        m_lastRx.Reset();
-    }
+    if (Buffered() == 0) m_lastRx.Reset();
+}
+
+void Socket::Filled(size_t n)
+{
+    m_aheadPos = 0;
+    m_aheadEnd = n;
+    m_lastRx.Reset();
 }
 
 bool Socket::LinkDead() const { return m_linkDeadTimeout != -1 && m_lastRx.Duration() > m_linkDeadTimeout; }
@@ -358,8 +376,7 @@ ssize_t Socket::Fetch(char* buf, size_t len, int flags)
     if (Buffered() == 0 && m_ahead && !m_f && (flags & ~MSG_DONTWAIT) == 0 && len < kAheadLen) {
         ssize_t n = recv(m_fd, m_ahead, kAheadLen, recvFlags);
         if (n <= 0) return n;
-        m_aheadPos = 0;
-        m_aheadEnd = static_cast<size_t>(n);
+        Filled(static_cast<size_t>(n));
     }
     if (Buffered() == 0) return recv(m_fd, buf, len, recvFlags);
     size_t n = std::min(len, Buffered());
@@ -373,7 +390,7 @@ ssize_t Socket::read(void* buf, size_t len, int flags)
     if (len <= Buffered() && !(flags & MSG_PEEK)) {  // the common case of line assembly
         memcpy(buf, m_ahead + m_aheadPos, len);
         m_aheadPos += len;
-        Received(len);
+        HandedOut(len);
         return static_cast<ssize_t>(len);
     }
     char* p = static_cast<char*>(buf);
@@ -383,7 +400,7 @@ ssize_t Socket::read(void* buf, size_t len, int flags)
     while (left > 0) {
         ssize_t n = Fetch(p, left, flags);
         if (n > 0) {
-            Received(static_cast<size_t>(n));
+            HandedOut(static_cast<size_t>(n));
             p += n;
             left -= static_cast<size_t>(n);
             err = 0;
@@ -403,6 +420,17 @@ ssize_t Socket::read(void* buf, size_t len, int flags)
     return err ? -err : static_cast<ssize_t>(len - left);
 }
 
+size_t Socket::ReadBuffered(char* buf, size_t len)
+{
+    if (Buffered() == 0) return 0;
+    const char* from = m_ahead + m_aheadPos;
+    size_t n = LineSpan(from, std::min(len, Buffered()));
+    memcpy(buf, from, n);
+    m_aheadPos += n;
+    HandedOut(n);
+    return n;
+}
+
 int Socket::Pending()
 {
     if (m_fd == -1) return -EPIPE;
@@ -413,10 +441,7 @@ int Socket::Pending()
     ssize_t n = keep ? recv(m_fd, m_ahead, kAheadLen, MSG_DONTWAIT) : recv(m_fd, &peek, 1, MSG_PEEK | MSG_DONTWAIT);
     if (n == 0) return -EPIPE;
     if (n < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? 0 : -errno;
-    if (keep) {
-        m_aheadPos = 0;
-        m_aheadEnd = static_cast<size_t>(n);
-    }
+    if (keep) Filled(static_cast<size_t>(n));
     return static_cast<int>(n);
 }
 
@@ -494,7 +519,8 @@ int Socket::ProcessCompleteLine(char* line, int len)
     return CheckChecksum(line, n);
 }
 
-// TCP_CORK's number at the socket level, as the system has always set it.
+// TCP_CORK's number at the socket level, as the system has always set it:
+// there it is SO_TYPE, which is read-only, so this call changes nothing.
 void Socket::JamTogehter(bool on)
 {
     int value = on;

@@ -33,8 +33,9 @@ public:
     // this object bound.
     void Disconnect() override;
     bool IsConnected() override { return m_fd.load(std::memory_order_relaxed) != -1; }
-    // SO_KEEPALIVE, then the non-zero values at option numbers 4, 5 and 6 of
-    // SOL_SOCKET (their results ignored); false if SO_KEEPALIVE fails.
+    // SO_KEEPALIVE, then on TCP the non-zero values as TCP_KEEPIDLE,
+    // TCP_KEEPINTVL and TCP_KEEPCNT (seconds, seconds, probes; results
+    // ignored); false if SO_KEEPALIVE fails.
     bool SetKeepAlive(int idle, int interval, int count) override;
     // The number of bytes sent; -EAGAIN without a descriptor, -E2BIG for
     // text of BufLen() characters or more (BufLen() - 6 with checksums),
@@ -64,6 +65,8 @@ public:
     void JamTogehter(bool on) override;
     // Looks without waiting; see Sock. Bytes found are kept in the read-ahead.
     int Pending() override;
+    // A span of the read-ahead; see Sock. 0 also while a FILE view exists.
+    size_t ReadBuffered(char* buf, size_t len) override;
 
     // Additions that change nothing while 0, their default. The longest a
     // Connect may take, and the longest each wait inside read() (flags 0)
@@ -76,6 +79,8 @@ public:
     int WaitTimeout() const { return m_waitTimeoutMs; }
     // The errno of the last failed Connect, 0 after a successful one.
     int ConnectErrno() const { return m_connectErrno; }
+    // With it on, a failed Connect is not logged (an owner's quiet retries).
+    void QuietConnect(bool on) { m_quietConnect = on; }
 
     // A line beginning with "+" must carry "+<hex sum> " of the rest: the
     // rest is moved to the start and its length returned (len updated).
@@ -92,7 +97,9 @@ private:
     bool LinkDead() const;
     int ConnectBounded();
     int Await(short events, const TimeSpan& waiting);
-    void Received(size_t n);
+    void AcknowledgeNow();
+    void HandedOut(size_t n);
+    void Filled(size_t n);
     void Sent(size_t n);
     ssize_t Fetch(char* buf, size_t len, int flags);
     size_t Buffered() const { return m_aheadEnd - m_aheadPos; }
@@ -106,9 +113,8 @@ private:
     char* m_ahead;
     size_t m_aheadPos;
     size_t m_aheadEnd;
-    // Coarse-clock time of the last restart of the receive clock.
-    timespec m_rxTick;
     int m_connectTimeoutMs = 0;
     int m_waitTimeoutMs = 0;
     int m_connectErrno = 0;
+    bool m_quietConnect = false;
 };

@@ -64,11 +64,13 @@ bool Thread::Start(bool noWait)
     int rv = pthread_attr_setstacksize(&attributes, m_stackSize);
     if (rv != 0) syslog_safe(4, "Stack size %u refused for '%s' (%d), default used.", m_stackSize, Name(), rv);
 
-    m_objListLock.Lock("Thread.cpp", 59);
-    // A created thread that has not begun yet counts as started too.
-    bool startedBefore = Tid() != -1 || ThreadId() != kNoThread;
-    if (!startedBefore) m_shouldStop.store(false, std::memory_order_relaxed);
-    m_objListLock.Unlock();
+    bool startedBefore;
+    {
+        MutexGuard guard(m_objListLock, "Thread.cpp", 59);
+        // A created thread that has not begun yet counts as started too.
+        startedBefore = Tid() != -1 || ThreadId() != kNoThread;
+        if (!startedBefore) m_shouldStop.store(false, std::memory_order_relaxed);
+    }
     if (startedBefore) {
         pthread_attr_destroy(&attributes);
         return false;
@@ -92,10 +94,11 @@ void* Thread::ThreadCB(void* object)
     Thread* self = static_cast<Thread*>(object);
     bool wasDetached = self->m_detached.load(std::memory_order_relaxed);
     self->m_threadId.store(pthread_self(), std::memory_order_relaxed);
-    // Running before the id is published, so Start() returning means both.
+    // Running and named for the kernel before the id is published, so
+    // Start() returning means all three.
     self->m_running.store(true, std::memory_order_relaxed);
-    self->m_tid.store(dbg_gettid(), std::memory_order_relaxed);
     self->PublishName();
+    self->m_tid.store(dbg_gettid(), std::memory_order_relaxed);
     if (m_generalDebug.load(std::memory_order_relaxed))
         syslog_safe(7, "DBG %s:%d Started (%s).", "Thread.cpp", 209, self->Name());
 
@@ -103,7 +106,7 @@ void* Thread::ThreadCB(void* object)
 
     if (m_generalDebug.load(std::memory_order_relaxed))
         syslog_safe(7, "DBG %s:%d Ended (%s).", "Thread.cpp", 211, self->Name());
-    m_objListLock.Lock("Thread.cpp", 213);
+    MutexGuard guard(m_objListLock, "Thread.cpp", 213);
     if (self->m_delete.load(std::memory_order_relaxed)) {
         // Nobody will join a thread whose object is gone.
         if (!self->m_detached.exchange(true)) pthread_detach(pthread_self());
@@ -113,7 +116,6 @@ void* Thread::ThreadCB(void* object)
         // as soon as this is seen.
         self->m_running.store(false, std::memory_order_release);
     }
-    m_objListLock.Unlock();
     return result;
 }
 
@@ -150,12 +152,11 @@ bool Thread::Join()
 
 void Thread::Detach()
 {
-    m_objListLock.Lock("Thread.cpp", 145);
+    MutexGuard guard(m_objListLock, "Thread.cpp", 145);
     if (!m_detached.load(std::memory_order_relaxed) && ThreadId() != kNoThread && !m_joined) {
         pthread_detach(ThreadId());
         m_detached.store(true, std::memory_order_relaxed);
     }
-    m_objListLock.Unlock();
 }
 
 void Thread::PublishName() const
@@ -242,9 +243,8 @@ void Thread::SetPriority(int priority) const
 
 void Thread::SignalAllStop()
 {
-    m_objListLock.Lock(__FILE__, __LINE__);
+    MUTEX_GUARD(m_objListLock);
     for (Thread* thread : m_objList) thread->m_shouldStop.store(true, std::memory_order_release);
-    m_objListLock.Unlock();
 }
 
 bool Thread::Fini()
@@ -252,15 +252,12 @@ bool Thread::Fini()
     SignalAllStop();
     for (int round = 0; round < kFiniRounds; round++) {
         TimeSpan::Sleep(1L, 1);
-        m_objListLock.Lock(__FILE__, __LINE__);
-        bool empty = m_objList.empty();
-        m_objListLock.Unlock();
-        if (empty) return true;
+        MUTEX_GUARD(m_objListLock);
+        if (m_objList.empty()) return true;
     }
-    m_objListLock.Lock(__FILE__, __LINE__);
+    MUTEX_GUARD(m_objListLock);
     for (Thread* thread : m_objList)
         syslog_safe(4, "Thread [%d] %s still alive%s.", static_cast<int>(thread->Tid()), thread->Name(),
                     thread->m_detached.load(std::memory_order_relaxed) ? " (detached)" : "");
-    m_objListLock.Unlock();
     return false;
 }

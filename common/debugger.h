@@ -30,7 +30,8 @@ const char* dbg_sig2str(int signal);
 const char* dbg_code2str(int signal, int code);
 
 // Dumps `count` frames: log lines, and with toFile a dump file under
-// /var/local/. info may be null. Returns 0, or -1 when the dump failed.
+// /var/local/. info may be null. Returns 0: each step degrades on its own
+// (no file still logs everything, a missing /proc file is logged).
 int dbg_bt_dump(int signal, siginfo_t* info, void** frames, int count, pid_t tid, int toFile);
 // Appends a file to the log and the dump; 0, or -1 when it cannot be opened.
 int dbg_add_file(const char* path, FILE* dump, int toFile);

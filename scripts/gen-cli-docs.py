@@ -3,17 +3,25 @@
 that define the command line, so neither can drift from the tool:
 
   vtest/main.cpp     the dispatch table: every command word
+  vtest/*.cpp        the handlers: one that only calls command_unavailable()
+                     is a placeholder, and the man page and the package
+                     description say so (nothing to update when it lands)
   vtest/usage.cpp    the usage text: synopsis and one-line description
   docs/commands.md   the command reference: one "## " section per command
-  docs/man/vtest.1.md  the man page's own sections (@USAGE@, @COMMANDS@)
+  docs/man/vtest.1.md  the man page's own sections (@USAGE@, @COMMANDS@,
+                     @AVAILABILITY@)
+
+With --package-description it prints the package's description instead.
 
 Markdown is read in the subset the docs use: headings, paragraphs, "- "
 lists, "|" tables, four-space code blocks, `code`, *emphasis*, **strong**.
 Exits 1 with a message when a source is not in the expected shape.
 """
 import argparse
+import glob
 import re
 import sys
+import textwrap
 
 
 def fail(message):
@@ -62,6 +70,27 @@ def read_usage(path):
 
 def read_command_words(path):
     return re.findall(r'\{\s*"([^"]+)"\s*,', read_table(path, "kCommands"))
+
+
+def placeholder_words(src):
+    """Command words whose handler only reports that it is not built."""
+    handlers = dict(re.findall(r'\{\s*"([^"]+)"\s*,\s*(\w+)\s*\}', read_table(f"{src}/vtest/main.cpp", "kCommands")))
+    bodies = {}
+    for path in sorted(glob.glob(f"{src}/vtest/*.cpp")):
+        text = open(path, encoding="utf-8").read()
+        for m in re.finditer(r"^int (\w+)\(int argc, char\*\* argv\)\n\{\n(.*?)^\}", text, re.S | re.M):
+            bodies[m.group(1)] = m.group(2)
+    return [w for w, h in handlers.items() if "command_unavailable(" in bodies.get(h, "")]
+
+
+def availability(words, placeholders):
+    """One sentence: which commands this build has, and which not yet."""
+    built = [w for w in words if w not in placeholders]
+    text = "Commands in this build: " + ", ".join(built) + ", and the self-test."
+    if placeholders:
+        text += (" Not in this build yet (each says so on standard error and exits 1): "
+                 + ", ".join(placeholders) + ".")
+    return text
 
 
 def read_sections(path):
@@ -180,9 +209,11 @@ def commands_roff(usage, intro, sections):
     return out
 
 
-def man_page(template, usage, intro, sections, version):
-    """The template's sections in roff, with @USAGE@ and @COMMANDS@ filled in."""
-    fills = {"@USAGE@": synopsis_roff(usage, template), "@COMMANDS@": commands_roff(usage, intro, sections)}
+def man_page(template, usage, intro, sections, version, available):
+    """The template's sections in roff, with @USAGE@, @COMMANDS@ and
+    @AVAILABILITY@ filled in."""
+    fills = {"@USAGE@": synopsis_roff(usage, template), "@COMMANDS@": commands_roff(usage, intro, sections),
+             "@AVAILABILITY@": [".PP", roff_line(roff_inline(available))]}
     out, pending = ['.TH VTEST 1 "" "vtest %s" "User Commands"' % version], []
     for line in template.splitlines() + ["# "]:
         if line.startswith("# ") or line.strip() in fills:
@@ -257,12 +288,20 @@ def main():
     ap = argparse.ArgumentParser()
     ap.add_argument("--source", required=True, help="top of the source tree")
     ap.add_argument("--version", required=True)
-    ap.add_argument("--man", required=True, help="man page to write")
-    ap.add_argument("--completion", required=True, help="bash completion to write")
+    ap.add_argument("--man", help="man page to write")
+    ap.add_argument("--completion", help="bash completion to write")
+    ap.add_argument("--package-description", action="store_true", help="print the package's description")
     args = ap.parse_args()
     src = args.source
-    usage = read_usage(f"{src}/vtest/usage.cpp")
     words = read_command_words(f"{src}/vtest/main.cpp")
+    available = availability(words, placeholder_words(src))
+    if args.package_description:
+        print(textwrap.fill("Runs SQL against a vantor unit's database and watches its tables, among other "
+                            "diagnostic and maintenance commands. " + available, 72))
+        return
+    if not args.man or not args.completion:
+        fail("--man and --completion are needed")
+    usage = read_usage(f"{src}/vtest/usage.cpp")
     intro, sections = read_sections(f"{src}/docs/commands.md")
     template = open(f"{src}/docs/man/vtest.1.md", encoding="utf-8").read()
     extra = extra_synopses(template)
@@ -276,7 +315,7 @@ def main():
         fail("synopsis for a word the dispatch does not know: " + ", ".join(unknown))
 
     with open(args.man, "w", encoding="utf-8") as f:
-        f.write(man_page(template, usage, intro, sections, args.version))
+        f.write(man_page(template, usage, intro, sections, args.version, available))
     with open(args.completion, "w", encoding="utf-8") as f:
         f.write(completion(words, usage, extra))
 

@@ -5,9 +5,11 @@
 set -euo pipefail
 
 # binutils and llvm: readelf and llvm-readobj, which the ELF inspector's test
-# holds its report to.
+# holds its report to. tzdata: the zones the time tests compare with zdump,
+# Python's zoneinfo and glibc.
 packages=(build-essential cmake pkg-config libssl-dev libgtest-dev libsqlite3-dev sqlite3
-          clang iproute2 util-linux procps python3 binutils llvm)
+          clang iproute2 util-linux procps python3 binutils llvm tzdata
+          python3-aiosmtpd)
 for group in "$@"; do
   case "$group" in
     arm) packages+=(g++-arm-linux-gnueabihf qemu-user-static man-db

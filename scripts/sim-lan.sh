@@ -17,7 +17,8 @@
 #
 # Environment: SIM_LAN names the pair ("$SIM_LAN-client", "$SIM_LAN-units";
 # default simlan), VANTOR_SIM is the simulator (default
-# build/native/sim/vantor-sim). The simulator's log is in
+# build/native/sim/vantor-sim), SIM_EMULATOR the words that run it when it
+# is built for another machine (qemu-arm-static for the armhf tree). The simulator's log is in
 # ${TMPDIR:-/tmp}/$SIM_LAN.sim.log.
 set -euo pipefail
 
@@ -45,7 +46,7 @@ no_rp_filter() {  # no_rp_filter NAMESPACE DEVICE...
 
 start_sim() {  # start_sim N|FILE SIM-OPTION...
   local spec=$1; shift
-  ip netns exec "$units" "$sim" --listen=127.0.0.1:3543 --discovery-units="$spec" "$@" \
+  ip netns exec "$units" ${SIM_EMULATOR:-} "$sim" --listen=127.0.0.1:3543 --discovery-units="$spec" "$@" \
     >"$state.sim.log" 2>&1 &
   echo $! >"$state.pid"
   for _ in $(seq $ready_tries); do

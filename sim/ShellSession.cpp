@@ -119,15 +119,29 @@ void ShellSession::AnswerError(const char* message)
     Append(kAnswerEnd);
 }
 
-// The answer to a subscription is the bare prompt, whatever happens: the
-// client reads three bytes and then takes every line as a change.
+// The answer to a subscription is the bare prompt (the client reads three
+// bytes and then takes every line as a change), or the error form for a
+// table the database does not have.
 void ShellSession::Subscribe(const ShellCommand& command)
 {
+    if (!HasTable(command.table)) return AnswerError(("no such table: " + command.table).c_str());
     if (m_shared.hub.Subscribe(&m_monitor, command.table, command.ops)) {
         m_subscribed = true;
         syslog_safe(6, "<ShellSession> %s: monitoring %s.", m_peer.c_str(), command.table.c_str());
     }
     Append(strPrompt);
+}
+
+// Tables and views, named without regard to case as subscriptions are.
+bool ShellSession::HasTable(const std::string& table)
+{
+    sqlite3_stmt* stmt = nullptr;
+    const char* sql = "SELECT 1 FROM sqlite_master WHERE type IN ('table', 'view') AND name = ?1 COLLATE NOCASE;";
+    bool found = sqlite3_prepare_v2(m_db, sql, -1, &stmt, nullptr) == SQLITE_OK &&
+                 sqlite3_bind_text(stmt, 1, table.c_str(), -1, SQLITE_TRANSIENT) == SQLITE_OK &&
+                 sqlite3_step(stmt) == SQLITE_ROW;
+    sqlite3_finalize(stmt);
+    return found;
 }
 
 void ShellSession::ExecSql(const std::string& sql)

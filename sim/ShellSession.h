@@ -72,6 +72,7 @@ private:
     void AnswerOk(const char* text);
     void AnswerError(const char* message);
     void Subscribe(const ShellCommand& command);
+    bool HasTable(const std::string& table);
     void ExecSql(const std::string& sql);
     bool RunStatement(sqlite3_stmt* stmt);
     void AppendHeader(sqlite3_stmt* stmt, int columns);

@@ -155,7 +155,8 @@ TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
           {"vantor.ver.4", "1189"}, {"vantor.ver.5", "1100"}, {"vantor.ver.6", "1099"}, {"vantor.ver.7", "1195", 7200},
           {"vantor.ver.8", "<dir>"}, {"vantor.ver.9", "12x"}, {"vantor.ver.10", "<fifo>"},
           {"vantor.ver.2147483647", "1200"}, {"vantor.ver.2147483648", "1"}, {"vantor.ver.007", "1"},
-          {"vantor.ver.-1", "1"}, {"vantor.ver.tmp", "1"}, {".vantor.ver.x1Yz", "1"}, {"quill.conf", ""}},
+          {"vantor.ver.-1", "1"}, {"vantor.ver.\n", "1"}, {"vantor.ver.tmp", "1"}, {".vantor.ver.x1Yz", "1"},
+          {"quill.conf", ""}},
          {"--crit=100", "--stale=3600", "--warn=10"},
          "unit 1200 updated 30m ago\n"
          "peer        version  backlog  age  state\n"
@@ -170,7 +171,8 @@ TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
          "9           -        -        -    malformed (not a version number)\n"
          "10          -        -        -    malformed (not a regular file)\n"
          "2147483647  1200     0        30m  ok\n",
-         "ignoring files that are not peers: vantor.ver.-1, vantor.ver.007, vantor.ver.2147483648, vantor.ver.tmp\n",
+         "ignoring files that are not peers: vantor.ver.\\x0a, vantor.ver.-1, vantor.ver.007, vantor.ver.2147483648, "
+         "vantor.ver.tmp\n",
          2},
         {"summary OK", {unit, {"vantor.ver.1", "1200"}, {"vantor.ver.3", "1195"}, {"vantor.ver.7", "1188"}},
          {"--summary", "--warn=100", "--crit=1000"},
@@ -202,6 +204,13 @@ TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
         EXPECT_EQ(r.err, err) << c.label;
         EXPECT_EQ(r.status, c.status) << c.label;
     }
+}
+
+// A --dir whose name is not UTF-8 still gives JSON a strict parser reads.
+TEST_F(BacklogRun, JsonOfANameThatIsNotUtf8)
+{
+    RunResult bad = RunVtest({"backlog", "--dir=" + m_dir + "/\xff", "--json"});
+    EXPECT_EQ(ParseJson(bad.out), "UNKNOWN " + m_dir + "/\ufffd/vantor.ver: missing None []\n");
 }
 
 // In /var/local of a private mount namespace (a tmpfs, where 4097 files

@@ -192,6 +192,7 @@ TEST(DiscoverCli, AThousandUnitsAndIpconfig)
         expected.push_back(text);
     }
     EXPECT_EQ(macs, expected);
+    SKIP_IF_EMULATED(EmulationGap::Transparent);  // moved units answer from their new addresses
     auto ipconfig = [](const char* mac, const char* address, const char* timeout) {
         return std::vector<std::string>{"ipconfig", "mac", mac, address, "255.255.255.0", "10.9.9.1", "-", timeout};
     };

@@ -4,6 +4,7 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "process.h"
@@ -23,11 +24,12 @@ Script Subscribed(const std::string& pushed, const std::string& request = "monit
 
 class MonitorTest : public ::testing::Test {
 protected:
-    RecordingMonitor& Monitor(std::vector<Script> scripts, unsigned operations = 0)
+    RecordingMonitor& Monitor(std::vector<Script> scripts, unsigned operations = 0, int setupSeconds = 0)
     {
         Finish();
         m_server = std::make_unique<ScriptedServer>(std::move(scripts));
         m_monitor = std::make_unique<RecordingMonitor>(m_server->Addr(), operations);
+        m_monitor->Bounds(setupSeconds, setupSeconds, 0);
         EXPECT_TRUE(m_monitor->InitOK());
         return *m_monitor;
     }
@@ -59,15 +61,23 @@ TEST_F(MonitorTest, StartsOnceWhetherByInitOKOrStart)
 
 // Event lines lose their six-character prefix and the '!'; error lines are
 // skipped; a lost connection or a bare marker is a loss, then a resubscription.
+// A refused subscription is handed over and tried again, never a change;
+// with bounds set, a silent greeting or subscription is dropped and retried.
 TEST_F(MonitorTest, EventsAndLossesAsTheServerSendsThem)
 {
-    std::vector<std::pair<std::vector<Script>, Log>> cases;
+    const Script refused = Then(Greeting("SQL monitor"), {Expect("monitor Events\r\n"),
+                                                          Send("\vError: no such table: Events\n\v#> \n")});
+    const Script unanswered = Then(Greeting("SQL monitor"), {Expect("monitor Events\r\n")});
+    std::vector<std::tuple<std::vector<Script>, Log, int>> cases;
     cases.push_back({{Then(Subscribed("123456first!\nsecond!\nx\n"), {Close()}), Subscribed("abcdefthird!\n")},
-                     {"up", "event:first", "event:second", "event:", "down", "up", "event:third"}});
+                     {"up", "event:first", "event:second", "event:", "down", "up", "event:third"}, 0});
     cases.push_back({{Subscribed("\vError: oops\n\v\nabcdefone!\n\v\n"), Subscribed("abcdeftwo!\n")},
-                     {"up", "event:one", "down", "up", "event:two"}});
-    for (auto& [scripts, log] : cases) {
-        RecordingMonitor& monitor = Monitor(std::move(scripts));
+                     {"up", "event:one", "down", "up", "event:two"}, 0});
+    cases.push_back(
+        {{refused, Subscribed("abcdefone!\n")}, {"refused:Error: no such table: Events", "up", "event:one"}, 0});
+    cases.push_back({{{Send("banner\n")}, unanswered, Subscribed("abcdefone!\n")}, {"up", "event:one"}, 1});
+    for (auto& [scripts, log, setupSeconds] : cases) {
+        RecordingMonitor& monitor = Monitor(std::move(scripts), 0, setupSeconds);
         ASSERT_TRUE(monitor.WaitForEntries(log.size()));
         EXPECT_EQ(monitor.Log(), log);
     }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -51,13 +52,6 @@ private:
     int m_saved;
 };
 
-size_t CountOf(const std::string& text, const std::string& what)
-{
-    size_t n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
-    return n;
-}
-
 TEST(Mutex, RecursiveHolderKeepsFirstPositionAndLatestStep)
 {
     Mutex m(true);
@@ -87,6 +81,25 @@ TEST(Mutex, LockFromUnknownLocationIsLoggedAndTaken)
     m.Unlock();
     std::string text = err.Drain();
     EXPECT_NE(text.find("dbg  DBG Mutex.hpp:142 Lock() Lock from unknown location.\n"), std::string::npos) << text;
+}
+
+// A lock pthread refuses (here: an error-checking mutex taken again by its
+// holder) is reported as not held, and the guard leaves the unlock out: the
+// holder's own unlock still finds the mutex its own.
+TEST(Mutex, RefusedLockIsNotHeldAndTheGuardDoesNotUnlock)
+{
+    Mutex m(false);
+    pthread_mutex_t checking = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
+    pthread_mutex_destroy(m.PthreadMutex());
+    *m.PthreadMutex() = checking;
+    ASSERT_EQ(pthread_mutex_lock(m.PthreadMutex()), 0);
+    StderrPipe err;
+    EXPECT_FALSE(m.Lock("again.cpp", 1));
+    { MutexGuard guard(m, "guard.cpp", 2); }
+    EXPECT_EQ(m.Recursed(), 0);
+    EXPECT_EQ(m.LockFile(), nullptr);
+    EXPECT_EQ(pthread_mutex_unlock(m.PthreadMutex()), 0);
+    EXPECT_EQ(CountOf(err.Drain(), "Mutex::Lock() error: rv=35"), 2u);
 }
 
 TEST(Mutex, TryAndTimedLockRefuseWhileAnotherThreadHolds)
@@ -138,6 +151,25 @@ TEST(Mutex, BlockedWaiterReportsHolderRepeatedly)
                          "] holder.cpp:100 still holds). <--------------- [holder.cpp:";
     EXPECT_NE(seen.find(prefix + "100]\n"), std::string::npos) << seen;
     EXPECT_NE(seen.find(prefix + "150]\n"), std::string::npos) << seen;
+}
+
+// The holder id is cached per thread; a child forked while its parent
+// holds a lock runs with a new id and must record that one, not the
+// parent's, when it locks.
+TEST(Mutex, ChildForkedWhileLockedRecordsItsOwnId)
+{
+    Mutex held(true), inChild(false);
+    held.Lock(__FILE__, __LINE__);
+    ASSERT_EQ(held.LockTid(), dbg_gettid());
+    pid_t pid = fork();
+    if (pid == 0) {
+        inChild.Lock(__FILE__, __LINE__);
+        _exit(inChild.LockTid() == dbg_gettid() && dbg_gettid() != held.LockTid() ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    held.Unlock();
 }
 
 struct Listed : ListedObj<Listed> {

@@ -37,6 +37,8 @@ TEST(SecExec, ExitStatuses)
     ExpectRun({"/nonexistent"}, 127, "",
               "sec-exec: cannot execute /nonexistent: No such file or directory (no PATH search: give the full path).\n");
     ExpectRun({"/bin/sh", "-c", "'kill -TERM $$'"}, 143, "", "sec-exec: /bin/sh killed by signal 15 (Terminated).\n");
+    ExpectRun({"/etc"}, 127, "",
+              "sec-exec: cannot execute /etc: Is a directory (no PATH search: give the full path).\n");
 }
 
 TEST(SecExec, WordsAreJoinedThenSplitLikeTheDaemon)

@@ -128,7 +128,8 @@ TEST_F(Engine, AnswersEveryRequestWithExactBytes)
         {"monitor Events truncate", "\vError: unknown monitor operation: truncate\n\v#> \n"},
         {"   ", "\v#> \n"},
         {"-- only a comment", "\v#> \n"},
-        {"monitor Events", "#> "},
+        {"monitor Nowhere", "\vError: no such table: Nowhere\n\v#> \n"},
+        {"monitor events", "#> "},
     };
     for (const auto& c : cases) EXPECT_EQ(c.second, client->Answer(c.first)) << c.first.substr(0, 80);
 }

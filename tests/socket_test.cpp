@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <netinet/tcp.h>
 #include <sys/select.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -365,6 +366,95 @@ TEST(Socket, UnixBindReplacesAStaleFileAndRemovesItsOwn)
     server.Disconnect();
     EXPECT_NE(stat(path.c_str(), &st), 0);
     std::filesystem::remove_all(dir);
+}
+
+// One step of a line-assembly script: bytes the peer sends, the peer's
+// close, or one read (a whole-line read, or one partial-line read).
+struct Step {
+    enum { kSend, kClose, kLine, kPiece } what;
+    std::string bytes;
+};
+Step Send(std::string bytes) { return {Step::kSend, std::move(bytes)}; }
+const Step kClose = {Step::kClose, ""};
+const Step kLine = {Step::kLine, ""};
+const Step kPiece = {Step::kPiece, ""};
+
+struct Outcome {
+    int rv;
+    bool complete;
+    int pos;
+    unsigned rxBytes;
+    std::string buffer;  // the whole buffer and a canary after it
+};
+bool operator==(const Outcome& a, const Outcome& b)
+{
+    return a.rv == b.rv && a.complete == b.complete && a.pos == b.pos && a.rxBytes == b.rxBytes &&
+           a.buffer == b.buffer;
+}
+void PrintTo(const Outcome& o, std::ostream* os)
+{
+    *os << "{" << o.rv << "," << o.complete << "," << o.pos << "," << o.rxBytes << ",\"" << o.buffer.substr(0, 40)
+        << "\"}";
+}
+
+// Runs a script against a Socket on one end of a socket pair. A FILE view
+// switches the read-ahead off: every byte then comes from a read() of one.
+std::vector<Outcome> RunScript(const std::vector<Step>& steps, int size, bool bytePath)
+{
+    int fds[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds) != 0) return {};
+    Socket reader(fds[1], Addr(AF_UNIX, "/lines"));
+    reader.WaitTimeout(ScaledMs(5000));  // a script that waits shows, not hangs
+    std::vector<Outcome> got;
+    if (bytePath && !reader.File()) return got;
+    std::string buf(static_cast<size_t>(size) + 4, '#');
+    int pos = 0;
+    for (const Step& step : steps) {
+        bool complete = false;
+        int rv = 0;
+        if (step.what == Step::kSend) {
+            EXPECT_EQ(write(fds[0], step.bytes.data(), step.bytes.size()), static_cast<ssize_t>(step.bytes.size()));
+        } else if (step.what == Step::kClose) {
+            close(fds[0]);
+        } else {
+            rv = step.what == Step::kLine ? reader.ReadLine(&buf[0], size, &pos, complete)
+                                          : reader.ReadIncompleteLine(&buf[0], size, &pos);
+            got.push_back({rv, complete, pos, reader.RxBytes(), buf});
+        }
+    }
+    if (steps.empty() || steps.back().what != Step::kClose) close(fds[0]);
+    return got;
+}
+
+// Lines are taken from the read-ahead a span at a time; a connection
+// without one reads a byte per call. Both give the same results, pieces,
+// positions, counts and buffers.
+TEST(SocketLines, SpansGiveWhatOneByteReadsGive)
+{
+    struct Case {
+        const char* label;
+        int size;
+        std::vector<Step> steps;
+    } cases[] = {
+        {"size - 2", 8, {Send("abcdef\n"), kLine}},
+        {"size - 1", 8, {Send("abcdefg\nx\n"), kLine, kLine, kLine}},
+        {"size", 8, {Send("abcdefgh\n"), kLine, kLine}},
+        {"several lines in one read", 8, {Send("a\nbc\r\n\ndef\n"), kLine, kLine, kLine, kLine, kLine}},
+        {"CR LF split across reads", 8, {Send("ab\r"), kLine, Send("\ncd\n"), kLine, kLine}},
+        {"vertical tab ends a read", 8, {Send("ab\v"), kPiece, Send("cd\n"), kLine}},
+        {"vertical tabs inside a line", 8, {Send("\va\v\vbc\vdefgh\n"), kLine, kLine, kLine}},
+        {"close mid-line", 8, {Send("ab"), kClose, kLine, kLine}},
+        {"close after a piece", 4, {Send("abcdef"), kClose, kLine, kLine, kLine}},
+        {"NUL is content", 8, {Send(std::string("a\0b\n", 4)), kLine}},
+        {"checksum prefix", 16, {Send("+0214 hello\n+0215 hello\n"), kLine, kLine}},
+        {"prompt read", 4, {Send("#> x\n"), kPiece, kLine}},
+        {"line longer than the read-ahead", 9000, {Send(std::string(8500, 'q') + "\nz\n"), kLine, kLine}},
+    };
+    for (const Case& c : cases) {
+        std::vector<Outcome> spans = RunScript(c.steps, c.size, false);
+        EXPECT_FALSE(spans.empty()) << c.label;
+        EXPECT_EQ(spans, RunScript(c.steps, c.size, true)) << c.label;
+    }
 }
 
 // A reader blocked in ReadLine on its own thread while others list the

@@ -2,11 +2,13 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <future>
 #include <string>
 #include <vector>
 
 #include "process.h"
 #include "sim_runner.h"
+#include "sql_script.h"
 
 namespace {
 
@@ -33,20 +35,6 @@ protected:
     std::string m_dir = MakeTempDir();
 };
 
-// Lines of standard error that are not the logger's own (time-stamped).
-std::string OperatorErrors(const std::string& err)
-{
-    std::string out, line;
-    for (size_t at = 0; at < err.size();) {
-        size_t end = err.find('\n', at);
-        line = err.substr(at, end == std::string::npos ? std::string::npos : end - at + 1);
-        at = end == std::string::npos ? err.size() : end + 1;
-        bool logged = line.size() > 10 && line[2] == '.' && line[9] == ' ' && line[10] == '[';
-        if (!logged) out += line;
-    }
-    return out;
-}
-
 TEST(SqlCommandErrors, ArgumentErrorsGiveTheirMessageAndStatus)
 {
     struct Case {
@@ -63,6 +51,14 @@ TEST(SqlCommandErrors, ArgumentErrorsGiveTheirMessageAndStatus)
         {{"monitor", "--server=127.0.0.1:1"}, 255, "Missing parameter: table.\n"},
         {{"monitor", "--server=bad address", "Events"}, 255, "Invalid IPv4 address: \"bad address\".\n"},
         {{"monitor", "Hardware", "insert", "truncate"}, 255, "Invalid operation: truncate.\n"},
+        {{"sql", "--timeout=0", "SELECT 1;"}, 255, "Invalid timeout: 0.\n"},
+        {{"sql", "--timeout=3601", "SELECT 1;"}, 255, "Invalid timeout: 3601.\n"},
+        {{"sql_file", "--timeout=x", "f.sql"}, 255, "Invalid timeout: x.\n"},
+        {{"sql", "--pairs", "--timeout=", "SELECT 1;"}, 255, "Invalid timeout: .\n"},
+        // A table name goes into the one-line request as it is.
+        {{"monitor", ""}, 255, "Invalid table: .\n"},
+        {{"monitor", "Events x"}, 255, "Invalid table: Events x.\n"},
+        {{"monitor", "a\tb\x7f", "insert"}, 255, "Invalid table: a\\x09b\\x7f.\n"},
     };
     for (const Case& c : cases) {
         RunResult r = RunVtest(c.args);
@@ -139,14 +135,39 @@ TEST_F(SqlCommands, FileLinesKeepTheirNumbersAndFailuresDoNotStopTheRun)
     EXPECT_EQ(last.status, 254);
 }
 
+// Rows to a pipe are fully buffered; the tool's own messages still follow
+// the rows printed before them when both streams share one pipe.
+TEST_F(SqlCommands, MessagesKeepTheirPlaceAmongBufferedRows)
+{
+    std::string path = WriteFile("SELECT 1 AS a;\nSELEC 2;\nSELECT 3 AS c;\n");
+    const char* rowsA = "Line #\t\"a\"\n1.\t\"1\"\t\n";
+    std::string syntax = "Error: near \"SELEC\": syntax error";
+    struct Case {
+        std::vector<std::string> args;
+        std::string output;
+    } cases[] = {
+        {{"sql_file", Server(), path},
+         Connecting() + rowsA + path + ":2 [" + syntax + "] SELEC 2;\nLine #\t\"c\"\n1.\t\"3\"\t\n"},
+        {{"sql", Server(), "SELECT 1 AS a;", "SELEC 2;"},
+         Connecting() + rowsA + "--------------- N e x t   q u e r y --------------\n" +
+             "SqlWrapper:Exec() - failed (" + syntax + "): " + syntax + ".\n"},
+        {{"sql", Server(), "--server=bad"}, Connecting() + "Invalid IPv4 address: \"bad\".\n"},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> argv = TargetArgv(VTEST_BINARY, c.args);
+        argv.insert(argv.begin(), {"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1"});
+        EXPECT_EQ(OperatorErrors(RunProgram(argv).out), c.output) << c.args.back();
+    }
+}
+
 TEST_F(SqlCommands, StandardInputAndRepeatedOptions)
 {
     RunResult r = RunVtest({"sql", "--pairs", Server(), "--stdin", Server(), "--pairs"},
                            "SELECT 5 AS e;\n# skipped\nnot sql;\n");
     EXPECT_EQ(r.status, 254);
     EXPECT_EQ(r.out, Connecting() + Connecting() + "Line #\t\"e\"\n1.\t5\t\n");
-    // Nothing stands at the file-name position: the C library's "(null)".
-    EXPECT_EQ(OperatorErrors(r.err), "(null):3 [Error: near \"not\": syntax error] not sql;\n");
+    // Nothing stands at the file-name position: standard input is "stdin".
+    EXPECT_EQ(OperatorErrors(r.err), "stdin:3 [Error: near \"not\": syntax error] not sql;\n");
     EXPECT_EQ(RunVtest({"sql_file", "--stdin", Server(), "x.sql"}, "SELECT 1 AS a;\n").out,
               Connecting() + "Line #\t\"a\"\n1.\t\"1\"\t\n");
 }
@@ -156,6 +177,48 @@ TEST(SqlCommandErrors, UnopenableInputNamesTheOtherSource)
     RunResult r = RunVtest({"sql_file", "/nonexistent/x.sql"});
     EXPECT_EQ(r.status, 254);
     EXPECT_EQ(r.err, "Unable to open file: stdin\n");
+}
+
+// Nothing that never answers may hang the tool: connecting and the greeting
+// are bounded at 10 s, answers by --timeout; a timed-out connection goes, so
+// its late answer never passes for the next statement's.
+TEST(SqlCommandTimeouts, SilentServersEndTheStatementWithTheirReason)
+{
+    BlackHole hole;
+    ScriptedServer silent(std::vector<Script>{Script{}}), silentToo(std::vector<Script>{Script{}});
+    ScriptedServer mute({FromChild(Prepared({Expect("SELECT 1;\r\n")}))});
+    const Script lateAnswer = {Expect("SELECT 1;\r\n"), Wait(2200), Send(std::string("a\n1\n") + kAnswerEnd)};
+    ScriptedServer late({FromChild(Prepared(lateAnswer)), FromChild(Prepared(Answer("SELECT 2 AS b;", "b\n2\n")))});
+    char text[SockAddr::m_strLen];
+    const std::string holeAt = hole.Addr().Str(text, true), silentAt = ServerOption(silentToo).substr(9);
+    struct Case {
+        std::vector<std::string> args;
+        std::string input;
+        int status;
+        std::string rows, err;  // standard output after "Connecting ...", operator lines
+    } cases[] = {
+        {{"sql", "--server=" + holeAt, "SELECT 1;"}, "", 254, "",
+         ExecFailed("cannot connect to " + holeAt + ": Connection timed out")},
+        {{"sql", ServerOption(silent), "SELECT 1;"}, "", 254, "", ExecFailed("no greeting within 10 s")},
+        {{"--server=" + silentAt}, "", 1,
+         "step 1 FAIL: SELECT HwID FROM Hardware LIMIT 3; -> no connection to the database server at " + silentAt + "\n",
+         "Self-test FAILED.\n"},
+        {{"sql", ServerOption(mute), "--timeout=1", "SELECT 1;"}, "", 254, "", ExecFailed("no answer within 1 s")},
+        {{"sql", ServerOption(late), "--timeout=2", "--stdin"}, "SELECT 1;\nSELECT 2 AS b;\n", 0,
+         "Line #\t\"b\"\n1.\t\"2\"\t\n", "stdin:1 [no answer within 2 s] SELECT 1;\n"},
+    };
+    std::vector<std::future<RunResult>> runs;
+    for (const Case& c : cases) runs.push_back(std::async(std::launch::async, RunVtest, c.args, c.input, 30000));
+    for (size_t i = 0; i < runs.size(); i++) {
+        RunResult r = runs[i].get();
+        std::string at = cases[i].args[cases[i].args.size() > 1 ? 1 : 0].substr(9);
+        EXPECT_EQ(r.status, cases[i].status) << at;
+        EXPECT_EQ(r.out, "Connecting to " + at + "...\n" + cases[i].rows) << at;
+        EXPECT_EQ(OperatorErrors(r.err), cases[i].err) << at;
+    }
+    // The late answer went to a closed connection; nothing else may differ.
+    for (const ScriptedServer* server : {&mute, &late})
+        for (const std::string& failure : server->Failures()) EXPECT_EQ(failure.find("expected"), std::string::npos);
 }
 
 TEST_F(SqlCommands, MonitorPrintsChangesUntilEnter)
@@ -174,6 +237,35 @@ TEST_F(SqlCommands, MonitorPrintsChangesUntilEnter)
     EXPECT_EQ(monitor.Wait(5000), 0);
     EXPECT_EQ(monitor.Output().rfind(Connecting() + "Press ENTER to stop.\ninsert Hardware ", 0), 0u)
         << monitor.Output();
+}
+
+// The monitor's state goes to standard error once per change (its retries
+// log their first failure only); ENTER before the first connection ends it
+// at once; a table the server refuses ends it with one line and status 1.
+TEST_F(SqlCommands, MonitorReportsItsStateAndGivesUpOnARefusedTable)
+{
+    const std::string at = m_sim.Address(), start = Connecting() + "Press ENTER to stop.\nWaiting for " + at + " ...\n";
+    auto merged = [&](const char* table) {
+        return InShell("exec \"$@\" 2>&1", TargetArgv(VTEST_BINARY, {"monitor", Server(), table}));
+    };
+    ChildProcess refused(merged("Nowhere"));
+    EXPECT_EQ(refused.Wait(10000), 1);
+    (void)refused.WaitForOutput("never printed", 500);  // the rest of the output
+    EXPECT_EQ(OperatorErrors(refused.Output()), start + "Cannot monitor Nowhere: Error: no such table: Nowhere.\n");
+    RunResult early = RunVtest({"monitor", "--server=127.0.0.1:1", "Events"}, "\n");
+    EXPECT_EQ(early.status, 0);
+    EXPECT_EQ(early.err, "Waiting for 127.0.0.1:1 ...\n");
+
+    ChildProcess monitor(merged("Hardware"));
+    ASSERT_TRUE(monitor.WaitForOutput("Monitoring Hardware on " + at + ".\n", 10000)) << monitor.Output();
+    m_sim.Stop();
+    ASSERT_TRUE(monitor.WaitForOutput("Connection to " + at + " lost; retrying every second.\n", 10000));
+    EXPECT_FALSE(monitor.WaitForOutput("never printed", 3500));  // three rounds of retries
+    ASSERT_TRUE(monitor.Write("\n"));
+    EXPECT_EQ(monitor.Wait(5000), 0);
+    EXPECT_EQ(OperatorErrors(monitor.Output()), start + "Monitoring Hardware on " + at + ".\nConnection to " + at +
+                                                    " lost; retrying every second.\n");
+    EXPECT_EQ(CountOf(monitor.Output(), "Unable to connect"), 1u) << monitor.Output();
 }
 
 class SelfTest : public SqlCommands {};

@@ -273,7 +273,9 @@ TEST_F(ClientTest, NextParsedRemovesEscapesAndSplitsAtSeparators)
 
 TEST_F(ClientTest, MapRowsPairColumnsWithHeaderNames)
 {
-    SqlWrapper& sql = Answering({{"SELECT dup;", "id|name|id\n1|x|2\n"}, {"SELECT few;", "a|b\n1|2|3\n"}});
+    SqlWrapper& sql = Answering({{"SELECT dup;", "id|name|id\n1|x|2\n"},
+                                 {"SELECT few;", "a|b\n1|2|3\n"},
+                                 {"SELECT short;", "a|b\n5|6\n7\n"}});
     std::map<std::string, std::string> row;
     ASSERT_TRUE(sql.Exec("SELECT dup;"));
     ASSERT_TRUE(sql.Next(row));
@@ -283,6 +285,10 @@ TEST_F(ClientTest, MapRowsPairColumnsWithHeaderNames)
     EXPECT_EQ(row, (std::map<std::string, std::string>{{"a", "1"}, {"b", "2"}}));
     EXPECT_FALSE(sql.Next(row));
     EXPECT_EQ(row.size(), 2u) << "untouched at the end";
+    // The same map refilled row after row keeps nothing of the row before.
+    ASSERT_TRUE(sql.Exec("SELECT short;"));
+    ASSERT_TRUE(sql.Next(row) && sql.Next(row));
+    EXPECT_EQ(row, (std::map<std::string, std::string>{{"a", "7"}}));
 }
 
 TEST_F(ClientTest, ResultsWithoutRowsWithErrorsAndUndrained)

@@ -1,71 +1,55 @@
 #include <gtest/gtest.h>
-#include <pthread.h>
-#include <sched.h>
+#include <sys/times.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <climits>
 #include <fstream>
-#include <string>
 
 #include "Thread.h"
 #include "fixed_paths.h"
 #include "process.h"
+#include "utils.h"
 #include "wait.h"
 
 namespace {
 
 // Loops until asked to stop; with obeyStop false only `release` ends it.
-// Counts its destructions in `gone`, to see a self-deleting thread go.
-class LoopThread : public Thread {
-public:
-    explicit LoopThread(const char* name, bool obeyStop = true, std::atomic<int>* gone = nullptr)
-        : Thread(name), m_obeyStop(obeyStop), m_gone(gone) {}
+struct LoopThread : Thread {
+    explicit LoopThread(const char* name, bool obey = true) : Thread(name), obeyStop(obey) {}
     ~LoopThread() override
     {
         release = true;
-        Stop(false);
-        if (m_gone) (*m_gone)++;
+        Stop();
     }
-
-    std::atomic<bool> release{false};
-    std::atomic<bool> spin{false};
-
-protected:
     void* ThreadMain() override
     {
-        while (!release && (!m_obeyStop || KeepRunning()))
+        while (!release && (!obeyStop || KeepRunning()))
             if (!spin) usleep(1000);
         return nullptr;
     }
 
-private:
-    bool m_obeyStop;
-    std::atomic<int>* m_gone;
+    const bool obeyStop;
+    std::atomic<bool> release{false}, spin{false};
 };
 
 TEST(Thread, StartsOnceStopsSilentlyAndIsRunningWhenStartReturns)
 {
     LoopThread thread("worker"), nowait("nowait", false);
     EXPECT_EQ(thread.Tid(), -1);
-    EXPECT_FALSE(thread.IsRunning());
     ASSERT_TRUE(thread.Start());
-    EXPECT_TRUE(thread.IsRunning());
-    EXPECT_NE(thread.Tid(), -1);
-    EXPECT_FALSE(thread.Start());
+    EXPECT_TRUE(thread.IsRunning() && thread.Tid() != -1);
     EXPECT_FALSE(thread.Start(true));
     EXPECT_TRUE(thread.Stop());
     EXPECT_FALSE(thread.IsRunning());
     EXPECT_FALSE(thread.Start()) << "an ended thread is not started again";
     EXPECT_TRUE(thread.Stop()) << "a second stop after the join";
     ASSERT_TRUE(nowait.Start(true));
-    EXPECT_FALSE(nowait.Start(true)) << "a no-wait start counts as started";
+    EXPECT_FALSE(nowait.Start()) << "a no-wait start counts as started";
     EXPECT_TRUE(WaitUntil([&] { return nowait.IsRunning(); }, ScaledMs(5000)));
     StderrCapture err;
     EXPECT_TRUE(LoopThread("idle").Stop()) << "an unstarted thread";
     EXPECT_TRUE(nowait.Stop(true)) << "a no-wait stop returns at once";
-    EXPECT_TRUE(nowait.ShouldStop());
-    EXPECT_TRUE(nowait.IsRunning());
+    EXPECT_TRUE(nowait.ShouldStop() && nowait.IsRunning());
     EXPECT_EQ(err.Take(), "");
 }
 
@@ -89,81 +73,72 @@ TEST(Thread, StopCountsItsWaitsAndGivesUp)
     }
 }
 
-TEST(Thread, KernelSeesFirstFifteenCharactersOfTheName)
+TEST(Thread, DetachedOrSelfDeletingThreadIsNotJoined)
 {
-    LoopThread thread("0123456789abcdefXYZ");
-    ASSERT_TRUE(thread.Start());
-    std::ifstream comm("/proc/self/task/" + std::to_string(thread.Tid()) + "/comm");
-    std::string name;
-    std::getline(comm, name);
-    EXPECT_EQ(name, "0123456789abcde");
-    EXPECT_STREQ(thread.Name(), "0123456789abcdefXYZ");
-}
-
-TEST(Thread, DetachedThreadIsNotJoined)
-{
-    LoopThread thread("detached");
-    ASSERT_TRUE(thread.Start());
-    thread.Detach();
-    thread.Detach();
-    EXPECT_TRUE(thread.Stop());
-    EXPECT_TRUE(WaitUntil([&] { return !thread.IsRunning(); }, ScaledMs(5000)));
-}
-
-TEST(Thread, SelfDeletingThreadGoesWhenItEndsOrAtFini)
-{
+    {
+        LoopThread detached("detached");
+        ASSERT_TRUE(detached.Start());
+        detached.Detach();
+        detached.Detach();
+        EXPECT_TRUE(detached.Stop());
+        EXPECT_TRUE(WaitUntil([&] { return !detached.IsRunning(); }, ScaledMs(5000)));
+    }
+    const long objects = safe_mem_object_count("Thread");
     for (bool byFini : {false, true}) {
-        std::atomic<int> gone{0};
-        auto* thread = new LoopThread("self", true, &gone);
+        auto* thread = new LoopThread("self");
         thread->Delete();
         ASSERT_TRUE(thread->Start());
-        if (byFini) {
-            EXPECT_TRUE(Thread::Fini());
-            EXPECT_EQ(gone, 1);
-            continue;
-        }
-        thread->Stop(true);
+        if (byFini) EXPECT_TRUE(Thread::Fini());
+        else thread->Stop(true);
         // The thread deletes itself under the list lock: looking under it too
         // means the thread is done with the object and the registries.
         EXPECT_TRUE(WaitUntil([&] {
             MUTEX_GUARD(Thread::m_objListLock);
-            return gone == 1;
-        }, ScaledMs(5000)));
+            return safe_mem_object_count("Thread") == objects;
+        }, ScaledMs(5000))) << byFini;
     }
 }
 
-TEST(Thread, SignalAllStopReachesEveryThread)
-{
-    LoopThread a("a"), b("b");
-    ASSERT_TRUE(a.Start());
-    ASSERT_TRUE(b.Start());
-    Thread::SignalAllStop();
-    EXPECT_TRUE(a.ShouldStop());
-    EXPECT_TRUE(b.ShouldStop());
-    EXPECT_TRUE(WaitUntil([&] { return !a.IsRunning() && !b.IsRunning(); }, ScaledMs(5000)));
-}
-
-TEST(Thread, FiniReportsThreadsStillListed)
+// Fini stops every thread, then names those whose objects are still alive.
+TEST(Thread, FiniStopsEveryThreadAndReportsThoseStillListed)
 {
     StderrCapture err;
-    LoopThread thread("lingering");
-    ASSERT_TRUE(thread.Start());
+    LoopThread a("lingering"), b("other");
+    ASSERT_TRUE(a.Start());
+    ASSERT_TRUE(b.Start());
     EXPECT_FALSE(Thread::Fini());
-    EXPECT_EQ(LogLines(err.Take()), "warn Thread [" + std::to_string(thread.Tid()) + "] lingering still alive.\n");
+    EXPECT_TRUE(a.ShouldStop() && b.ShouldStop());
+    EXPECT_TRUE(WaitUntil([&] { return !a.IsRunning() && !b.IsRunning(); }, ScaledMs(5000)));
+    EXPECT_EQ(LogLines(err.Take()), "warn Thread [" + std::to_string(a.Tid()) + "] lingering still alive.\n" +
+                                        "warn Thread [" + std::to_string(b.Tid()) + "] other still alive.\n");
 }
 
-TEST(Thread, RunningTimeReadsTicksPastBlanksAndParenthesesInTheName)
+// The kernel keeps 15 characters of the name; the stat line's fields count
+// from its last ')', so blanks and ')' in the name do not shift them.
+TEST(Thread, KernelNameAndRunningTime)
 {
-    LoopThread thread("a) 1 2 3");
+    LoopThread thread("a) 1 2 3 456789XYZ");
     long kernel = 9, user = 9;
     thread.RunningTime(kernel, user);
     EXPECT_EQ(std::make_pair(kernel, user), std::make_pair(0L, 0L)) << "zero before the start";
     thread.spin = true;
     ASSERT_TRUE(thread.Start());
+    // The thread names itself just after Start has returned.
+    const std::string path = "/proc/self/task/" + std::to_string(thread.Tid()) + "/comm";
+    std::string name;
+    EXPECT_TRUE(WaitUntil([&] {
+        std::ifstream comm(path);
+        std::getline(comm, name);
+        return name == "a) 1 2 3 456789";
+    }, ScaledMs(5000))) << name;
     EXPECT_TRUE(WaitUntil([&] {
         thread.RunningTime(kernel, user);
         return user > 0;
     }, ScaledMs(10000)));
+    // A thread's ticks are part of the process's (each sum rounded apart).
+    tms process;
+    times(&process);
+    EXPECT_LE(user + kernel, process.tms_utime + process.tms_stime + 2);
 }
 
 TEST(Thread, SetPriorityPicksLowestHighestOrMidpoint)

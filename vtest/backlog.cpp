@@ -16,7 +16,9 @@
 
 #include "Backlog.h"
 #include "commands.h"
+#include "json_string.h"
 #include "timeout_option.h"
+#include "unit_listing.h"
 
 namespace {
 
@@ -268,24 +270,6 @@ void print_text(const BacklogView& v)
 
 // ---- JSON
 
-std::string json_string(const std::string& text)
-{
-    std::string out = "\"";
-    for (unsigned char c : text) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += static_cast<char>(c);
-        } else if (c < 0x20) {
-            char escape[8];
-            snprintf(escape, sizeof escape, "\\u%04x", c);
-            out += escape;
-        } else {
-            out += static_cast<char>(c);
-        }
-    }
-    return out + "\"";
-}
-
 // The time in whole Unix seconds and the age (0 when in the future).
 void print_json_time(const timespec& mtime, const timespec& now)
 {
@@ -386,7 +370,8 @@ void warn_ignored(const BacklogReading& reading)
 {
     if (reading.ignoredCount == 0) return;
     std::string names;
-    for (const std::string& name : reading.ignored) names += (names.empty() ? "" : ", ") + name;
+    // Escaped, so that a name holding a line end cannot split the one line.
+    for (const std::string& name : reading.ignored) names += (names.empty() ? "" : ", ") + listing_escape(name);
     if (reading.ignoredCount > reading.ignored.size())
         names += ", and " + std::to_string(reading.ignoredCount - reading.ignored.size()) + " more";
     fprintf(stderr, "ignoring files that are not peers: %s\n", names.c_str());

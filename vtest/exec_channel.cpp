@@ -31,6 +31,9 @@ int ExecChannel::Run(const std::string& command)
 // closing between commands: connect again. 0, or 2 when no connection.
 int ExecChannel::Ready(int& earlier)
 {
+    // A close met again on the connection just made is no daemon closing
+    // between commands: reconnecting would go on for ever.
+    bool fresh = false;
     for (;;) {
         int pending = Pending();
         if (pending == 0) return 0;
@@ -41,9 +44,13 @@ int ExecChannel::Ready(int& earlier)
             int rv = Finish(m_previous);
             if (!earlier) earlier = rv;
             if (earlier && !m_options.keepGoing) return 0;
+        } else if (fresh) {
+            Forget();
+            return Failed(kExitCannotConnect, "cannot connect to %s: closed before the prompt.", m_serverText);
         } else {
             Forget();
             if (!ConnectWithRetries()) return kExitCannotConnect;
+            fresh = true;
         }
     }
 }
@@ -57,17 +64,32 @@ void ExecChannel::Forget()
 bool ExecChannel::ConnectWithRetries()
 {
     for (long attempt = 1;; attempt++) {
-        if (Connect() && LastError() == 0) return true;
+        int err = Attempt();
+        if (err == 0) return true;
         if (m_options.retries != -1 && attempt > m_options.retries) {
-            std::string reason = strerror(-LastError());
-            if (LastError() == -EPIPE) reason = "closed before the prompt";
-            if (LastError() == -ETIMEDOUT) reason = "no answer within " + std::to_string(m_options.timeout) + " s";
+            std::string reason = strerror(-err);
+            if (err == -EPIPE) reason = "closed before the prompt";
+            if (err == -ETIMEDOUT) reason = "no answer within " + std::to_string(m_options.timeout) + " s";
             if (attempt > 1) reason += " (" + std::to_string(attempt) + " attempts)";
             (void)Failed(kExitCannotConnect, "cannot connect to %s: %s.", m_serverText, reason.c_str());
             return false;
         }
         TimeSpan::Sleep(1L, 1);
     }
+}
+
+// One connection that stands at a real prompt (greeting lines that begin
+// with the prompt text skipped): 0, or the negated errno, -EPIPE for a
+// close right behind the prompt.
+int ExecChannel::Attempt()
+{
+    if (!Connect() || LastError()) return LastError();
+    int pending;
+    while ((pending = Pending()) > 0) SkipGreeting();
+    if (pending == 0) return 0;
+    int err = LastError() ? LastError() : -EPIPE;
+    Disconnect();
+    return err;
 }
 
 void ExecChannel::SkipGreeting()

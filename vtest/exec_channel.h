@@ -33,6 +33,7 @@ public:
 private:
     int Ready(int& earlier);
     bool ConnectWithRetries();
+    int Attempt();
     void SkipGreeting();
     int Send(const std::string& command);
     int Finish(const std::string& command);

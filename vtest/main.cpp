@@ -2,8 +2,10 @@
 
 #include <cstring>
 
+#include "Secure.h"
 #include "commands.h"
 #include "debugger.h"
+#include "output.h"
 
 namespace {
 
@@ -34,9 +36,14 @@ int dispatch(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    // First of all: a closed 0, 1 or 2 would be taken by the next file
+    // opened (the log's socket, a database connection), and then printed
+    // results would go to the server and statements come from it.
+    Secure::SanitizeStandardFiles();
+    output_watch();
     openlog(nullptr, LOG_PID | LOG_NDELAY, LOG_LOCAL5);
     dbg_init("vtest");
-    int rv = dispatch(argc, argv);
+    int rv = output_finish(dispatch(argc, argv));
     dbg_fini();
     closelog();
     return rv;

@@ -1,8 +1,10 @@
 // sec-exec: runs one command line the way the daemon runs commands.
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -13,6 +15,7 @@
 #include "Secure.h"
 #include "commands.h"
 #include "debugger.h"
+#include "output.h"
 
 namespace {
 
@@ -66,6 +69,17 @@ void secexec_drop_privileges()
     Secure::DropPrivileges(saved.get());
 }
 
+// Why execve of `path` fails, found from here (the child only exits 127):
+// 0 for an executable regular file, whose own status 127 is then its own.
+int secexec_exec_errno(const char* path)
+{
+    struct stat st;
+    if (access(path, X_OK) != 0) return errno;
+    if (stat(path, &st) != 0) return errno;
+    if (S_ISDIR(st.st_mode)) return EISDIR;
+    return S_ISREG(st.st_mode) ? 0 : EACCES;
+}
+
 // The child's exit status; a signal becomes 128 plus its number, with a line
 // saying so, so that it never reads as success.
 int secexec_status(const char* path, int waitStatus)
@@ -76,9 +90,10 @@ int secexec_status(const char* path, int waitStatus)
         return 128 + sig;
     }
     int status = WEXITSTATUS(waitStatus);
-    if (status == 127 && access(path, X_OK) != 0)
+    int why = status == 127 ? secexec_exec_errno(path) : 0;
+    if (why)
         fprintf(stderr, "sec-exec: cannot execute %s: %s (no PATH search: give the full path).\n", path,
-                strerror(errno));
+                strerror(why));
     return status;
 }
 
@@ -106,7 +121,9 @@ int main_secExec(int argc, char** argv)
         return 127;
     }
     fflush(stdout);
-    (void)Secure::Pump(child, STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO);
+    int refused = 0;
+    (void)Secure::Pump(child, STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO, &refused);
+    if (refused) output_write_failed(refused);
     int waitStatus = 0;
     if (Secure::pclose(child, &waitStatus) < 0) {
         fprintf(stderr, "sec-exec: lost track of %s.\n", args.Argv()[0]);

@@ -12,6 +12,7 @@
 bool parse_server_option(const char* text, SockAddr& addr)
 {
     if (!addr.Parse(AF_INET, text)) {
+        fflush(stdout);  // an earlier "Connecting" line may wait in the buffer
         fprintf(stderr, "Invalid IPv4 address: \"%s\".\n", text);
         return false;
     }
@@ -46,13 +47,12 @@ bool server_unix(const char* text, SockAddr& addr, std::string& reason)
     return true;
 }
 
-// Splits `text` into host and port text by the form it has; the family
-// the host must be of.
-bool server_split(const std::string& text, std::string& host, std::string& port, bool& hasPort, sa_family_t& family,
+// Splits `text` into host and port text by the form it has.
+bool server_split(const std::string& text, std::string& host, std::string& port, bool& hasPort, bool& ipv6,
                   std::string& reason)
 {
     size_t split = std::string::npos;
-    family = AF_INET6;
+    ipv6 = true;
     if (text[0] == '[') {
         size_t close = text.find(']');
         if (close == std::string::npos || (close + 1 < text.size() && text[close + 1] != ':')) {
@@ -66,7 +66,7 @@ bool server_split(const std::string& text, std::string& host, std::string& port,
     } else if (std::count(text.begin(), text.end(), ':') >= 2) {
         host = text;
     } else {
-        family = AF_INET;
+        ipv6 = false;
         split = text.find(':');
         host = text.substr(0, split);
     }
@@ -77,32 +77,41 @@ bool server_split(const std::string& text, std::string& host, std::string& port,
 
 }  // namespace
 
-bool parse_server_address(const char* text, SockAddr& addr, std::string& reason)
+bool split_server_address(const std::string& text, unsigned short defaultPort, std::string& host,
+                          unsigned short& port, bool& ipv6, std::string& reason)
 {
-    const std::string value = text ? text : "";
-    if (value.empty()) {
+    if (text.empty()) {
         reason = "empty server address";
         return false;
     }
-    if (value[0] == '/') return server_unix(text, addr, reason);
-    std::string host, portText;
+    std::string portText;
     bool hasPort = false;
-    sa_family_t family;
-    if (!server_split(value, host, portText, hasPort, family, reason)) return false;
-    unsigned short port = kServicePort;
+    if (!server_split(text, host, portText, hasPort, ipv6, reason)) return false;
+    port = defaultPort;
     if (hasPort && !server_port(portText, port)) {
         reason = "bad port '" + portText + "' (1 to 65535)";
         return false;
     }
+    if (host.empty()) reason = "no host in '" + text + "'";
+    return reason.empty();
+}
+
+bool parse_server_address(const char* text, SockAddr& addr, std::string& reason)
+{
+    const std::string value = text ? text : "";
+    if (!value.empty() && value[0] == '/') return server_unix(text, addr, reason);
+    std::string host;
+    unsigned short port;
+    bool ipv6;
+    if (!split_server_address(value, kServicePort, host, port, ipv6, reason)) return false;
     // A dotted quad goes to the exact parser: the library's reading would
     // take 10.0.0.256 as 10.0.1.0.
     in_addr quad;
-    bool numeric = family == AF_INET && host.find_first_not_of("0123456789.") == std::string::npos;
+    bool numeric = !ipv6 && host.find_first_not_of("0123456789.") == std::string::npos;
     SockAddr parsed;
-    if (host.empty()) reason = "no host in '" + value + "'";
-    else if (numeric && inet_pton(AF_INET, host.c_str(), &quad) != 1) reason = "bad IPv4 address '" + host + "'";
-    else if (!parsed.Parse(family, host.c_str()))
-        reason = (family == AF_INET ? "cannot resolve '" : "bad IPv6 address '") + host + "'";
+    if (numeric && inet_pton(AF_INET, host.c_str(), &quad) != 1) reason = "bad IPv4 address '" + host + "'";
+    else if (!parsed.Parse(ipv6 ? AF_INET6 : AF_INET, host.c_str()))
+        reason = (ipv6 ? "bad IPv6 address '" : "cannot resolve '") + host + "'";
     if (!reason.empty()) return false;
     parsed.SetPort(port);
     addr = parsed;

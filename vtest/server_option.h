@@ -1,5 +1,5 @@
 // The "--server=" option shared by the self-test and the sql commands, and
-// the wider one of exec.
+// the wider one of exec and mail.
 #pragma once
 
 #include <string>
@@ -20,3 +20,9 @@ bool parse_server_option(const char* text, SockAddr& addr);
 // Host names are resolved here. Prints nothing: false with the reason in
 // `reason` (addr untouched).
 bool parse_server_address(const char* text, SockAddr& addr, std::string& reason);
+
+// The same forms but the Unix path, split and not resolved: the host, the
+// port (`defaultPort` when none is given), and whether the form names an
+// IPv6 address. false with the reason (outputs then unspecified).
+bool split_server_address(const std::string& text, unsigned short defaultPort, std::string& host,
+                          unsigned short& port, bool& ipv6, std::string& reason);

@@ -7,12 +7,12 @@
 #include <vector>
 
 #include "commands.h"
+#include "db_limits.h"
 #include "server_option.h"
 #include "sql_wrapper.h"
 
 namespace {
 
-const int kLineLength = 2048;
 // Fixed values of the self-test's event, so its rows are easy to find and
 // to clean up: description 9001 "tool self-test", user 0 (the system).
 const char* const kEventDescription = "9001";
@@ -106,10 +106,10 @@ int main_test(int argc, char** argv)
     bool serverGiven = argc == 2;
     if (serverGiven && !parse_server_option(argv[1] + 9, server)) return -1;
 
-    SqlWrapper sql(serverGiven ? &server : nullptr, nullptr, kLineLength, 0);
-    if (!serverGiven) server = SockAddr(AF_INET, 0x7F000001u, static_cast<int>(kServicePort));
-    char where[64];
-    SelfTest test{sql, server.Str(where, true)};
+    SqlWrapper sql(serverGiven ? &server : nullptr, nullptr, kShortLineLength, 0);
+    sql.Bounds(kDefaultConnectSeconds, kDefaultConnectSeconds, 0);
+    char where[SockAddr::m_strLen];
+    SelfTest test{sql, sql.Address().Str(where, true)};
     std::string hwId = test.SelectHardware();
     if (!hwId.empty()) {
         std::string stamp = now_text();

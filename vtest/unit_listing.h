@@ -9,9 +9,6 @@
 
 // A byte below 0x20 or 0x7f as \xHH and a backslash as \\; others as they are.
 std::string listing_escape(const std::string& text);
-// A JSON string: '"', '\' and bytes below 0x20 escaped, bytes that are not
-// valid UTF-8 as \ufffd.
-std::string json_string(const std::string& text);
 
 // The address part of "remote" ("a.b.c.d:port"), or "" when absent.
 std::string record_address(const DiscoverRecord& record);

@@ -1,8 +1,20 @@
 #include <cstdio>
+#include <cstring>
 
 #include "commands.h"
 
-int usage(const char* program)
+namespace {
+
+// True when `entry` ("%s <word> ...") is the usage entry of `word`.
+bool usage_entry_of(const char* entry, const char* word)
+{
+    size_t len = strlen(word);
+    return strncmp(entry + 3, word, len) == 0 && (entry[3 + len] == ' ' || entry[3 + len] == '\n');
+}
+
+}  // namespace
+
+int usage(const char* program, const char* word)
 {
     static const char* const kEntries[] = {
         "%s [--server=<server>]\n\tRun basic tests.\n",
@@ -22,7 +34,8 @@ int usage(const char* program)
         "%s sec-exec <params>\n\tSecure exec (same as from daemon).\n",
         "%s usb reset <hub>\n\tReset USB hub.\n",
     };
-    for (const char* entry : kEntries) fprintf(stderr, entry, program);
+    for (const char* entry : kEntries)
+        if (!word || usage_entry_of(entry, word)) fprintf(stderr, entry, program);
     return -1;
 }
 

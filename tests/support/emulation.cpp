@@ -1,5 +1,6 @@
 // Running the armhf build's tests under user-mode qemu on the build host.
 #include <arpa/inet.h>
+#include <netinet/in.h>
 #include <linux/if_ether.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -36,6 +37,16 @@ std::string PacketSocketProbe()
     return "";
 }
 
+std::string TransparentProbe()
+{
+    int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    int on = 1;
+    bool ok = fd >= 0 && setsockopt(fd, IPPROTO_IP, IP_TRANSPARENT, &on, sizeof on) == 0;
+    std::string why = ok ? "" : std::string("IP_TRANSPARENT refused: ") + strerror(errno);
+    if (fd >= 0) close(fd);
+    return why;
+}
+
 std::string WithPrefix(const std::string& why)
 {
     return why.empty() ? "" : "under user-mode emulation: " + why;
@@ -58,6 +69,8 @@ std::string EmulationSkipReason(EmulationGap gap)
         return WithPrefix("qemu-user loads an ARM program as data, so its set-id bits never apply");
     case EmulationGap::ProcSelfExe:
         return WithPrefix("qemu-user fakes open(2) of /proc/self/exe but not stat(2), which sees the emulator");
+    case EmulationGap::Transparent:
+        return WithPrefix(TransparentProbe());
     }
     return WithPrefix("unknown gap");
 #else

@@ -135,6 +135,33 @@ RunResult RunProgram(const std::vector<std::string>& argv, const std::string& in
     return result;
 }
 
+size_t CountOf(const std::string& text, const std::string& what)
+{
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) n++;
+    return n;
+}
+
+std::vector<std::string> InShell(const std::string& script, const std::vector<std::string>& argv)
+{
+    std::vector<std::string> all = {"/bin/sh", "-c", script, "sh"};
+    all.insert(all.end(), argv.begin(), argv.end());
+    return all;
+}
+
+std::string OperatorErrors(const std::string& err)
+{
+    std::string out, line;
+    for (size_t at = 0; at < err.size();) {
+        size_t end = err.find('\n', at);
+        line = err.substr(at, end == std::string::npos ? std::string::npos : end - at + 1);
+        at = end == std::string::npos ? err.size() : end + 1;
+        bool logged = line.size() > 10 && line[2] == '.' && line[9] == ' ' && line[10] == '[';
+        if (!logged) out += line;
+    }
+    return out;
+}
+
 RunResult RunVtest(const std::vector<std::string>& args, const std::string& input, int timeoutMs)
 {
     return RunProgram(TargetArgv(VTEST_BINARY, args), input, timeoutMs);

@@ -19,10 +19,21 @@ struct RunResult {
 RunResult RunProgram(const std::vector<std::string>& argv, const std::string& input = "",
                      int timeoutMs = 20000);
 
+// Standard error less the logger's own lines ("SS.uuuuuu [tid] ..."): what
+// a command printed for the operator.
+std::string OperatorErrors(const std::string& err);
+
 // The argv that starts a program built by this tree (vtest, vantor-sim):
 // in a cross build the emulator comes first, since an emulated process
 // cannot exec a foreign binary by itself.
 std::vector<std::string> TargetArgv(const std::string& binary, const std::vector<std::string>& args = {});
+
+// How often `what` occurs in `text`.
+size_t CountOf(const std::string& text, const std::string& what);
+
+// The argv that runs `argv` through /bin/sh -c `script`, where the script
+// names it as "$@" (for redirections and pipes: "exec \"$@\" 2>&1").
+std::vector<std::string> InShell(const std::string& script, const std::vector<std::string>& argv);
 
 // Runs the vtest binary of this build with the given arguments.
 RunResult RunVtest(const std::vector<std::string>& args, const std::string& input = "",
@@ -42,6 +53,16 @@ int RunInNamespaces(int flags, const std::function<int()>& body, int timeoutMs =
 // Why namespaces cannot be used here, or empty when they can.
 std::string NamespacesUnavailableReason(int flags);
 
+// For a RunInNamespaces body (a child process, where gtest's checks do not
+// reach the parent): says which check failed and returns 1.
+#define CHILD_CHECK(cond)                                                                  \
+    do {                                                                                   \
+        if (!(cond)) {                                                                     \
+            fprintf(stderr, "%s:%d child check failed: %s\n", __FILE__, __LINE__, #cond); \
+            return 1;                                                                      \
+        }                                                                                  \
+    } while (0)
+
 // What user-mode emulation (qemu-user, which runs the armhf build's tests on
 // the build host; see docs/arm.md) may not give a test.
 enum class EmulationGap {
@@ -50,6 +71,7 @@ enum class EmulationGap {
     Ptrace,         // ptrace(2) and backtraces taken through it (never there)
     SetIdPrograms,  // set-user-id and set-group-id executables of this tree (never there)
     ProcSelfExe,    // /proc/self/exe naming the emulated program to stat(2) as well as open(2) (never there)
+    Transparent,    // IP_TRANSPARENT, with which simulated units answer from their own addresses (probed)
 };
 
 // Why a test that needs `gap` cannot run under emulation, or empty when it

@@ -1,5 +1,6 @@
-// A table monitor for tests: records its callbacks as "up", "down" and
-// "event:<text>", in order, and lets the test wait for them.
+// A table monitor for tests: records its callbacks as "up", "down",
+// "event:<text>" and "refused:<text>", in order, and lets the test wait for
+// them.
 #pragma once
 
 #include <unistd.h>
@@ -28,6 +29,7 @@ public:
         usleep(200);  // paces a flood of events, so that a stop comes in the middle
     }
     void StateChange(bool connected) override { Record(connected ? "up" : "down"); }
+    void Refused(const char* text) override { Record(std::string("refused:") + text); }
 
     std::vector<std::string> Log() const
     {

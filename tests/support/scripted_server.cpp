@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -55,7 +56,7 @@ ScriptedServer::ScriptedServer(std::vector<Script> scripts, const SockAddr& list
     : m_scripts(std::move(scripts)), m_stepTimeoutMs(stepTimeoutMs)
 {
     m_listenFd = listen_on(listen, 16, m_addr);
-    if (m_listenFd < 0 || pipe2(m_wakePipe, O_CLOEXEC) != 0) {
+    if (m_listenFd < 0 || pipe2(m_wakePipe, O_CLOEXEC) != 0 || pipe2(m_releasePipe, O_CLOEXEC) != 0) {
         Fail("cannot listen");
         return;
     }
@@ -66,7 +67,7 @@ ScriptedServer::~ScriptedServer()
 {
     if (m_wakePipe[1] >= 0) (void)!write(m_wakePipe[1], "x", 1);
     if (m_thread.joinable()) m_thread.join();
-    for (int fd : {m_listenFd, m_wakePipe[0], m_wakePipe[1]})
+    for (int fd : {m_listenFd, m_wakePipe[0], m_wakePipe[1], m_releasePipe[0], m_releasePipe[1]})
         if (fd >= 0) close(fd);
     if (m_addr.GetAF() == AF_UNIX) (void)unlink(m_addr.Get().un.sun_path);
 }
@@ -90,6 +91,13 @@ bool ScriptedServer::WaitScriptsDone(int timeoutMs) const
     return WaitUntil([&] { return m_scriptsDone == static_cast<int>(m_scripts.size()); }, timeoutMs);
 }
 
+void ScriptedServer::Release() { (void)!write(m_releasePipe[1], "x", 1); }
+
+bool ScriptedServer::WaitClosed(int count, int timeoutMs) const
+{
+    return WaitUntil([&] { return m_closed >= count; }, timeoutMs);
+}
+
 std::vector<std::string> ScriptedServer::Failures() const
 {
     std::lock_guard<std::mutex> guard(m_lock);
@@ -111,6 +119,10 @@ void ScriptedServer::Run()
         if (!(fds[0].revents & POLLIN)) continue;
         int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) continue;
+        // Each Send leaves at once as its own segment, so a script's cuts
+        // reach the client as cuts.
+        int on = 1;
+        if (m_addr.GetAF() != AF_UNIX) (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         size_t index;
         {
             std::lock_guard<std::mutex> guard(m_lock);
@@ -121,6 +133,7 @@ void ScriptedServer::Run()
         m_accepted++;
         if (index < m_scripts.size()) Play(fd, index);
         close(fd);
+        m_closed++;
     }
 }
 
@@ -152,6 +165,16 @@ void ScriptedServer::Play(int fd, size_t index)
         case ScriptStep::Wait: {
             pollfd wake = {m_wakePipe[0], POLLIN, 0};
             if (poll(&wake, 1, step.ms) > 0) return;  // the server is going
+            continue;
+        }
+        case ScriptStep::Hold: {
+            pollfd fds[2] = {{m_releasePipe[0], POLLIN, 0}, {m_wakePipe[0], POLLIN, 0}};
+            if (poll(fds, 2, m_stepTimeoutMs) <= 0) {
+                Fail(tag + "never released");
+                return;
+            }
+            char byte;
+            if (fds[1].revents || read(m_releasePipe[0], &byte, 1) != 1) return;  // the server is going
             continue;
         }
         case ScriptStep::Send:

@@ -14,7 +14,7 @@
 #include "SockAddr.h"
 
 struct ScriptStep {
-    enum Kind { Send, Expect, ExpectUntil, Close, Wait } kind;
+    enum Kind { Send, Expect, ExpectUntil, Close, Wait, Hold } kind;
     std::string bytes;
     int ms = 0;
 };
@@ -31,6 +31,9 @@ inline ScriptStep ExpectUntil(std::string end) { return {ScriptStep::ExpectUntil
 inline ScriptStep Close() { return {ScriptStep::Close, ""}; }
 // Pauses before the next step (a slow or trickling peer).
 inline ScriptStep Wait(int ms) { return {ScriptStep::Wait, "", ms}; }
+// Pauses, reading nothing, until the test calls Release() (a peer that
+// stops reading for as long as the client under test needs to notice).
+inline ScriptStep Hold() { return {ScriptStep::Hold, ""}; }
 // The script that sends `bytes` in pieces of `size` bytes, `ms` apart.
 std::vector<ScriptStep> Trickle(const std::string& bytes, size_t size, int ms);
 
@@ -56,6 +59,12 @@ public:
     int ScriptsDone() const { return m_scriptsDone; }
     // True once every script has been played to its end (or its Close).
     bool WaitScriptsDone(int timeoutMs) const;
+    // True once `count` connections are closed: at a Close step, a failed
+    // step, or else after the script when the client closed (then
+    // Received() holds all the client sent).
+    bool WaitClosed(int count, int timeoutMs) const;
+    // Ends the current or next Hold step.
+    void Release();
     // Mismatches and time-outs, one text each.
     std::vector<std::string> Failures() const;
 
@@ -69,9 +78,11 @@ private:
     int m_stepTimeoutMs;
     int m_listenFd = -1;
     int m_wakePipe[2] = {-1, -1};
+    int m_releasePipe[2] = {-1, -1};
     SockAddr m_addr;
     std::atomic<int> m_accepted{0};
     std::atomic<int> m_scriptsDone{0};
+    std::atomic<int> m_closed{0};
     mutable std::mutex m_lock;
     std::vector<std::string> m_received;
     std::vector<std::chrono::steady_clock::time_point> m_acceptTimes;

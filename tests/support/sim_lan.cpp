@@ -39,6 +39,9 @@ RunResult SimLan::Script(const std::vector<std::string>& args) const
 #ifdef VTEST_SIM_BINARY
                                      "VANTOR_SIM=" VTEST_SIM_BINARY,
 #endif
+#ifdef VTEST_EMULATOR
+                                     "SIM_EMULATOR=" VTEST_EMULATOR,
+#endif
                                      "/bin/bash", VTEST_SOURCE_DIR "/scripts/sim-lan.sh"};
     argv.insert(argv.end(), args.begin(), args.end());
     return RunProgram(argv, "", 60000);

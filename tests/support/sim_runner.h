@@ -39,8 +39,10 @@ public:
     int Port() const { return m_port; }
     // The database file (WAL mode): tests may open it with SQLite directly.
     const std::string& DbPath() const { return m_dbPath; }
-    // Everything the simulator logged so far (its standard error).
+    // Everything the simulator logged so far (its standard error), and the
+    // file it goes to.
     std::string Log() const;
+    const std::string& LogPath() const { return m_logPath; }
     // A new blocking stream socket connected to the simulator (the caller
     // closes it), or -1.
     int Connect() const;

@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <regex>
 #include <string>
 
 #include "scripted_server.h"
@@ -41,6 +42,44 @@ inline Script Prepared(const Script& more = {}, const std::string& comment = "SQ
     return Then(Then(Greeting(comment), {Expect("shell \\ |\r\n"), Send(kOkAnswer), Expect(".header on\r\n"),
                                          Send(kOkAnswer)}),
                 more);
+}
+
+// The script for a client in another process (vtest): its comment line
+// carries that process's id, so the line is taken up to its end unchecked.
+inline Script FromChild(Script script)
+{
+    for (ScriptStep& step : script)
+        if (step.kind == ScriptStep::Expect && step.bytes.compare(0, 13, "comment [pid=") == 0)
+            step = ExpectUntil("\r\n");
+    return script;
+}
+
+// Received bytes with every process id as "N" (another process's comment).
+inline std::string AnyPid(const std::string& bytes)
+{
+    return std::regex_replace(bytes, std::regex("pid=[0-9]+"), "pid=N");
+}
+
+// What a client following the script sends, and nothing else (as AnyPid).
+inline std::string Expected(const Script& script)
+{
+    std::string bytes;
+    for (const ScriptStep& step : script)
+        if (step.kind == ScriptStep::Expect) bytes += step.bytes;
+    return AnyPid(bytes);
+}
+
+// vtest's line for a statement that failed on the command line.
+inline std::string ExecFailed(const std::string& why)
+{
+    return "SqlWrapper:Exec() - failed (" + why + "): " + why + ".\n";
+}
+
+// The "--server=" option naming the scripted server.
+inline std::string ServerOption(const ScriptedServer& server)
+{
+    char text[SockAddr::m_strLen];
+    return std::string("--server=") + server.Addr().Str(text, true);
 }
 
 // A statement and its answer, the end of the answer added.

@@ -1,0 +1,119 @@
+// sql and sql_file end to end: whatever the server or the input does, the
+// output is the data as it is, or the rows so far and a failure with its
+// reason and status; never a cut or shifted result with status 0.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "process.h"
+#include "sim_runner.h"
+#include "sql_script.h"
+
+namespace {
+
+// Input past this byte is fed only once the simulator dropped the idle connection.
+const char kAfterIdleClose = '\f';
+
+TEST(SqlResults, NeitherLostNorInvented)
+{
+    SimRunner sim(SimRunner::Options{false, 0, 0, {"--idle-timeout=1"}});
+    ASSERT_TRUE(sim.Running()) << sim.Log();
+    const std::string dir = MakeTempDir(), file = dir + "/in.sql";
+    const Script cut = Prepared({Expect("SELECT a;\r\n"), Send("a\n1\n2\n"), Close()});
+    const Script mute = Prepared({Expect("SELECT a;\r\n"), Close()});
+    const Script notReady = Then(Greeting("SQL Wrapper"), {Expect("shell \\ |\r\n"), Send("DB not ready\n\v#> \n")});
+    const std::string longLine = "SELECT '" + std::string(1048570, 'y') + "';", cell(3000, 'x');
+    std::string wide = "SELECT 1 AS c1", header = "Line #\t\"c1\"", row = "\n1.\t\"1\"\t";
+    for (int i = 2; i <= 35; i++) {
+        wide += ", " + std::to_string(i) + " AS c" + std::to_string(i);
+        header += "\t\"c" + std::to_string(i) + "\"";
+        row += "\"" + std::to_string(i) + "\"\t";
+    }
+    std::string wider = wide;
+    for (int i = 36; i <= 1025; i++) wider += ", " + std::to_string(i);
+    struct Case {
+        const char* label;
+        std::vector<Script> scripts;    // the scripted server's; none: the simulator
+        std::vector<std::string> args;  // "S": the server's option, "F": the input as a file (else on stdin)
+        std::string input;
+        int status;
+        std::string out;  // after "Connecting to ..."
+        std::string err;  // operator lines
+    } cases[] = {
+        {"1 cut", {cut, Prepared()}, {"sql", "S", "SELECT a;"}, "", 254, "Line #\t\"a\"\n1.\t\"1\"\t\n2.\t\"2\"\t\n",
+         ExecFailed("connection lost after 2 rows")},
+        {"1 lost before a row", {mute, Prepared()}, {"sql", "S", "SELECT a;"}, "", 254, "",
+         ExecFailed("connection lost; the statement may have run")},
+        {"2 error after a row", {}, {"sql", "S", "SELECT 1 AS a; SELEC 2;"}, "", 254, "Line #\t\"a\"\n1.\t\"1\"\t\n",
+         ExecFailed("Error: near \"SELEC\": syntax error after 1 row")},
+        {"3 trailing NULL", {}, {"sql", "S", "SELECT 1 AS a, NULL AS b;"}, "", 0,
+         "Line #\t\"a\"\t\"b\"\n1.\t\"1\"\t\"\"\t\n", ""},
+        {"3 pairs named by the columns", {}, {"sql", "S", "--pairs", "SELECT 3 AS z, 2 AS a, 4 AS a, NULL AS b;"},
+         "", 0, "Line #\t\"a\"\t\"b\"\t\"z\"\n1.\t4\t\t3\t\n", ""},
+        {"4 past thirty columns", {}, {"sql", "S", wide + ";"}, "", 0, header + row + "\n", ""},
+        {"4 past the cap", {}, {"sql", "S", wider + ";"}, "", 254, "", ExecFailed("more than 1024 columns")},
+        {"5 a long cell", {}, {"sql", "S", "SELECT printf('%.*c', 3000, 'x') AS v;"}, "", 0,
+         "Line #\t\"v\"\n1.\t\"" + cell + "\"\t\n", ""},
+        {"5 a row past the line", {}, {"sql", "S", "SELECT printf('%.*c', 1048575, 'x') AS v;"}, "", 254,
+         "Line #\t\"v\"\n", ExecFailed("row longer than 1048574 bytes")},
+        {"5 a statement past the line", {}, {"sql", "S", "--stdin"}, longLine + "\nSELECT 5 AS e;\n", 0,
+         "Line #\t\"e\"\n1.\t\"5\"\t\n", "stdin:1 [line longer than 1048573 bytes] " + longLine.substr(0, 80) + "...\n"},
+        {"6 a line break", {}, {"sql", "S", "SELECT 'A';\nSELECT 'B';", "SELECT 'C';"}, "", 254, "",
+         ExecFailed("statement holds a line break")},
+        {"7 whole lines", {Prepared(Answer("SELECT 1 AS a;", "a\n1\n"))}, {"sql_file", "S", "F"},
+         "\xef\xbb\xbf#" + std::string(3998, 'n') + " DELETE FROM T1;\n\t# DELETE FROM T1;\nSELECT 1 AS a;  \n" +
+             std::string("bad\0line;\nlone\rCR;\n", 19),
+         254, "Line #\t\"a\"\n1.\t\"1\"\t\n",
+         file + ":4 [line holds a NUL byte] bad\\x00line;\n" + file + ":5 [line holds a lone carriage return] lone\\x0dCR;\n"},
+        {"8 own reasons", {}, {"sql_file", "S", "F"}, "SELEC 1;\nSELECT 2\n", 254, "",
+         file + ":1 [Error: near \"SELEC\": syntax error] SELEC 1;\n" + file + ":2 [missing semicolon] SELECT 2\n"},
+        {"8 not ready", {notReady}, {"sql", "S", "SELECT 1;"}, "", 254, "", ExecFailed("DB not ready")},
+        {"8 refused", {}, {"sql", "--server=127.0.0.1:1", "SELECT 1;"}, "", 254, "",
+         ExecFailed("connection refused by 127.0.0.1:1")},
+        {"9 an idle close", {}, {"sql", "S", "--stdin"},
+         "SELECT 1 AS a;\n\fINSERT INTO Events (EvntDscID, UsrID, HwID, EvntData) VALUES (1, 0, 1, 'idle');\n", 0,
+         "Line #\t\"a\"\n1.\t\"1\"\t\n", ""},
+        {"10 a directory", {}, {"sql_file", "S", "/"}, "", 254, "", "Unable to open file: stdin\n"},
+        {"10 a read error", {}, {"sql_file", "S", "/proc/self/mem"}, "", 254, "",
+         "Unable to read /proc/self/mem: Input/output error.\n"},
+    };
+    for (Case& c : cases) {
+        std::vector<Script> scripts;
+        for (const Script& script : c.scripts) scripts.push_back(FromChild(script));
+        ScriptedServer server(scripts);
+        std::string at, input = c.input;
+        for (std::string& arg : c.args) {
+            if (arg == "S") arg = scripts.empty() ? "--server=" + sim.Address() : ServerOption(server);
+            if (arg.compare(0, 9, "--server=") == 0) at = arg.substr(9);
+            if (arg != "F") continue;
+            std::ofstream(arg = file, std::ios::binary) << input;
+            input.clear();
+        }
+        size_t pause = input.find(kAfterIdleClose);
+        if (pause != std::string::npos) {
+            std::ofstream(dir + "/a") << input.substr(0, pause);
+            std::ofstream(dir + "/b") << input.substr(pause + 1);
+        }
+        RunResult r = pause == std::string::npos
+                          ? RunVtest(c.args, input)
+                          : RunProgram(InShell("{ cat " + dir + "/a; until grep -q 'silent for' " + sim.LogPath() +
+                                                   "; do sleep 0.05; done; cat " + dir + "/b; } | exec \"$@\"",
+                                               TargetArgv(VTEST_BINARY, c.args)));
+        EXPECT_EQ(r.status, c.status) << c.label;
+        EXPECT_EQ(r.out, "Connecting to " + at + "...\n" + c.out) << c.label;
+        EXPECT_EQ(OperatorErrors(r.err), c.err) << c.label;
+        // Exactly the script's requests reached the server (the DELETE never).
+        EXPECT_TRUE(server.WaitClosed(static_cast<int>(scripts.size()), ScaledMs(5000))) << c.label;
+        for (size_t i = 0; i < scripts.size(); i++)
+            EXPECT_EQ(AnyPid(server.Received(i)), Expected(c.scripts[i])) << c.label;
+        for (const std::string& failure : server.Failures()) ADD_FAILURE() << c.label << ": " << failure;
+    }
+    RunResult count = RunVtest({"sql", "--server=" + sim.Address(), "SELECT COUNT(*) FROM Events WHERE EvntData = 'idle';"});
+    EXPECT_NE(count.out.find("\n1.\t\"1\"\t\n"), std::string::npos) << "the INSERT after the idle close arrives once";
+    RunProgram({"/bin/rm", "-rf", dir});
+}
+
+}  // namespace

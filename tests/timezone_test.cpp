@@ -1,0 +1,378 @@
+// TimeZone against hand-made TZif files, damaged ones, POSIX rules checked
+// against a small model of their own, and real zones checked against zdump,
+// Python's zoneinfo and glibc as they run on this machine.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <ctime>
+#include <fstream>
+#include <functional>
+#include <thread>
+
+#include "TimeZone.h"
+#include "process.h"
+#include "tzif_builder.h"
+
+namespace {
+
+const int64_t kSpring2024 = 1711846800;  // 2024-03-31T01:00:00Z, Berlin to summer time
+const std::string kBerlinSpring = "2024-03-31T03:00:00 +7200 CEST 1";
+// A version 4 table cut to its last leap second (2016-12-31T23:59:60Z),
+// then expiring in 2024 (an equal correction: no leap second).
+const std::vector<std::pair<int64_t, int32_t>> kTruncatedLeaps = {{1483228826, 27}, {1719360027, 27}};
+// Where the counts of each header of Tzif::Berlin() start.
+const size_t kV1Counts = 20, kV2Counts = Tzif::Berlin().CountAt(0);
+
+// "2024-03-31T03:00:00 +7200 CEST 1", or "-" when out of range.
+std::string Show(const TimeZone& zone, int64_t t)
+{
+    LocalTime l;
+    if (!zone.ToLocal(t, l)) return "-";
+    char buf[96];
+    snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d %+d %s %d", l.year, l.month, l.day, l.hour, l.minute,
+             l.second, l.utoff, l.abbr, l.isdst);
+    return buf;
+}
+
+TimeZone Loaded(const std::string& bytes)
+{
+    TimeZone zone;
+    EXPECT_TRUE(zone.LoadData(bytes.data(), bytes.size())) << zone.Error();
+    return zone;
+}
+
+void Put32(std::string& bytes, size_t at, uint32_t value)
+{
+    for (int i = 0; i < 4; i++) bytes[at + i] = static_cast<char>(value >> (24 - 8 * i));
+}
+
+TEST(TimeZoneFiles, ReadsEveryVersionTheCapsAndTypeZeroFirst)
+{
+    Tzif v1 = Tzif::Berlin(), v3 = Tzif::Rule("EST5EDT,M3.2.0/-1,M11.1.0", -18000, "EST"), dstFirst = Tzif::Berlin();
+    v1.version = 0, v3.version = '3';
+    dstFirst.types[0] = {{7200, 1, 8}};  // before the first transition: type 0, DST or not
+    Tzif caps = Tzif::AtTheCaps();  // version 4; its leap seconds and more are held to glibc below
+    const struct {
+        const char* label;
+        Tzif file;
+        int64_t t;
+        std::string shows;
+    } cases[] = {
+        {"v1 table", v1, kSpring2024, kBerlinSpring},
+        {"v1 no footer", v1, 1900000000, "2030-03-17T18:46:40 +3600 CET 0"},
+        {"v2 footer", Tzif::Berlin(), 1910000000, "2030-07-11T13:33:20 +7200 CEST 1"},
+        {"v2 before first", Tzif::Berlin(), -3000000000, "1874-12-07T19:33:28 +3208 LMT 0"},
+        {"v3 rule at -1h", v3, 1710043199, "2024-03-09T22:59:59 -18000 EST 0"},
+        {"v3 rule changed", v3, 1710043200, "2024-03-10T00:00:00 -14400 EDT 1"},
+        {"DST type 0", dstFirst, -3000000000, "1874-12-07T20:40:00 +7200 CEST 1"},
+        {"caps first", caps, 10, "1970-01-01T00:00:10 +0 T0 0"},
+        {"caps last type", caps, 2999941, "1970-02-04T17:20:20 +79 T15 0"},
+        {"caps leaps, footer", caps, 3009995, "1970-02-04T19:51:14 +79 T15 0"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(Show(Loaded(c.file.Bytes()), c.t), c.shows) << c.label;
+}
+
+// argv run with its memory limited, so an allocation sized by a damaged
+// count fails the run: by ASan's own cap under ASan, else by the
+// address-space limit (not under TSan or an emulator, which map far more).
+std::vector<std::string> MemoryLimited(std::vector<std::string> argv)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    const char* options = getenv("ASAN_OPTIONS");
+    setenv("ASAN_OPTIONS", (std::string(options ? options : "") + ":max_allocation_size_mb=16").c_str(), 1);
+#elif !defined(__SANITIZE_THREAD__)
+    if (argv[0] == VTEST_BINARY) argv.insert(argv.begin(), {"/bin/sh", "-c", "ulimit -v 262144 && exec \"$@\"", "sh"});
+#endif
+    return argv;
+}
+
+TEST(TimeZoneFiles, RefusesDamagedFilesWithTheirReason)
+{
+    const char* kAbbr = "type 2: abbreviation outside the characters or without its NUL";
+    const char* kV3 = "footer needs version 3 (rule hours outside 0..24 or DST all year) in a version 2 file";
+    const char* kLeap1 = "leap second record 1: a table must start at or after 1970 with a correction of 1 or -1";
+    const char* kStep = "leap second record 2: correction does not change by 1";
+    const struct {
+        const char* label;
+        std::function<void(Tzif&)> edit;
+        std::function<void(std::string&)> patch;
+        const char* reason;
+    } cases[] = {
+        {"magic", nullptr, [](std::string& b) { b[0] = 'X'; }, "not a TZif file"},
+        {"version", [](Tzif& z) { z.version = '5'; }, nullptr, "unknown TZif version byte 0x35"},
+        {"typecnt 0", [](Tzif& z) { z.types.clear(), z.times.clear(), z.indices.clear(); }, nullptr,
+         "typecnt 0 (1 to 256)"},
+        {"charcnt 0", [](Tzif& z) { z.chars.clear(); }, nullptr, "charcnt 0 (1 to 4096)"},
+        {"isstdcnt", [](Tzif& z) { z.isstd = {0}; }, nullptr, "isstdcnt 1 (0 or typecnt)"},
+        {"isutcnt", [](Tzif& z) { z.isstd = {0, 0, 0}, z.isut = {0}; }, nullptr, "isutcnt 1 (0 or typecnt)"},
+        {"unsorted", [](Tzif& z) { z.times[2] = z.times[1]; }, nullptr,
+         "transition times not ascending at transition 3"},
+        {"index", [](Tzif& z) { z.indices[1] = 3; }, nullptr, "transition 2 names a missing type"},
+        {"utoff", [](Tzif& z) { z.types[0][0] = INT32_MIN; }, nullptr, "type 0: offset -2^31"},
+        {"isdst", [](Tzif& z) { z.types[1][1] = 2; }, nullptr, "type 1: DST flag 2"},
+        {"abbr index", [](Tzif& z) { z.types[2][2] = 13; }, nullptr, kAbbr},
+        {"abbr NUL", [](Tzif& z) { z.chars.pop_back(); }, nullptr, kAbbr},
+        {"isstd 2", [](Tzif& z) { z.isstd = {2, 0, 0}; }, nullptr, "bad standard/wall or UT/local indicator of type 0"},
+        {"isut alone", [](Tzif& z) { z.isstd = {0, 0, 0}, z.isut = {0, 1, 0}; }, nullptr,
+         "bad standard/wall or UT/local indicator of type 1"},
+        {"leap order", [](Tzif& z) { z.leaps = {{100, 1}, {100, 2}}; }, nullptr,
+         "leap second record 2: not after the one before"},
+        {"leap first", [](Tzif& z) { z.leaps = {{100, 2}}; }, nullptr, kLeap1},
+        {"leap negative", [](Tzif& z) { z.leaps = {{-5, 1}}, z.version = '3'; }, nullptr, kLeap1},
+        {"leap jump", [](Tzif& z) { z.leaps = {{100, 1}, {200, 3}}; }, nullptr, kStep},
+        {"expiry v3", [](Tzif& z) { z.leaps = {{100, 1}, {200, 1}}, z.version = '3'; }, nullptr, kStep},
+        {"expiry inside", [](Tzif& z) { z.leaps = {{100, 1}, {200, 1}, {300, 2}}, z.version = '4'; }, nullptr, kStep},
+        {"no footer", nullptr, [](std::string& b) { b.resize(b.size() - 28); }, "no footer after the data block"},
+        {"footer open", nullptr, [](std::string& b) { b.pop_back(); }, "footer without its closing newline"},
+        {"footer NUL", [](Tzif& z) { z.footer[3] = '\0'; }, nullptr, "footer holds a NUL byte"},
+        {"footer long", [](Tzif& z) { z.footer = "<" + std::string(253, 'A') + ">1"; }, nullptr,
+         "footer longer than 255 bytes"},
+        {"footer rule", [](Tzif& z) { z.footer = "CET"; }, nullptr,
+         "footer: expected an offset [+-]hh[:mm[:ss]], hours 0-24 at byte 4"},
+        {"footer offset", [](Tzif& z) { z.footer = "CET-2CEST,M3.5.0,M10.5.0/3"; }, nullptr,
+         "footer rule gives \"CET\" gmtoff=7200 isdst=0 at the last transition, the table \"CET\" gmtoff=3600 isdst=0"},
+        {"footer abbr", [](Tzif& z) { z.footer = "MEZ-1MESZ,M3.5.0,M10.5.0/3"; }, nullptr,
+         "footer rule gives \"MEZ\" gmtoff=3600 isdst=0 at the last transition, the table \"CET\" gmtoff=3600 isdst=0"},
+        {"v3 hours in v2", [](Tzif& z) { z = Tzif::Rule("EST5EDT,M3.2.0/-1,M11.1.0", -18000, "EST"); }, nullptr, kV3},
+        {"all-year in v2", [](Tzif& z) { z = Tzif::Rule("AAA-12BBB12,0/0,J365/24", 43200, "AAA"); }, nullptr, kV3},
+        {"trailing", nullptr, [](std::string& b) { b += "x"; }, "1 bytes after the footer"},
+        {"v1 trailing", [](Tzif& z) { z.version = 0; }, [](std::string& b) { b += "x"; },
+         "1 bytes after the data block"},
+        {"v1 counts", nullptr, [](std::string& b) { Put32(b, kV1Counts + 12, 0xffffffff); },
+         "truncated version 1 data block (needs 21474836506 bytes, 176 left)"},
+        {"second magic", nullptr, [](std::string& b) { b[kV2Counts - 20] = 'X'; }, "second header without \"TZif\""},
+        {"second version", nullptr, [](std::string& b) { b[kV2Counts - 16] = '3'; },
+         "second header of another version"},
+        {"typecnt cap", nullptr, [](std::string& b) { Put32(b, kV2Counts + 16, 257); }, "typecnt 257 (1 to 256)"},
+        {"timecnt cap", nullptr, [](std::string& b) { Put32(b, kV2Counts + 12, 50001); },
+         "timecnt 50001 (at most 50000)"},
+        {"leapcnt cap", nullptr, [](std::string& b) { Put32(b, kV2Counts + 8, 1001); }, "leapcnt 1001 (at most 1000)"},
+        {"charcnt cap", nullptr, [](std::string& b) { Put32(b, kV2Counts + 20, 4097); }, "charcnt 4097 (1 to 4096)"},
+        {"count past end", nullptr, [](std::string& b) { Put32(b, kV2Counts + 12, 40000); },
+         "truncated data block (needs 360031 bytes, 86 left)"},
+        {"timecnt +1", nullptr, [](std::string& b) { Put32(b, kV2Counts + 12, 4); },
+         "transition 4 names a missing type"},
+        {"charcnt -1", nullptr, [](std::string& b) { Put32(b, kV2Counts + 20, 12); }, kAbbr},
+        {"cut", nullptr, [](std::string& b) { b.resize(100); }, "truncated second header (needs 44 bytes, 10 left)"},
+        {"over 1 MiB", nullptr, [](std::string& b) { b.resize(TimeZone::kMaxFileBytes + 1); },
+         "larger than 1048576 bytes"},
+    };
+    std::string dir = MakeTempDir(), path = dir + "/zone";
+    for (const auto& c : cases) {
+        Tzif file = Tzif::Berlin();
+        if (c.edit) c.edit(file);
+        std::string bytes = file.Bytes();
+        if (c.patch) c.patch(bytes);
+        TimeZone zone = Loaded(Tzif::Berlin().Bytes());
+        std::ofstream(path, std::ios::binary) << bytes;
+        EXPECT_FALSE(zone.LoadFile(path.c_str())) << c.label;
+        EXPECT_EQ(zone.Error(), "\"" + path + "\": " + c.reason) << c.label;
+        EXPECT_EQ(Show(zone, kSpring2024), kBerlinSpring) << c.label << ": zone kept";
+        RunResult r = RunProgram(MemoryLimited(TargetArgv(VTEST_BINARY, {"time", "--tz=" + path, "now"})));
+        EXPECT_EQ(r.status, 2) << c.label;
+        EXPECT_EQ(r.out + r.err, "time: cannot load time zone \"" + path + "\": " + zone.Error() + "\n") << c.label;
+    }
+    RunProgram({"/bin/rm", "-rf", dir});
+    // Cut anywhere, a file is refused without reading past its end.
+    Tzif leaps = Tzif::Berlin();
+    leaps.leaps = {{78796800, 1}, {94694401, 2}};
+    std::string whole = leaps.Bytes();
+    for (size_t len = 0; len < whole.size(); len++) {
+        std::string cut = whole.substr(0, len);  // its own allocation, so ASan sees an over-read
+        EXPECT_FALSE(TimeZone().LoadData(cut.data(), cut.size())) << len;
+    }
+}
+
+// ---- POSIX rules against a model that finds each change by walking the
+// calendar with the C library (years 1902..2037 fit a 32-bit time_t; the
+// walk also looks at the year before and after, so it starts at 1903).
+
+struct RuleCase {
+    const char* text;
+    int32_t stdOff, dstOff;  // east of UTC
+    const char* start;       // "J60", "59" or "M3.5.0", as in the text
+    int32_t startTime;
+    const char* end;
+    int32_t endTime;
+};
+
+time_t ModelMidnight(int year, const char* date)
+{
+    struct tm tm = {};
+    tm.tm_year = year - 1900;
+    int m = 0, w = 0, d = 0;
+    if (sscanf(date, "M%d.%d.%d", &m, &w, &d) != 3) {
+        bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+        int n = atoi(date + (date[0] == 'J'));
+        tm.tm_mday = date[0] == 'J' ? n + (leap && n >= 60) : n + 1;  // days of January run on
+        return timegm(&tm);
+    }
+    tm.tm_mon = m - 1;
+    time_t found = 0;
+    for (int day = 1, seen = 0; day <= 31 && seen < w; day++) {
+        struct tm probe = tm;
+        probe.tm_mday = day;
+        time_t t = timegm(&probe);
+        if (probe.tm_mon != m - 1) break;  // else the month's last such day
+        if (probe.tm_wday == d) found = t, seen++;
+    }
+    return found;
+}
+
+// DST at t by the model: the latest change at or before t.
+bool ModelDst(const RuleCase& r, int64_t t, int year)
+{
+    int64_t best = INT64_MIN;
+    bool dst = false;
+    for (int y = year - 1; y <= year + 1; y++) {
+        int64_t on = ModelMidnight(y, r.start) + r.startTime - r.stdOff;
+        int64_t off = ModelMidnight(y, r.end) + r.endTime - r.dstOff;
+        if (on <= t && on > best) best = on, dst = true;
+        if (off <= t && off > best) best = off, dst = false;
+    }
+    return dst;
+}
+
+TEST(TimeZoneRules, AgreeWithTheModelAroundEveryChange)
+{
+    const int32_t h = 3600;
+    const RuleCase cases[] = {
+        {"IST-2IDT,M3.4.4/26,M10.5.0", 2 * h, 3 * h, "M3.4.4", 26 * h, "M10.5.0", 2 * h},
+        {"<-02>2<-01>,M3.5.0/-1,M10.5.0/0", -2 * h, -h, "M3.5.0", -h, "M10.5.0", 0},
+        {"IST-1GMT0,M10.5.0,M3.5.0/1", h, 0, "M10.5.0", 2 * h, "M3.5.0", h},  // negative DST
+        {"XXX3YYY,J60/0,J300", -3 * h, -2 * h, "J60", 0, "J300", 2 * h},
+        {"XXX3YYY,59/0,299", -3 * h, -2 * h, "59", 0, "299", 2 * h},
+        {"AAA-5BBB,M3.1.0/167,M10.1.0/-167", 5 * h, 6 * h, "M3.1.0", 167 * h, "M10.1.0", -167 * h},
+        {"<+0513>-5:13:17<+0613>-6:13:17,M3.5.0/1:02:03,M10.5.0/3:04:05", 18797, 22397, "M3.5.0", 3723, "M10.5.0",
+         11045},
+        {"AEST-10AEDT,M10.1.0,M4.1.0/3", 10 * h, 11 * h, "M10.1.0", 2 * h, "M4.1.0", 3 * h},
+        {"EST5EDT", -5 * h, -4 * h, "M3.2.0", 2 * h, "M11.1.0", 2 * h},
+        {"<+13>-13<+14>,J1/1,M3.1.0/3", 13 * h, 14 * h, "J1", h, "M3.1.0", 3 * h},  // starts the UTC year before
+        // ends the UTC year after:
+        {"<-11>11<-10>,M10.1.0,J365/23", -11 * h, -10 * h, "M10.1.0", 2 * h, "J365", 23 * h},
+    };
+    for (const RuleCase& r : cases) {
+        TimeZone zone;
+        ASSERT_TRUE(zone.LoadRule(r.text)) << r.text << ": " << zone.Error();
+        for (int year = 1903; year <= 2036; year += year < 1975 ? 7 : 1) {
+            for (int64_t change : {ModelMidnight(year, r.start) + r.startTime - r.stdOff,
+                                   ModelMidnight(year, r.end) + r.endTime - r.dstOff}) {
+                for (int64_t t : {change - 1, change, change + 40000}) {
+                    LocalTime l;
+                    bool dst = ModelDst(r, t, year);
+                    ASSERT_TRUE(zone.ToLocal(t, l) && l.isdst == dst && l.utoff == (dst ? r.dstOff : r.stdOff))
+                        << r.text << " @" << t;
+                }
+                int64_t next = 0;
+                ASSERT_TRUE(zone.NextTransition(change - 1, &next) && next == change) << r.text << " @" << change;
+            }
+        }
+    }
+    TimeZone allYear;  // the whole-year trick: DST and no change, ever
+    int64_t next;
+    ASSERT_TRUE(allYear.LoadRule("EST5EDT,0/0,J365/25"));
+    EXPECT_EQ(Show(allYear, 1704085200), "2024-01-01T01:00:00 -14400 EDT 1");
+    EXPECT_FALSE(allYear.NextTransition(0, &next));
+}
+
+TEST(TimeZoneRules, RefusesMalformedRules)
+{
+    std::string longest = "<" + std::string(251, 'A') + ">-1", over = "<" + std::string(252, 'A') + ">-1";
+    const char* bad[] = {
+        "", "EST", "ES5", "E5T5", "EST+", "EST25", "EST5:6", "EST5:60", "EST5:00:60", "<ES>5", "<EST5", "<E T>5",
+        "EST5EDT,", "EST5EDT,M3.2.0", "EST5EDT,M3.2.0,", "EST5EDT,M13.1.0,M11.1.0", "EST5EDT,M0.1.0,M11.1.0",
+        "EST5EDT,M3.6.0,M11.1.0", "EST5EDT,M3.0.0,M11.1.0", "EST5EDT,M3.2.7,M11.1.0", "EST5EDT,J0,J100",
+        "EST5EDT,J366,J100", "EST5EDT,366,J100", "EST5EDT,M3.2.0/168,M11.1.0", "EST5EDT,M3.2.0/-168,M11.1.0",
+        "EST5EDT,M3.2.0,M11.1.0x", "EST5EDT4x", "EST5 ", "EST5EDT,M3.2.0/,M11.1.0", over.c_str(),
+    };
+    TimeZone zone;
+    ASSERT_TRUE(zone.LoadRule(longest.c_str()));
+    ASSERT_TRUE(zone.LoadRule("UTC0"));
+    for (const char* text : bad) EXPECT_FALSE(zone.LoadRule(text)) << text;
+    EXPECT_EQ(Show(zone, 0), "1970-01-01T00:00:00 +0 UTC 0");
+    EXPECT_FALSE(zone.LoadRule("EST5EDT,M3.2.0/2:60,M11.1.0"));
+    EXPECT_EQ(zone.Error(), "not a POSIX TZ rule: expected a time [+-]hhh[:mm[:ss]], hours up to 167 at byte 16");
+}
+
+TEST(TimeZoneLoad, NamesPathsRulesAndTheirErrors)
+{
+    std::string dir = MakeTempDir(), saved = getenv("TZDIR") ? getenv("TZDIR") : "";
+    RunProgram({"/bin/mkdir", dir + "/Test"});
+    std::ofstream(dir + "/Test/Zone", std::ios::binary) << Tzif::Rule("<+0130>-1:30", 5400, "+0130").Bytes();
+    setenv("TZDIR", dir.c_str(), 1);
+    const std::string file = "1970-01-01T01:30:00 +5400 +0130 0";
+    const std::string offset = "expected an offset [+-]hh[:mm[:ss]], hours 0-24";
+    const std::pair<std::string, std::string> cases[] = {  // zone, shows at @0 or the error
+        {"Test/Zone", file}, {":Test/Zone", file}, {dir + "/Test/Zone", file},
+        {"EST5", "1969-12-31T19:00:00 -18000 EST 0"},
+        {"<+03>-3", "1970-01-01T03:00:00 +10800 +03 0"},
+        {":EST5", "\"" + dir + "/EST5\": No such file or directory"},
+        {":Test/../Zone", "after \":\" a zone name or a file path is needed"},
+        {"Test", "\"" + dir + "/Test\": Is a directory"},
+        {"Test/../Test/Zone", "not a POSIX TZ rule: " + offset + " at byte 5"},
+        {"Nowhere/Zone", "no file \"" + dir + "/Nowhere/Zone\", and not a POSIX TZ rule: " + offset + " at byte 8"},
+    };
+    for (const auto& c : cases) {
+        TimeZone zone;
+        EXPECT_EQ(zone.Load(c.first.c_str()) ? Show(zone, 0) : zone.Error(), c.second) << c.first;
+    }
+    saved.empty() ? unsetenv("TZDIR") : setenv("TZDIR", saved.c_str(), 1);
+    RunProgram({"/bin/rm", "-rf", dir});
+}
+
+// ---- against the readers installed here
+
+TEST(TimeZoneReal, SampleZonesAgreeWithZdumpZoneinfoAndGlibc)
+{
+    // Listings, instants and wall times under every --pick, installed and
+    // `zic -b slim` files, and the right/ zones; the full sweep does all zones.
+    std::string command;
+    for (const std::string& word : TargetArgv(VTEST_BINARY)) command += "'" + word + "' ";
+    const char* zones =
+        "^(Europe/(Berlin|Dublin)|America/(Santiago|St_Johns)|Australia/Lord_Howe|Pacific/Apia|Asia/Tehran)$";
+    RunResult r = RunProgram({"/usr/bin/python3", VTEST_SOURCE_DIR "/scripts/tz-sweep.py", command, zones}, "",
+                             ScaledMs(120000));
+    if (r.status != 0 && r.err.find("ModuleNotFoundError") != std::string::npos) GTEST_SKIP() << r.err;
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_NE(r.out.find("installed: 7 zones"), std::string::npos) << r.out;
+    EXPECT_NE(r.out.find("right/: 7 zones"), std::string::npos) << r.out;
+}
+
+TEST(TimeZoneReal, TruncatedAndExpiringLeapTablesEqualGlibc)
+{
+    std::string dir = MakeTempDir(), path = dir + "/leaps", input, ours;
+    Tzif leaps = Tzif::Rule("UTC0", 0, "UTC");
+    leaps.version = '4', leaps.leaps = kTruncatedLeaps;
+    std::ofstream(path, std::ios::binary) << leaps.Bytes();
+    TimeZone zone;
+    ASSERT_TRUE(zone.LoadFile(path.c_str())) << zone.Error();
+    for (int64_t t : {1483228825, 1483228826, 1483228827, 1719360026, 1719360027, 1719360028}) {
+        input += "@" + std::to_string(t) + "\n";
+        ours += Show(zone, t).replace(20, 2, "+0000") + "\n";  // as date's %z
+    }
+    RunResult glibc =
+        RunProgram({"/usr/bin/env", "TZ=" + path, "/bin/date", "-f", "-", "+%Y-%m-%dT%H:%M:%S %z %Z 0"}, input);
+    EXPECT_EQ(ours, glibc.out) << glibc.err;
+    RunProgram({"/bin/rm", "-rf", dir});
+}
+
+TEST(TimeZone, ZonesServeParallelThreads)
+{
+    TimeZone zones[2] = {Loaded(Tzif::Berlin().Bytes())};
+    ASSERT_TRUE(zones[1].LoadRule("AEST-10AEDT,M10.1.0,M4.1.0/3"));
+    auto run = [](const TimeZone& zone, std::string& out) {
+        LocalTime l;
+        int64_t back[2];
+        LocalKind kind;
+        for (int64_t t = 1600000000; t < 1600000000 + 4000 * 9973; t += 9973)
+            if (zone.ToLocal(t, l)) out += Show(zone, t) + " " + std::to_string(zone.FromLocal(l, back, &kind)) + ",";
+    };
+    std::string alone[2], together[4];
+    run(zones[0], alone[0]), run(zones[1], alone[1]);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; i++) threads.emplace_back(run, std::cref(zones[i % 2]), std::ref(together[i]));
+    for (std::thread& t : threads) t.join();
+    for (int i = 0; i < 4; i++) EXPECT_EQ(together[i], alone[i % 2]) << i;
+}
+
+}  // namespace
