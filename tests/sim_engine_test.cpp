@@ -186,10 +186,11 @@ protected:
 
 TEST_F(Monitor, WordsNarrowTheSubscriptionAndCaseDoesNotMatter)
 {
-    ASSERT_TRUE(watcher->reads.Subscribe("events delete"));
+    ASSERT_TRUE(watcher->reads.Subscribe("events update delete"));
     Run({"INSERT INTO Events (EvntDscID) VALUES (1);", "INSERT INTO Hardware (HwName, HwType) VALUES ('h', 'unit');",
-         "DELETE FROM Hardware WHERE HwID = 7;", "DELETE FROM Events WHERE EvntID > 9;"});
-    EXPECT_EQ((std::vector<std::string>{"delete Events 10", "delete Events 11"}), Events());
+         "UPDATE Events SET EvntDscID = 2 WHERE EvntID = 3;", "DELETE FROM Hardware WHERE HwID = 7;",
+         "DELETE FROM Events WHERE EvntID > 9;"});
+    EXPECT_EQ((std::vector<std::string>{"update Events 3", "delete Events 10", "delete Events 11"}), Events());
 }
 
 TEST_F(Monitor, OnlyCommittedChangesAreSent)

@@ -67,7 +67,6 @@ TEST_F(SqlCommands, FormatsStatementsFilesAndStandardInput)
     const std::string file = m_dir + "/statements.sql", syntax = "Error: near \"SELEC\": syntax error";
     const std::string select = "SELECT HwName, HwID FROM Hardware WHERE HwID <= 2 ORDER BY HwID;";
     const char* none = "SELECT HwID, HwName FROM Hardware WHERE HwID < 0;";
-    const std::string next = "--------------- N e x t   q u e r y --------------\n";
     const struct {
         const char* label;
         std::vector<std::string> args;  // "S": the server's option, "F": the input as a file (else on stdin)
@@ -83,18 +82,14 @@ TEST_F(SqlCommands, FormatsStatementsFilesAndStandardInput)
         {"empty pairs", {"sql", "S", "--pairs", none}, "", 0, "", ""},
         {"no rows", {"sql", "S", "INSERT INTO Events (EvntDscID, UsrID, HwID) VALUES (1, 0, 1);"}, "", 0, "", ""},
         {"trailing blanks", {"sql", "S", "SELECT 7 AS n; \t \t"}, "", 0, "Line #\t\"n\"\n1.\t\"7\"\t\n", ""},
-        {"in turn", {"sql", "S", "SELECT 1 AS a;", "SELECT 2 AS b;"}, "", 0,
-         "Line #\t\"a\"\n1.\t\"1\"\t\n" + next + "Line #\t\"b\"\n1.\t\"2\"\t\n", ""},
         {"stops at a failure", {"sql", "S", "SELEC 1;", "INSERT INTO Events (EvntData) VALUES ('must not run');"}, "",
          254, "", ExecFailed(syntax)},
         {"did not run", {"sql", "S", "SELECT COUNT(*) AS n FROM Events WHERE EvntData = 'must not run';"}, "", 0,
          "Line #\t\"n\"\n1.\t\"0\"\t\n", ""},
-        // Line numbers are the file's; a failure does not stop the run; the last statement gives the status.
+        // Line numbers are the file's; a failure does not stop the run.
         {"file", {"sql_file", "S", "F", "ignored.sql"},
          "# a comment; SELECT 0;\n\nSELECT 1 AS a;\r\nSELEC 2;\nSELECT 3 AS c;  \n", 0,
          "Line #\t\"a\"\n1.\t\"1\"\t\nLine #\t\"c\"\n1.\t\"3\"\t\n", file + ":4 [" + syntax + "] SELEC 2;\n"},
-        {"file's last fails", {"sql_file", "S", "F"}, "SELECT 1 AS a;\nSELEC 2;\n", 254, "Line #\t\"a\"\n1.\t\"1\"\t\n",
-         file + ":2 [" + syntax + "] SELEC 2;\n"},
         // Repeated options; nothing at the file-name position: standard input is "stdin".
         {"stdin", {"sql", "--pairs", "S", "--stdin", "S", "--pairs"}, "SELECT 5 AS e;\n# skipped\nnot sql;\n", 254,
          Connecting() + "Line #\t\"e\"\n1.\t5\t\n", "stdin:3 [Error: near \"not\": syntax error] not sql;\n"},
