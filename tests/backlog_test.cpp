@@ -1,6 +1,5 @@
-// The backlog judge as a table, then `vtest backlog` end to end: every
-// form and state, JSON read back by a parser, /var/local in a private mount
-// namespace, --interval cut short by a signal, and the simulator's replicas.
+// The backlog judge as a table, then `vtest backlog` end to end: every form and state, JSON read back by a
+// parser, /var/local in a private mount namespace, --interval cut short by a signal, the simulator's replicas.
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sched.h>
@@ -21,16 +20,6 @@
 
 namespace {
 
-// Thresholds; -1 leaves one out.
-BacklogLimits Limits(long long warn, long long crit = -1, long long stale = -1)
-{
-    BacklogLimits l;
-    if (warn >= 0) l.warn = warn;
-    if (crit >= 0) l.crit = crit;
-    if (stale >= 0) l.staleSeconds = stale;
-    return l;
-}
-
 TEST(BacklogJudge, TakesTheFirstStateThatAppliesWithItsStatus)
 {
     const timespec now = {1000000, 0};
@@ -44,32 +33,30 @@ TEST(BacklogJudge, TakesTheFirstStateThatAppliesWithItsStatus)
         PeerState state;
         BacklogStatus status;
     } cases[] = {  // the unit is at 1000; the plain thresholds are in the end-to-end table
-        {"lagging, no thresholds", 1, -1, 0, Limits(-1), 99999, PeerState::kOk, kBacklogOk},
-        {"unchanged for --stale", 999, -1, 0, Limits(-1, -1, 3600), 3600, PeerState::kStale, kBacklogCritical},
-        {"a second short of --stale", 999, -1, 0, Limits(-1, -1, 3600), 3599, PeerState::kOk, kBacklogOk},
-        {"level is never stale", 1000, -1, 0, Limits(-1, -1, 1), 99999, PeerState::kOk, kBacklogOk},
-        {"future time counts as 0", 999, -1, 0, Limits(-1, -1, 1), -5, PeerState::kOk, kBacklogOk},
-        {"stalled, no --warn", 900, 900, 1, Limits(-1), 0, PeerState::kStalled, kBacklogWarning},
-        {"stalled at --warn", 990, 990, 1, Limits(10), 0, PeerState::kStalled, kBacklogWarning},
-        {"stalled above --warn", 989, 989, 1, Limits(10), 0, PeerState::kStalled, kBacklogCritical},
-        {"went back", 900, 950, 1, Limits(-1), 0, PeerState::kStalled, kBacklogWarning},
-        {"moving above --crit alone", 800, 790, 1, Limits(-1, 100), 0, PeerState::kMoving, kBacklogWarning},
-        {"advancing within --warn", 995, 990, 1, Limits(10), 0, PeerState::kOk, kBacklogOk},
-        {"advanced: never stale", 995, 990, 1, Limits(-1, -1, 60), 99999, PeerState::kOk, kBacklogOk},
-        {"too short to rate", 989, 989, 0.09, Limits(10), 0, PeerState::kBehind, kBacklogWarning},
-        {"new since the first reading", 989, -1, 1, Limits(10), 0, PeerState::kBehind, kBacklogWarning},
+        {"lagging, no thresholds", 1, -1, 0, {}, 99999, PeerState::kOk, kBacklogOk},
+        {"unchanged for --stale", 999, -1, 0, {{}, {}, 3600}, 3600, PeerState::kStale, kBacklogCritical},
+        {"a second short of --stale", 999, -1, 0, {{}, {}, 3600}, 3599, PeerState::kOk, kBacklogOk},
+        {"level is never stale", 1000, -1, 0, {{}, {}, 1}, 99999, PeerState::kOk, kBacklogOk},
+        {"future time counts as 0", 999, -1, 0, {{}, {}, 1}, -5, PeerState::kOk, kBacklogOk},
+        {"stalled, no --warn", 900, 900, 1, {}, 0, PeerState::kStalled, kBacklogWarning},
+        {"stalled at --warn", 990, 990, 1, {10, {}, {}}, 0, PeerState::kStalled, kBacklogWarning},
+        {"stalled above --warn", 989, 989, 1, {10, {}, {}}, 0, PeerState::kStalled, kBacklogCritical},
+        {"went back", 900, 950, 1, {}, 0, PeerState::kStalled, kBacklogWarning},
+        {"moving above --crit alone", 800, 790, 1, {{}, 100, {}}, 0, PeerState::kMoving, kBacklogWarning},
+        {"advancing within --warn", 995, 990, 1, {10, {}, {}}, 0, PeerState::kOk, kBacklogOk},
+        {"advanced: never stale", 995, 990, 1, {{}, {}, 60}, 99999, PeerState::kOk, kBacklogOk},
+        {"too short to rate", 989, 989, 0.09, {10, {}, {}}, 0, PeerState::kBehind, kBacklogWarning},
+        {"new since the first reading", 989, -1, 1, {10, {}, {}}, 0, PeerState::kBehind, kBacklogWarning},
     };
     for (const auto& c : cases) {
-        PeerReading peer, before;
-        peer.version = Version(c.peer);
-        peer.mtime = {static_cast<time_t>(now.tv_sec - c.age), 0};
-        before.version = Version(static_cast<uint64_t>(c.before));
+        PeerReading peer{1, 0, Version(c.peer), {static_cast<time_t>(now.tv_sec - c.age), 0}};
+        PeerReading before{1, 0, Version(static_cast<uint64_t>(c.before)), {}};
         PeerReport r = backlog_judge(Version(1000), peer, c.before < 0 ? nullptr : &before, c.elapsed, c.limits, now);
         EXPECT_STREQ(backlog_state_word(r.state), backlog_state_word(c.state)) << c.label;
         EXPECT_EQ(r.status, c.status) << c.label;
     }
     PeerReading later{1, 0, Version(990), now}, earlier{1, 0, Version(980), now};
-    PeerReport rated = backlog_judge(Version(1000), later, &earlier, 2, Limits(-1), now);
+    PeerReport rated = backlog_judge(Version(1000), later, &earlier, 2, {}, now);
     EXPECT_TRUE(rated.rate == 5 && rated.hasEta && rated.eta == 2);  // 10 changes in 2 s, 10 to go
 }
 
