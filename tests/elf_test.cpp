@@ -182,9 +182,7 @@ TEST_F(ElfTest, ShowsEachDamageInItsBlock)
     const Image good(true, false, 62);
     const uint64_t s0 = good.shoff, s3 = s0 + 3 * 64, s5 = s0 + 5 * 64;
     struct Case {
-        const char* label;
-        std::function<void(Image&)> damage;
-        std::string shows;
+        const char* label; std::function<void(Image&)> damage; std::string shows;
     } cases[] = {
         {"cut in the section table", [&](Image& i) { i.bytes.resize(s0 + 100); },
          "  <damaged: 7 entries at 0x230 pass the end of the file>\n"},
@@ -232,7 +230,7 @@ TEST_F(ElfTest, ShowsEachDamageInItsBlock)
              i.Add(i.bytes.size() + 1, i.bytes.substr(s0, 7 * 64)), i.Put(kShoff, i.bytes.size() - 7 * 64, 8);
          }, "  [ 6] STRTAB          0x00000000000101f0 0x0001f0 0x00003f 0x00 0x2 0 0 1 .shstrtab\n"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         Image image = good;
         c.damage(image);
         std::string report = Report(Save(image.bytes));
@@ -280,9 +278,7 @@ TEST_F(ElfTest, RefusesWhatIsNotAReadableElfFileWithOneWarning)
     int watch = inotify_init1(IN_NONBLOCK);
     ASSERT_GE(watch, 0);
     ASSERT_GE(inotify_add_watch(watch, (dir + "/fifo").c_str(), IN_OPEN), 0);
-    if (node) {
-        ASSERT_GE(inotify_add_watch(watch, (dir + "/null").c_str(), IN_OPEN), 0);
-    }
+    if (node) { ASSERT_GE(inotify_add_watch(watch, (dir + "/null").c_str(), IN_OPEN), 0); }
     for (const auto& c : cases) {
         if (access(c.path.c_str(), F_OK) != 0 && c.path.rfind("/sys/", 0) == 0) continue;  // no sysfs here
         std::string log = c.err ? "Unable to open " + c.path + " (" + std::to_string(c.err) + ")."
@@ -333,9 +329,7 @@ RunResult VtestElfAs(const std::string& argv0, const std::string& cwd)
 TEST_F(ElfTest, ElfCommandReadsArgv0AndIgnoresItsArguments)
 {
     std::string good = Save(Image(false, false, 40).bytes, "vtest"), junk = Save("#!/bin/sh\n", "junk");
-    const struct {
-        std::string argv0, out, log;
-    } cases[] = {
+    const struct { std::string argv0, out, log; } cases[] = {
         {good, Report(good), ""}, {junk, "", "warn <Elf> Unable to read " + junk + ": not ELF.\n"},
         {"./vtest", Report(good), ""}, {"vtest", Report(VTEST_BINARY), ""},
     };

@@ -98,11 +98,12 @@ TEST(TimeZoneFiles, RefusesDamagedFilesWithTheirReason)
     } cases[] = {
         {"magic", nullptr, [](std::string& b) { b[0] = 'X'; }, "not a TZif file"},
         {"version", [](Tzif& z) { z.version = '5'; }, nullptr, "unknown TZif version byte 0x35"},
-        {"typecnt 0", [](Tzif& z) { z.types.clear(), z.times.clear(), z.indices.clear(); }, nullptr, "typecnt 0 (1 to 256)"},
+        {"no types", [](Tzif& z) { z = Tzif::Rule("UTC0", 0, "UTC"), z.types.clear(); }, nullptr,
+         "typecnt 0 (1 to 256)"},
         {"charcnt 0", [](Tzif& z) { z.chars.clear(); }, nullptr, "charcnt 0 (1 to 4096)"},
         {"isstdcnt", [](Tzif& z) { z.isstd = {0}; }, nullptr, "isstdcnt 1 (0 or typecnt)"},
         {"isutcnt", [](Tzif& z) { z.isstd = {0, 0, 0}, z.isut = {0}; }, nullptr, "isutcnt 1 (0 or typecnt)"},
-        {"unsorted", [](Tzif& z) { z.times[2] = z.times[1]; }, nullptr, "transition times not ascending at transition 3"},
+        {"order", [](Tzif& z) { z.times[2] = z.times[1]; }, nullptr, "transition times not ascending at transition 3"},
         {"index", [](Tzif& z) { z.indices[1] = 3; }, nullptr, "transition 2 names a missing type"},
         {"utoff", [](Tzif& z) { z.types[0][0] = INT32_MIN; }, nullptr, "type 0: offset -2^31"},
         {"isdst", [](Tzif& z) { z.types[1][1] = 2; }, nullptr, "type 1: DST flag 2"},
@@ -132,7 +133,7 @@ TEST(TimeZoneFiles, RefusesDamagedFilesWithTheirReason)
         {"v3 hours in v2", [](Tzif& z) { z = Tzif::Rule("EST5EDT,M3.2.0/-1,M11.1.0", -18000, "EST"); }, nullptr, kV3},
         {"all-year in v2", [](Tzif& z) { z = Tzif::Rule("AAA-12BBB12,0/0,J365/24", 43200, "AAA"); }, nullptr, kV3},
         {"trailing", nullptr, [](std::string& b) { b += "x"; }, "1 bytes after the footer"},
-        {"v1 trailing", [](Tzif& z) { z.version = 0; }, [](std::string& b) { b += "x"; }, "1 bytes after the data block"},
+        {"v1 tail", [](Tzif& z) { z.version = 0; }, [](std::string& b) { b += 'x'; }, "1 bytes after the data block"},
         {"v1 counts", nullptr, [](std::string& b) { Put32(b, 20 + 12, 0xffffffff); },
          "truncated version 1 data block (needs 21474836506 bytes, 176 left)"},
         {"second magic", nullptr, [&](std::string& b) { b[v2 - 20] = 'X'; }, "second header without \"TZif\""},
@@ -144,7 +145,7 @@ TEST(TimeZoneFiles, RefusesDamagedFilesWithTheirReason)
         {"count past end", nullptr, [&](std::string& b) { Put32(b, v2 + 12, 40000); },
          "truncated data block (needs 360031 bytes, 86 left)"},
         {"cut", nullptr, [](std::string& b) { b.resize(100); }, "truncated second header (needs 44 bytes, 10 left)"},
-        {"over 1 MiB", nullptr, [](std::string& b) { b.resize(TimeZone::kMaxFileBytes + 1); }, "larger than 1048576 bytes"},
+        {"over 1 MiB", nullptr, [](std::string& b) { b.resize((1 << 20) + 1); }, "larger than 1048576 bytes"},
     };
     std::string dir = MakeTempDir(), path = dir + "/zone";
     for (const auto& c : cases) {
@@ -230,7 +231,8 @@ TEST(TimeZoneRules, AgreeWithTheModelAroundEveryChange)
         {"XXX3YYY,J60/0,J300", -3 * h, -2 * h, "J60", "J300", 0, 2 * h},
         {"XXX3YYY,59/0,299", -3 * h, -2 * h, "59", "299", 0, 2 * h},
         {"AAA-5BBB,M3.1.0/167,M10.1.0/-167", 5 * h, 6 * h, "M3.1.0", "M10.1.0", 167 * h, -167 * h},
-        {"<+0513>-5:13:17<+0613>-6:13:17,M3.5.0/1:02:03,M10.5.0/3:04:05", 18797, 22397, "M3.5.0", "M10.5.0", 3723, 11045},
+        {"<+0513>-5:13:17<+0613>-6:13:17,M3.5.0/1:02:03,M10.5.0/3:04:05", 18797, 22397, "M3.5.0", "M10.5.0", 3723,
+         11045},
         {"AEST-10AEDT,M10.1.0,M4.1.0/3", 10 * h, 11 * h, "M10.1.0", "M4.1.0", 2 * h, 3 * h},
         {"EST5EDT", -5 * h, -4 * h, "M3.2.0", "M11.1.0", 2 * h, 2 * h},
         {"<+13>-13<+14>,J1/1,M3.1.0/3", 13 * h, 14 * h, "J1", "M3.1.0", h, 3 * h},  // starts the UTC year before
