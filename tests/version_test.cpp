@@ -57,8 +57,9 @@ TEST_F(VersionFile, ReadsTheNumberAndOneLineEndFromRegularFilesOnly)
     // name: read as is; null: `content` written to vantor.ver first.
     const struct { const char* name; std::string content; int rv; uint64_t value; } cases[] = {
         {nullptr, "1200\n", 0, 1200}, {nullptr, "1200", 0, 1200}, {nullptr, "1200\r\n", 0, 1200},
-        {nullptr, "", -EBADMSG, kUntouched}, {nullptr, "\n", -EBADMSG, kUntouched}, {nullptr, "1200\r", -EBADMSG, kUntouched},
-        {nullptr, "1200\n\n", -EBADMSG, kUntouched}, {nullptr, std::string("12\0", 3), -EBADMSG, kUntouched},
+        {nullptr, "", -EBADMSG, kUntouched}, {nullptr, "\n", -EBADMSG, kUntouched},
+        {nullptr, "1200\r", -EBADMSG, kUntouched}, {nullptr, "1200\n\n", -EBADMSG, kUntouched},
+        {nullptr, std::string("12\0", 3), -EBADMSG, kUntouched},
         {nullptr, "1" + std::string(64, '0'), -EBADMSG, kUntouched},  // 65 bytes: longer than any number and line end
         {"dir", "", -EISDIR, kUntouched}, {"fifo", "", -EINVAL, kUntouched}, {"/dev/null", "", -EINVAL, kUntouched},
         {"none", "", -ENOENT, kUntouched},
