@@ -334,9 +334,7 @@ TEST_F(ElfTest, VtestElfReportsEachFileAndFailsForAnyItCannotRead)
     EXPECT_EQ(LogLines(r.err), "warn <Elf> Unable to open " + dir + "/none (2).\nvtest-elf: " + dir +
                                    "/none: No such file or directory\n");
     EXPECT_EQ(RunProgram(TargetArgv(VTEST_ELF_BINARY, {a, b})).status, 0);
-    std::vector<std::string> full = TargetArgv(VTEST_ELF_BINARY, {a});
-    full.insert(full.begin(), {"/bin/sh", "-c", "exec \"$@\" >/dev/full", "sh"});
-    r = RunProgram(full);
+    r = RunProgram(InShell("exec \"$@\" >/dev/full", TargetArgv(VTEST_ELF_BINARY, {a})));
     EXPECT_EQ(r.status, 74);
     EXPECT_EQ(r.err, "vtest-elf: cannot write the report: No space left on device\n");
     r = RunProgram(TargetArgv(VTEST_ELF_BINARY));

@@ -77,7 +77,7 @@ std::vector<std::string> MemoryLimited(std::vector<std::string> argv)
     const char* options = getenv("ASAN_OPTIONS");
     setenv("ASAN_OPTIONS", (std::string(options ? options : "") + ":max_allocation_size_mb=16").c_str(), 1);
 #elif !defined(__SANITIZE_THREAD__)
-    if (argv[0] == VTEST_BINARY) argv.insert(argv.begin(), {"/bin/sh", "-c", "ulimit -v 262144 && exec \"$@\"", "sh"});
+    if (argv[0] == VTEST_BINARY) argv = InShell("ulimit -v 262144 && exec \"$@\"", argv);
 #endif
     return argv;
 }
