@@ -1,9 +1,6 @@
-// The discovery library: the answer parser and MAC order as tables, then
-// real passes in a namespace of their own against a scripted unit.
+// The discovery library: the answer parser and MAC order as a table, then real passes against scripted units.
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <chrono>
 #include <cstring>
 
 #include "Discover.h"
