@@ -8,6 +8,7 @@
 
 #include <fstream>
 #include <thread>
+#include <tuple>
 
 #include "process.h"
 #include "scripted_server.h"
@@ -195,12 +196,17 @@ TEST(Exec, AgainstTheSimulatedUnit)
 {
     SimRunner sim;
     ASSERT_TRUE(sim.Running()) << sim.Log();
-    RunResult r = RunVtest({"exec", "--server=" + sim.Address(), "echo #> x", "nope", "echo z"});
-    EXPECT_EQ(1, r.status) << r.err;
-    EXPECT_EQ("#> echo #> x\n#> x\n#> nope\nError: Unknown command 'nope'.\n", r.out);
-    r = RunVtest({"exec", "--server=" + sim.Address(), "quit"});
-    EXPECT_EQ(4, r.status) << r.err;
-    EXPECT_EQ("Bye.\n", r.out);
+    const std::tuple<std::vector<std::string>, int, std::string> rows[] = {
+        {{"echo #> x", "nope", "echo z"}, 1, "#> echo #> x\n#> x\n#> nope\nError: Unknown command 'nope'.\n"},
+        {{"--timeout=1", "sleep 3000"}, 3, ""}, {{"quit"}, 4, "Bye.\n"},  // the sleep ends when the client goes
+    };
+    for (const auto& [words, status, out] : rows) {
+        std::vector<std::string> args = {"exec", "--server=" + sim.Address()};
+        args.insert(args.end(), words.begin(), words.end());
+        RunResult r = RunVtest(args);
+        EXPECT_EQ(status, r.status) << words[0] << r.err;
+        EXPECT_EQ(out, r.out) << words[0];
+    }
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 

@@ -256,6 +256,7 @@ TEST_F(MailCommand, DeliversThroughARealServer)
         {0, {login, "--password=secret"}, "Hello\n.dot\n", 0, "", head + "Hello\n..dot\n\r\n"},  // bare LF: kept
         {0, {login, "--password=wrong"}, "m", 6, "Error: AUTH LOGIN: 535 5.7.8 Authentication credentials invalid\n", ""},
         {1, {}, "Hello\n", 0, "", head + "Hello\n\r\n"},
+        {1, {login, "--password=secret"}, "m", 6, "Error: AUTH LOGIN: AUTH LOGIN not offered by the server\n", ""},  // no AUTH line
         {1, {}, longBody, 8, "Error: end of data: 500 Line too long (see RFC5321 4.5.3.1.6)\n", ""},
         {1, {"--crlf"}, longBody + ".dot\n", 0, "",
          Header("\r\n", "", "Hi", "r@y") + std::regex_replace(longBody, std::regex("\n"), "\r\n") + ".dot\r\n"},
