@@ -141,10 +141,8 @@ TEST_F(ClientTest, RetriesCountConnectFailuresAndNotReadyAnswers)
             for (size_t i = 1; i < times.size(); i++)
                 EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(times[i] - times[i - 1]).count(), 900);
             EXPECT_TRUE(sql.GetRV());
-            std::string expected;
-            for (int i = 1; i < attempts; i++)
-                expected += ready ? "warn <SqlWrapper> Retrying (DB not yet ready)...\n"
-                                  : "warn <SqlWrapper> Retrying (connect failed)...\n";
+            std::string expected, why = ready ? "DB not yet ready" : "connect failed";
+            for (int i = 1; i < attempts; i++) expected += "warn <SqlWrapper> Retrying (" + why + ")...\n";
             expected += ready ? "err  <SqlWrapper> DB not ready.\n" : "err  <SqlWrapper> Connect failed.\n";
             EXPECT_EQ(LogLines(err.Take()), expected) << count << ready;
         }
