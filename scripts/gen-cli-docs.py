@@ -3,9 +3,6 @@
 that define the command line, so neither can drift from the tool:
 
   vtest/main.cpp     the dispatch table: every command word
-  vtest/*.cpp        the handlers: one that only calls command_unavailable()
-                     is a placeholder, and the man page and the package
-                     description say so (nothing to update when it lands)
   vtest/usage.cpp    the usage text: synopsis and one-line description
   docs/commands.md   the command reference: one "## " section per command
   docs/man/vtest.1.md  the man page's own sections (@USAGE@, @COMMANDS@,
@@ -19,7 +16,6 @@ lists, "|" tables, four-space code blocks, `code`, *emphasis*, **strong**.
 Exits 1 with a message when a source is not in the expected shape.
 """
 import argparse
-import glob
 import re
 import sys
 import textwrap
@@ -73,25 +69,9 @@ def read_command_words(path):
     return re.findall(r'\{\s*"([^"]+)"\s*,', read_table(path, "kCommands"))
 
 
-def placeholder_words(src):
-    """Command words whose handler only reports that it is not built."""
-    handlers = dict(re.findall(r'\{\s*"([^"]+)"\s*,\s*(\w+)\s*\}', read_table(f"{src}/vtest/main.cpp", "kCommands")))
-    bodies = {}
-    for path in sorted(glob.glob(f"{src}/vtest/*.cpp")):
-        text = open(path, encoding="utf-8").read()
-        for m in re.finditer(r"^int (\w+)\(int argc, char\*\* argv\)\n\{\n(.*?)^\}", text, re.S | re.M):
-            bodies[m.group(1)] = m.group(2)
-    return [w for w, h in handlers.items() if "command_unavailable(" in bodies.get(h, "")]
-
-
-def availability(words, placeholders):
-    """One sentence: which commands this build has, and which not yet."""
-    built = [w for w in words if w not in placeholders]
-    text = "Commands in this build: " + ", ".join(built) + ", and the self-test."
-    if placeholders:
-        text += (" Not in this build yet (each says so on standard error and exits 1): "
-                 + ", ".join(placeholders) + ".")
-    return text
+def availability(words):
+    """One sentence: the commands this build has."""
+    return "Commands in this build: " + ", ".join(words) + ", and the self-test."
 
 
 def read_sections(path):
@@ -322,7 +302,7 @@ def main():
     args = ap.parse_args()
     src = args.source
     words = read_command_words(f"{src}/vtest/main.cpp")
-    available = availability(words, placeholder_words(src))
+    available = availability(words)
     if args.package_description:
         print(textwrap.fill("Runs SQL against a vantor unit's database and watches its tables, among other "
                             "diagnostic and maintenance commands. " + available, 72))

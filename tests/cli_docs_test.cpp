@@ -43,21 +43,15 @@ TEST(CliDocs, ManSynopsisIsTheUsageTextPlusSslinit)
     EXPECT_EQ(ManSynopses(), expected);
 }
 
-// The man page names the commands this build lacks; each of them must say
-// so when run, and the page must name at least the built sql command.
-TEST(CliDocs, ManPageTellsWhichCommandsAreBuilt)
+// The man page and the package name every command of the dispatch table.
+TEST(CliDocs, ManPageNamesEveryCommand)
 {
-    std::string page = std::regex_replace(ReadFile(VTEST_MAN_PAGE), std::regex("\\\\-|\n"), " ");
-    std::smatch lists;
-    const std::regex sentence("Commands in this build: ([^.]*)\\.( Not in this build yet[^:]*: ([^.]*)\\.)?");
-    ASSERT_TRUE(std::regex_search(page, lists, sentence)) << page.substr(0, 2000);
-    EXPECT_NE(lists[1].str().find("sql,"), std::string::npos);
-    std::istringstream missing(std::regex_replace(lists[3].str(), std::regex(","), " "));
-    for (std::string word; missing >> word;) {
-        RunResult r = RunVtest({word});
-        EXPECT_EQ(r.status, 1) << word;
-        EXPECT_EQ(r.err, "vtest: the '" + word + "' command is not available in this build.\n") << word;
-    }
+    std::string page = std::regex_replace(ReadFile(VTEST_MAN_PAGE), std::regex("\n"), " ");
+    page = std::regex_replace(page, std::regex(R"(\\-)"), "-");
+    EXPECT_NE(page.find("Commands in this build: backlog, discover, ipconfig, sql, sql_file, monitor, elf, exec, mail, "
+                        "time, sec-exec, usb, sslinit, and the self-test."),
+              std::string::npos)
+        << page.substr(0, 2000);
 }
 
 // What the completion offers for a command line whose last word is being typed.

@@ -24,7 +24,3 @@ int main_init(int argc, char** argv);
 // Usage text on standard error, or only the entry of the command `word`;
 // returns -1.
 int usage(const char* program, const char* word = nullptr);
-
-// For a command whose handler is not part of this build: one line on
-// standard error, status 1.
-int command_unavailable(const char* command);

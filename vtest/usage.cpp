@@ -39,8 +39,3 @@ int usage(const char* program, const char* word)
     return -1;
 }
 
-int command_unavailable(const char* command)
-{
-    fprintf(stderr, "vtest: the '%s' command is not available in this build.\n", command);
-    return 1;
-}
