@@ -5,10 +5,8 @@
 
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "Debuggable.h"
-#include "ListedObj.hpp"
 #include "Mutex.hpp"
 #include "fixed_paths.h"
 #include "process.h"
@@ -121,23 +119,6 @@ TEST(Mutex, ChildForkedWhileLockedRecordsItsOwnId)
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     held.Unlock();
-}
-
-struct Listed : ListedObj<Listed> {
-    int id;
-    explicit Listed(int i) : id(i) {}
-};
-
-TEST(ListedObj, KeepsLiveInstancesInConstructionOrder)
-{
-    Listed a(1);
-    {
-        Listed b(2), c(3);
-        std::vector<int> ids;
-        for (Listed* l : ListedObj<Listed>::m_objList) ids.push_back(l->id);
-        EXPECT_EQ(ids, (std::vector<int>{1, 2, 3}));
-    }
-    EXPECT_EQ(ListedObj<Listed>::m_objList, (std::list<Listed*>{&a}));
 }
 
 struct CountingNamed : Named {
