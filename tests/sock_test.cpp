@@ -145,6 +145,7 @@ TEST(Sock, ExitFlagAndByteCount)
     EXPECT_EQ(s.RxBytes(), 5u + 3u);
 }
 
+// The rows are Socket's own (descriptor, received, sent, address, name).
 TEST(Sock, StatusReportListsLiveConnectionsInCreationOrder)
 {
     const std::string rule(85, '-'), row = " 127.0.0.1:3543 Sock 127.0.0.1:3543\n";

@@ -197,16 +197,6 @@ TEST_F(SocketTest, SilentPeerIsDeclaredDead)
     EXPECT_EQ(client().ReadLine(), -ESPIPE);
 }
 
-TEST_F(SocketTest, DescribesItselfInTheStatusTable)
-{
-    client().printf("abc\n");
-    Lines(peer(), 1);
-    client().Describe(&peer());  // into the peer's connection, read back raw
-    char expected[128];
-    snprintf(expected, sizeof expected, "%4d %9u %9u %s %s\n", client().Fd(), 0u, 4u, client().Addr(), client().Name());
-    EXPECT_EQ(RecvRaw(client(), strlen(expected)), expected);
-}
-
 TEST_F(SocketTest, SendFlagsWaitForRoomFirst)
 {
     client().SendFlags(1);
