@@ -172,16 +172,6 @@ TEST_F(SocketTest, RefusesTextAtTheBufferLimit)
     }
 }
 
-TEST_F(SocketTest, PeerClosingMidLine)
-{
-    SendRaw(peer(), "abc");
-    peer().Disconnect();
-    bool complete = true;
-    EXPECT_EQ(client().ReadLine(complete), -EPIPE);
-    EXPECT_FALSE(complete);
-    EXPECT_STREQ(client().RxBuffer(), "abc");
-}
-
 // The link-dead check runs when a read meets EAGAIN: at once on a
 // non-blocking socket (a blocking one first waits out its 5 s time-out).
 TEST_F(SocketTest, SilentPeerIsDeclaredDead)
@@ -241,7 +231,8 @@ TEST_F(SocketTest, ReadAheadIsInvisibleToCallers)
     EXPECT_STREQ(fgets(line, sizeof line, f), "e\n");
 }
 
-TEST_F(SocketTest, DisconnectDiscardsBytesReadAhead)
+// A reconnection starts clean; a peer closing mid-line leaves the partial line.
+TEST_F(SocketTest, DisconnectDiscardsBytesReadAheadAndPeerCloseKeepsAPartialLine)
 {
     SendRaw(peer(), "a\nstale\n");
     EXPECT_EQ(Lines(client(), 1), std::vector<std::string>{"a"});
@@ -249,8 +240,13 @@ TEST_F(SocketTest, DisconnectDiscardsBytesReadAhead)
     ASSERT_TRUE(client().Connect());
     std::unique_ptr<Sock> again = AcceptOne(*m_link.server);
     ASSERT_TRUE(again);
-    SendRaw(*again, "fresh\n");
+    SendRaw(*again, "fresh\nabc");
     EXPECT_EQ(Lines(client(), 1), std::vector<std::string>{"fresh"});
+    again->Disconnect();
+    bool complete = true;
+    EXPECT_EQ(client().ReadLine(complete), -EPIPE);
+    EXPECT_FALSE(complete);
+    EXPECT_STREQ(client().RxBuffer(), "abc");
 }
 
 TEST(Socket, FailuresAreRefusedAndLogged)
