@@ -19,9 +19,7 @@ Words WordsOf(const ArgArray& a)
 TEST(ArgArray, ParsesLinesIntoWordsUpToTheCapacity)
 {
     struct Case { const char* line; int capacity; Words words; const char* log = ""; } cases[] = {
-        {nullptr, 3, {}},
-        {"/bin/ls -l \"my dir\"", 10, {"/bin/ls", "-l", "my dir"}},
-        {"  a \t b  ", 10, {"a", "b"}},
+        {nullptr, 3, {}}, {"/bin/ls -l \"my dir\"", 10, {"/bin/ls", "-l", "my dir"}}, {"  a \t b  ", 10, {"a", "b"}},
         {"''\"\"", 10, {"", ""}},
         {"ab\"c d\"e", 10, {"ab", "c d", "e"}},  // a quote also ends an unquoted word
         {"'a\"b' \"c'd\"", 10, {"a\"b", "c'd"}},
@@ -29,15 +27,15 @@ TEST(ArgArray, ParsesLinesIntoWordsUpToTheCapacity)
         {"a\nb\r", 10, {"a\nb\r"}},
         {"a 'b c", 10, {"a"}, "warn Ignoring unclosed argument: 'b c\n"},
         {"a \"b' c", 10, {"a"}, "warn Ignoring unclosed argument: \"b' c\n"},
-        {"a b c", 2, {"a", "b"}},
-        {"a 'unclosed", 1, {"a"}},  // the capacity ends the parse before the quote
+        {"a b c", 2, {"a", "b"}}, {"a 'unclosed", 1, {"a"}},  // the capacity ends the parse before the quote
         {"a b", 0, {}}, {"a b", -3, {}},
     };
     for (const Case& c : cases) {
         StderrCapture capture;
         ArgArray a(c.line, c.capacity);
-        EXPECT_EQ(LogLines(capture.Take()), c.log) << (c.line ? c.line : "(null)");
-        EXPECT_EQ(WordsOf(a), c.words) << (c.line ? c.line : "(null)");
+        std::string log = LogLines(capture.Take());
+        EXPECT_EQ(std::make_pair(WordsOf(a), log), std::make_pair(c.words, std::string(c.log)))
+            << (c.line ? c.line : "(null)");
     }
 }
 

@@ -34,13 +34,10 @@ TEST(Bbs, TypedGettersReadTheseValues)
 {
     const std::pair<const char*, const char*> cases[] = {
         {"12abc", "12 12 -"}, {"  \t-42", "-42 -42 -"}, {"+7", "7 7 -"}, {"0x10", "0 0 -"},
-        {"123456", "123456 12345 -"},                  // five characters for a short
-        {"99999", "99999 -31073 -"},                   // then narrowed to 16 bits
-        {"-12345", "-12345 -1234 -"},                  // the sign counts in the field
-        {"-2147483648", "-214748364 -2147 -"},         // also for an int's ten
-        {"2147483647", "2147483647 21474 -"},          // the largest int
-        {"12345678901", "1234567890 12345 -"},
-        {"4294967295", "- -22587 -"},                  // ten characters, but not an int
+        {"123456", "123456 12345 -"}, {"99999", "99999 -31073 -"},  // five characters for a short, narrowed to 16 bits
+        {"-12345", "-12345 -1234 -"}, {"-2147483648", "-214748364 -2147 -"},  // the sign counts in the field
+        {"2147483647", "2147483647 21474 -"}, {"12345678901", "1234567890 12345 -"},
+        {"4294967295", "- -22587 -"},  // ten characters, but not an int
         {"- 1", "- - -"}, {"+-1", "- - -"}, {nullptr, "- - -"},
         {"0", "0 0 false"}, {"no", "- - false"}, {"false", "- - false"}, {"off", "- - false"},
         {"1", "1 1 true"},  {"yes", "- - true"}, {"true", "- - true"},   {"on", "- - true"},
@@ -57,13 +54,8 @@ TEST(Bbs, ListSplitAppendsWholeSeparatorPieces)
 {
     struct Case { const char* text; const char* separator; std::list<std::string> pieces; } cases[] = {
         {"a,,b,", ",", {"old", "a", "", "b"}},  // inner empty parts kept, none after a last separator
-        {"x, y, ", ", ", {"old", "x", "y"}},
-        {"x,y, z", ", ", {"old", "x,y", "z"}},
-        {",a", ",", {"old", "", "a"}},
-        {",", ",", {"old", ""}},
-        {"", ",", {"old"}},
-        {"a,b", "", {"old", "a,b"}},
-        {"a,b", nullptr, {"old", "a,b"}},
+        {"x, y, ", ", ", {"old", "x", "y"}}, {"x,y, z", ", ", {"old", "x,y", "z"}}, {",a", ",", {"old", "", "a"}},
+        {",", ",", {"old", ""}}, {"", ",", {"old"}}, {"a,b", "", {"old", "a,b"}}, {"a,b", nullptr, {"old", "a,b"}},
         {nullptr, ",", {"old"}},
     };
     Bbs board("lists");

@@ -2,20 +2,13 @@
 // tests hold them to what the built tool really prints and accepts.
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <regex>
 #include <sstream>
 
+#include "fixed_paths.h"
 #include "process.h"
 
 namespace {
-
-std::string ReadFile(const char* path)
-{
-    std::stringstream s;
-    s << std::ifstream(path).rdbuf();
-    return s.str();
-}
 
 // The synopsis lines of the usage text, with the program path as "vtest".
 std::vector<std::string> UsageSynopses()
@@ -81,18 +74,11 @@ TEST(CliDocs, CompletionOffersCommandWordsAndEachCommandsOptions)
 {
     const std::pair<const char*, const char*> cases[] = {
         {"vtest ''", "backlog discover ipconfig sql sql_file monitor elf exec mail time sec-exec usb sslinit --server=\n"},
-        {"vtest s", "sql sql_file sec-exec sslinit\n"},
-        {"vtest sql --", "--pairs --server= --stdin\n"},
-        {"vtest sql_file --p", "--pairs\n"},
-        {"vtest monitor --", "--server=\n"},
-        {"vtest monitor Hardware ''", "insert update delete\n"},
-        {"vtest exec --", "--server= --stdin --file\n"},
-        {"vtest mail --", "--user= --password= --debug\n"},
-        {"vtest time --", "--tz=\n"},
-        {"vtest usb r", "reset\n"},
-        {"vtest discover t", "tree\n"},
-        {"vtest sslinit -", "-altbase\n"},
-        {"vtest backlog --", "\n"},
+        {"vtest s", "sql sql_file sec-exec sslinit\n"}, {"vtest sql --", "--pairs --server= --stdin\n"},
+        {"vtest sql_file --p", "--pairs\n"}, {"vtest monitor --", "--server=\n"},
+        {"vtest monitor Hardware ''", "insert update delete\n"}, {"vtest exec --", "--server= --stdin --file\n"},
+        {"vtest mail --", "--user= --password= --debug\n"}, {"vtest time --", "--tz=\n"}, {"vtest usb r", "reset\n"},
+        {"vtest discover t", "tree\n"}, {"vtest sslinit -", "-altbase\n"}, {"vtest backlog --", "\n"},
     };
     for (const auto& [words, offered] : cases) EXPECT_EQ(Complete(words), offered) << words;
 }

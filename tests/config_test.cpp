@@ -47,11 +47,9 @@ TEST_F(ConfigFile, LinesGiveThesePairsAndMessages)
 {
     const std::string longValue(1017, 'v');
     struct Case { bool strict; std::string text; Pairs pairs; std::string log; } cases[] = {  // "@": the path
-        {false, "key=value", {{"key", "value"}}, ""},
-        {false, "k\t=\t =x\n", {{"k", "x"}}, ""},
+        {false, "key=value", {{"key", "value"}}, ""}, {false, "k\t=\t =x\n", {{"k", "x"}}, ""},
         {false, "=a b\n", {{"=a", "b"}}, ""},  // the first character is always the key's
-        {false, "  \t x y\n", {{"x", "y"}}, ""},
-        {false, "a 1\nb 2\na 3\n", {{"a", "3"}, {"b", "2"}}, ""},
+        {false, "  \t x y\n", {{"x", "y"}}, ""}, {false, "a 1\nb 2\na 3\n", {{"a", "3"}, {"b", "2"}}, ""},
         {false, "v = inner  blanks # kept \t\n", {{"v", "inner  blanks # kept \t"}}, ""},
         {false, "q \"x y\"\r\n", {{"q", "\"x y\"\r"}}, ""},
         {false, "\n \t\n==\nkey\nkey = \nk\t\n", {},  // blank lines count in the numbering
@@ -124,17 +122,14 @@ TEST_F(ConfigFile, ReadOnlyFileCountsAsMissing)
 // contents and is reloaded; each copy must be all of one file.
 TEST_F(ConfigFile, ReadersNeverSeeHalfALoadedFile)
 {
-    std::vector<std::string> keys;
+    const char* const keys[] = {"k0", "k1", "k2", "k3", "k4", "k5", "k6", "k7", "k8", "k9"};
     std::vector<Config::DefaultEntry> defaults;
     std::string files[2];
     Pairs expected[2];
-    for (int k = 0; k < 10; k++) keys.push_back("k" + std::to_string(k));
-    for (const std::string& key : keys) {
-        defaults.push_back({key.c_str(), "default"});
-        for (int f = 0; f < 2; f++) {
-            files[f] += key + (f ? " second\n" : " first\n");
-            expected[f][key] = f ? "second" : "first";
-        }
+    for (const char* key : keys) {
+        defaults.push_back({key, "default"});
+        for (int f = 0; f < 2; f++)
+            files[f] += std::string(key) + " " + (expected[f][key] = f ? "second" : "first") + "\n";
     }
     defaults.push_back({nullptr, nullptr});
     ASSERT_TRUE(WriteFile(m_path, files[0]));
@@ -149,7 +144,7 @@ TEST_F(ConfigFile, ReadersNeverSeeHalfALoadedFile)
                 torn += all != expected[0] && all != expected[1];
             }
         });
-    const std::string staged = m_path + ".new";
+    const std::string staged = m_path + ".new";  // renamed over the file: each load sees one whole file
     bool reloaded = true;
     for (int i = 1; i <= 300 && reloaded; i++)
         reloaded = WriteFile(staged, files[i % 2]) && rename(staged.c_str(), m_path.c_str()) == 0 && cfg.Reload();

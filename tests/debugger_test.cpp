@@ -11,7 +11,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -19,7 +18,9 @@
 
 #include "daemon.h"
 #include "debugger.h"
+#include "fixed_paths.h"
 #include "process.h"
+#include "wait.h"
 
 namespace {
 
@@ -34,15 +35,13 @@ TEST(SyslogSafe, SplitsLinesSkipsEmptyPiecesAndNamesLevels)
 {
     std::string out = CaptureLog(6, "a\n\nb");
     std::smatch m;
-    ASSERT_TRUE(std::regex_match(out, m, std::regex(R"((\d\d\.\d{6} \[\d+\] )info a\n(\d\d\.\d{6} \[\d+\] )info b\n)")))
-        << out;
-    EXPECT_EQ(m[1], m[2]);
-    EXPECT_NE(out.find("[" + std::to_string(dbg_gettid()) + "] "), std::string::npos);
-
-    const std::pair<int, const char*> levels[] = {{0, "emrg"}, {3, "err "}, {4, "warn"}, {7, "dbg "},
-                                                  {8, "unk "}, {12, "unk "}};
-    for (const auto& [level, name] : levels)
-        EXPECT_NE(CaptureLog(level, "x").find(std::string(name) + " x\n"), std::string::npos) << level;
+    const std::regex twoLines(R"((\d\d\.\d{6} \[(\d+)\] )info a\n(\d\d\.\d{6} \[\d+\] )info b\n)");
+    ASSERT_TRUE(std::regex_match(out, m, twoLines)) << out;
+    EXPECT_EQ(m[1], m[3]);
+    EXPECT_EQ(m[2], std::to_string(dbg_gettid()));
+    for (const auto& [level, name] : {std::pair<int, std::string>{0, "emrg"}, {3, "err "}, {4, "warn"}, {7, "dbg "},
+                                      {8, "unk "}, {12, "unk "}})
+        EXPECT_NE(CaptureLog(level, "x").find(name + " x\n"), std::string::npos) << level;
 }
 
 // Runs in a private mount namespace whose /dev is a tmpfs holding only our
@@ -51,30 +50,24 @@ int CheckDaemonChunks()
 {
     if (mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") != 0) return 10;
     int server = socket(AF_UNIX, SOCK_DGRAM, 0);
-    sockaddr_un addr = {};
-    addr.sun_family = AF_UNIX;
-    strcpy(addr.sun_path, "/dev/log");
+    sockaddr_un addr = {AF_UNIX, "/dev/log"};
     if (bind(server, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) return 11;
     openlog("t", LOG_NDELAY, LOG_LOCAL5);
     daemon_is_on = true;
-    std::string message(450, 'm');
-    syslog_safe(6, "%s", message.c_str());
+    syslog_safe(6, "%s", std::string(450, 'm').c_str());
     daemon_is_on = false;
-    std::vector<std::string> records;
+    // Each record: "<pri>timestamp t: PREFIX[...]chunk"; 200 bytes but the last, the later ones marked.
+    const std::regex record(R"(t: (\d\d\.\d{6} \[\d+\] )(\.\.\.)?(m+)$)");
     char buf[1024];
-    for (ssize_t n; (n = recv(server, buf, sizeof buf, MSG_DONTWAIT)) > 0;) records.emplace_back(buf, n);
-    // Each record: "<pri>timestamp t: PREFIX[...]chunk".
-    std::regex prefix(R"(t: (\d\d\.\d{6} \[\d+\] )(\.\.\.)?(m+)$)");
-    if (records.size() != 3) return 12;
-    size_t total = 0;
-    for (size_t i = 0; i < records.size(); i++) {
+    size_t total = 0, i = 0;
+    for (ssize_t n; (n = recv(server, buf, sizeof buf, MSG_DONTWAIT)) > 0; i++) {
+        std::string text(buf, n);
         std::smatch m;
-        if (!std::regex_search(records[i], m, prefix)) return 13;
-        if (m[2].matched != (i > 0)) return 14;
+        if (!std::regex_search(text, m, record) || m[2].matched != (i > 0)) return 13;
         if (i < 2 && m[3].length() != 200 - m[1].length()) return 15;
         total += m[3].length();
     }
-    return total == 450 ? 0 : 16;
+    return i == 3 && total == 450 ? 0 : 16;
 }
 
 TEST(SyslogSafe, DaemonModeSendsChunksMarkedAsContinued)
@@ -86,199 +79,135 @@ TEST(SyslogSafe, DaemonModeSendsChunksMarkedAsContinued)
 
 TEST(CrashHandler, SignalNamesAndTheFixedCauseText)
 {
-    EXPECT_STREQ(dbg_sig2str(0), "UNKNOWN");
-    EXPECT_STREQ(dbg_sig2str(40), "UNKNOWN");
-    EXPECT_STREQ(dbg_sig2str(6), "SIGABRT/SIGIOT");
-    EXPECT_STREQ(dbg_sig2str(16), "SIGSTKFLT");
-    EXPECT_STREQ(dbg_sig2str(29), "SIGPOLL/SIGIO");
-    EXPECT_STREQ(dbg_sig2str(31), "SIGSYS");
+    for (const auto& [sig, name] : {std::pair<int, const char*>{0, "UNKNOWN"}, {40, "UNKNOWN"}, {6, "SIGABRT/SIGIOT"},
+                                    {16, "SIGSTKFLT"}, {29, "SIGPOLL/SIGIO"}, {31, "SIGSYS"}})
+        EXPECT_STREQ(dbg_sig2str(sig), name) << sig;
     // The general table is searched first and stops at its code-0 entry.
-    for (int code : {0, 1, 2, 128, -6})
-        EXPECT_STREQ(dbg_code2str(SIGSEGV, code), "kill(2) or raise(3)") << code;
+    for (int code : {0, 1, 2, 128, -6}) EXPECT_STREQ(dbg_code2str(SIGSEGV, code), "kill(2) or raise(3)") << code;
     EXPECT_STREQ(dbg_code2str(SIGUSR2, 5), "kill(2) or raise(3)");
 }
 
 TEST(CrashHandler, DemanglesOnlyMangledSymbolLines)
 {
-    const std::pair<std::string, std::string> cases[] = {
-        {"./vtest(_Z8main_usbiPPc+0x50) [0x55]", "./vtest(main_usb(int, char**)+0x50) [0x55]"},
-        {"./vtest(main+0x71) [0x55]", "./vtest(main+0x71) [0x55]"},
-        {"/lib/libc.so.6(+0x3c050) [0x7f]", "/lib/libc.so.6(+0x3c050) [0x7f]"},
-        {"./vtest() [0x55]", "./vtest() [0x55]"},
-        {"no parenthesis here", "no parenthesis here"},
-        {"./vtest(_Zbroken+0x1) [0x1]", "./vtest(_Zbroken+0x1) [0x1]"},
-    };
-    for (auto [line, expected] : cases) {
+    EXPECT_EQ([] { std::string l = "./vtest(_Z8main_usbiPPc+0x50) [0x55]"; dbg_demangle(l); return l; }(),
+              "./vtest(main_usb(int, char**)+0x50) [0x55]");
+    for (std::string kept : {"./vtest(main+0x71) [0x55]", "/lib/libc.so.6(+0x3c050) [0x7f]", "./vtest() [0x55]",
+                             "no parenthesis here", "./vtest(_Zbroken+0x1) [0x1]"}) {
+        std::string line = kept;
         dbg_demangle(line);
-        EXPECT_EQ(line, expected);
+        EXPECT_EQ(line, kept);
     }
 }
 
 TEST(CrashHandler, AddFileSplitsAtLineEndsAndCutsLongLines)
 {
-    std::string dir = MakeTempDir();
-    std::string path = dir + "/in";
-    std::ofstream(path) << "one\r\ntwo\vthree\n" << std::string(300, 'x') << "\n";
+    std::string dir = MakeTempDir(), path = dir + "/in";
+    ASSERT_TRUE(WriteFile(path, "one\r\ntwo\vthree\n" + std::string(300, 'x') + "\n"));
     FILE* dump = tmpfile();
-    testing::internal::CaptureStderr();
+    StderrCapture capture;
     EXPECT_EQ(dbg_add_file(path.c_str(), dump, 1), 0);
     EXPECT_EQ(dbg_add_file((dir + "/missing").c_str(), dump, 1), -1);
-    std::string log = testing::internal::GetCapturedStderr();
+    std::string log = LogLines(capture.Take());
     rewind(dump);
     std::string written(4096, '\0');
     written.resize(fread(&written[0], 1, written.size(), dump));
     fclose(dump);
-    std::string expected = "\n" + path + "\n-----------------------------------------\none\ntwo\nthree\n" +
-                           std::string(255, 'x') + "\n" + std::string(45, 'x') + "\n";
-    EXPECT_EQ(written, expected);
+    EXPECT_EQ(written, "\n" + path + "\n-----------------------------------------\none\ntwo\nthree\n" +
+                           std::string(255, 'x') + "\n" + std::string(45, 'x') + "\n");
     EXPECT_NE(log.find("! ----------------------------------------------------\n"), std::string::npos);
     EXPECT_NE(log.find("err  Unable to open " + dir + "/missing (2).\n"), std::string::npos) << log;
-    unlink(path.c_str());
-    rmdir(dir.c_str());
+    RunProgram({"/bin/rm", "-rf", dir});
 }
 
-// A vtest blocked opening a FIFO for writing, with its crash handler in
-// place: SIGSTKFLT, the last signal it installs and one no sanitizer
-// runtime catches, shows up in the caught-signal mask in /proc.
-struct BlockedVtest {
-    pid_t pid = -1;
-    std::string dir = MakeTempDir();
-    std::string errPath = dir + "/stderr";
-
-    ~BlockedVtest()
-    {
-        unlink(errPath.c_str());
-        unlink((dir + "/hub").c_str());
-        rmdir(dir.c_str());
+// Starts a vtest blocked opening a FIFO for writing, with its crash handler
+// in place: SIGSTKFLT, the last signal it installs and one no sanitizer
+// runtime catches, shows in the caught-signal mask. It must also block in
+// the open, which comes later: under qemu the mask shows the emulator's own
+// handlers from the start. Returns its pid, or -1.
+pid_t StartBlockedVtest(const std::string& dir)
+{
+    std::string fifo = dir + "/hub";
+    if (mkfifo(fifo.c_str(), 0600) != 0) return -1;
+    pid_t pid = fork();
+    if (pid == 0) {
+        rlimit noCore = {0, 0};
+        setrlimit(RLIMIT_CORE, &noCore);
+        dup2(open((dir + "/stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
+        std::vector<std::string> argv = TargetArgv(VTEST_BINARY, {"usb", "reset", fifo});
+        std::vector<char*> args;
+        for (std::string& a : argv) args.push_back(a.data());
+        args.push_back(nullptr);
+        execv(args[0], args.data());
+        _exit(127);
     }
-
-    bool Start()
-    {
-        std::string fifo = dir + "/hub";
-        if (mkfifo(fifo.c_str(), 0600) != 0) return false;
-        pid = fork();
-        if (pid == 0) {
-            rlimit noCore = {0, 0};
-            setrlimit(RLIMIT_CORE, &noCore);
-            int fd = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-            dup2(fd, 2);
-            std::vector<std::string> argv = TargetArgv(VTEST_BINARY, {"usb", "reset", fifo});
-            std::vector<char*> args;
-            for (std::string& a : argv) args.push_back(a.data());
-            args.push_back(nullptr);
-            execv(args[0], args.data());
-            _exit(127);
-        }
-        return WaitForHandler();
-    }
-    // Also waits until it blocks in the FIFO's open, which comes after the
-    // handler is in place: under qemu the mask shows the emulator's own
-    // handlers, which catch every signal from the start.
-    bool WaitForHandler()
-    {
-        unsigned long long lastBit = 1ULL << (SIGSTKFLT - 1);
-        for (int i = 0; i < ScaledMs(5000) / 5; i++) {
-            if (HandlerCaught(lastBit) && BlockedInFifoOpen()) return true;
-            usleep(5000);
-        }
-        return false;
-    }
-    bool HandlerCaught(unsigned long long bit) const
-    {
+    auto ready = [&] {
         std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-        std::string line;
+        std::string line, wchan;
+        bool caught = false;
         while (std::getline(status, line))
-            if (line.rfind("SigCgt:", 0) == 0) return std::stoull(line.substr(7), nullptr, 16) & bit;
-        return false;
-    }
-    bool BlockedInFifoOpen() const
-    {
-        std::string wchan;
+            if (line.rfind("SigCgt:", 0) == 0) caught = std::stoull(line.substr(7), nullptr, 16) >> (SIGSTKFLT - 1) & 1;
         std::ifstream("/proc/" + std::to_string(pid) + "/wchan") >> wchan;
-        return wchan == "wait_for_partner";
-    }
-    std::string Stderr() const
-    {
-        std::stringstream s;
-        s << std::ifstream(errPath).rdbuf();
-        return s.str();
-    }
-};
+        return caught && wchan == "wait_for_partner";
+    };
+    return WaitUntil(ready, ScaledMs(5000)) ? pid : -1;
+}
 
 std::vector<std::string> DumpFiles()
 {
     std::vector<std::string> names;
-    RunResult r = RunProgram({"/bin/sh", "-c", "ls /var/local/vtest-*.dbg 2>/dev/null"});
-    std::stringstream s(r.out);
+    std::stringstream s(RunProgram({"/bin/sh", "-c", "ls /var/local/vtest-*.dbg 2>/dev/null"}).out);
     for (std::string line; std::getline(s, line);) names.push_back(line);
     return names;
 }
 
-std::string ReadAll(const std::string& path)
+// Sends `sig` to a blocked vtest and checks the log and the dump file; a
+// SIGUSR1 run must go on once its open finishes. 0 or a failure number.
+int CheckDump(int sig, const std::string& name)
 {
-    std::stringstream s;
-    s << std::ifstream(path).rdbuf();
-    return s.str();
-}
-
-// Each check returns 0 or a distinct failure number (reported by the test).
-int CheckSegvDump()
-{
-    BlockedVtest v;
-    if (!v.Start()) return 20;
-    kill(v.pid, SIGSEGV);
-    int status = 0;
-    waitpid(v.pid, &status, 0);
-    if (!WIFSIGNALED(status) || WTERMSIG(status) != SIGSEGV) return 21;
-    std::string err = v.Stderr();
-    for (const char* line : {"err  ! vtest ", "info ! Fatal signal received: SIGSEGV(11)\n",
-                             "info ! Signal code: 0 - kill(2) or raise(3)\n", "info ! Backtrace (PID ",
-                             "main_usb(int, char**)", "info ! /proc/self/maps\n", "info ! Debug info stored to /var/local/vtest-"})
+    std::string dir = MakeTempDir(), errPath = dir + "/stderr";
+    pid_t pid = StartBlockedVtest(dir);
+    if (pid < 0) return 20;
+    kill(pid, sig);
+    int reader = -1, status = 0;
+    if (sig == SIGUSR1) {
+        WaitUntil([&] { return ReadFile(errPath).find("Debug info stored") != std::string::npos; }, ScaledMs(5000));
+        reader = open((dir + "/hub").c_str(), O_RDONLY);
+    }
+    waitpid(pid, &status, 0);
+    close(reader);
+    bool wentOn = WIFEXITED(status) && WEXITSTATUS(status) == 1;
+    bool killed = WIFSIGNALED(status) && WTERMSIG(status) == sig;
+    if (sig == SIGUSR1 ? !wentOn : !killed) return 21;
+    std::string err = ReadFile(errPath);
+    RunProgram({"/bin/rm", "-rf", dir});
+    const std::vector<std::string> lines = {"err  ! vtest ", "info ! Fatal signal received: " + name + "\n",
+                                            "info ! Signal code: 0 - kill(2) or raise(3)\n", "info ! Backtrace (PID ",
+                                            "main_usb(int, char**)", "info ! /proc/self/maps\n",
+                                            "info ! Debug info stored to /var/local/vtest-"};
+    for (const std::string& line : lines)
         if (err.find(line) == std::string::npos) return 22;
+    if (sig == SIGUSR1 && err.find("Error in ioctl: Inappropriate ioctl for device\n") == std::string::npos) return 23;
     std::vector<std::string> dumps = DumpFiles();
-    if (dumps.size() != 1) return 23;
-    std::regex name("/var/local/vtest-" + std::to_string(v.pid) + R"(-\d{4}-\d\d-\d\d-\d{6}\.dbg)");
-    if (!std::regex_match(dumps[0], name)) return 24;
-    std::string dump = ReadAll(dumps[0]);
-    if (dump.rfind("Signal code: 0 - kill(2) or raise(3)Fatal signal received: SIGSEGV(11)\nFault address: 0x", 0) != 0)
-        return 25;
+    if (dumps.size() != 1) return 24;
+    const std::regex dumpName("/var/local/vtest-" + std::to_string(pid) + R"(-\d{4}-\d\d-\d\d-\d{6}\.dbg)");
+    if (!std::regex_match(dumps[0], dumpName)) return 25;
+    std::string dump = ReadFile(dumps[0]);
+    const std::string fault = sig == SIGSEGV ? "Fault address: 0x" : "\nBacktrace";  // only fault signals have one
+    if (dump.rfind("Signal code: 0 - kill(2) or raise(3)Fatal signal received: " + name + "\n" + fault, 0) != 0)
+        return 26;
     for (const char* section : {"\nBacktrace (PID ", "\n/proc/self/limits\n-----", "\n/proc/self/status\n-----",
-                                "\n/proc/self/maps\n-----", "\n/proc/self/net/tcp\n-----", "\n/proc/self/net/udp\n-----"})
-        if (dump.find(section) == std::string::npos) return 26;
+                                "\n/proc/self/maps\n-----", "\n/proc/self/net/tcp\n-----",
+                                "\n/proc/self/net/udp\n-----"})
+        if (dump.find(section) == std::string::npos) return 27;
     return 0;
 }
 
-int CheckUsr1GoesOn()
-{
-    BlockedVtest v;
-    if (!v.Start()) return 30;
-    kill(v.pid, SIGUSR1);
-    // Wait for the dump, then let the blocked open finish: the run goes on.
-    for (int i = 0; i < ScaledMs(5000) / 5 && v.Stderr().find("Debug info stored") == std::string::npos; i++)
-        usleep(5000);
-    int reader = open((v.dir + "/hub").c_str(), O_RDONLY);
-    int status = 0;
-    waitpid(v.pid, &status, 0);
-    close(reader);
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 1) return 31;
-    std::string err = v.Stderr();
-    if (err.find("info ! Fatal signal received: SIGUSR1(10)\n") == std::string::npos) return 32;
-    if (err.find("Error in ioctl: Inappropriate ioctl for device\n") == std::string::npos) return 33;
-    return DumpFiles().size() == 1 ? 0 : 34;
-}
-
-TEST(CrashHandler, FatalSignalLeavesLogAndDumpFile)
+TEST(CrashHandler, FatalSignalLeavesLogAndDumpFileAndUsr1DumpsAndGoesOn)
 {
     std::string why = NamespacesUnavailableReason(CLONE_NEWNS);
     if (!why.empty()) GTEST_SKIP() << why;
-    EXPECT_EQ(RunInNamespaces(CLONE_NEWNS, CheckSegvDump), 0);
-}
-
-TEST(CrashHandler, Usr1DumpsAndTheProcessGoesOn)
-{
-    std::string why = NamespacesUnavailableReason(CLONE_NEWNS);
-    if (!why.empty()) GTEST_SKIP() << why;
-    EXPECT_EQ(RunInNamespaces(CLONE_NEWNS, CheckUsr1GoesOn), 0);
+    EXPECT_EQ(RunInNamespaces(CLONE_NEWNS, [] { return CheckDump(SIGSEGV, "SIGSEGV(11)"); }), 0);
+    EXPECT_EQ(RunInNamespaces(CLONE_NEWNS, [] { return CheckDump(SIGUSR1, "SIGUSR1(10)"); }), 0);
 }
 
 }  // namespace

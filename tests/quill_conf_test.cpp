@@ -26,17 +26,10 @@ TEST(ControllerConfParse, LinesGiveThesePairs)
 {
     const std::string x194(194, 'x');
     const std::pair<std::string, Pairs> cases[] = {
-        {"a  =   v\n", {{"a", "v"}}},
-        {"key=value\n", {{"key=value", "value"}}},
-        {"key\t = value\n", {{"key\t", "value"}}},
-        {" = v\n", {{" = v", "v"}}},
-        {"   = v\n", {}},
-        {"#a = b\n", {}},
-        {" # = x\n", {{" #", "x"}}},
-        {"no separator\n", {}},
-        {"k = \tv \r\n", {{"k", "\tv \r"}}},
-        {"k = v = w", {{"k", "v = w"}}},
-        {"k = \n", {{"k", ""}}},
+        {"a  =   v\n", {{"a", "v"}}}, {"key=value\n", {{"key=value", "value"}}},
+        {"key\t = value\n", {{"key\t", "value"}}}, {" = v\n", {{" = v", "v"}}}, {"   = v\n", {}}, {"#a = b\n", {}},
+        {" # = x\n", {{" #", "x"}}}, {"no separator\n", {}},
+        {"k = \tv \r\n", {{"k", "\tv \r"}}}, {"k = v = w", {{"k", "v = w"}}}, {"k = \n", {{"k", ""}}},
         {"k = 1\nk = 2\n", {{"k", "2"}}},
         {"k = " + x194 + "rest = 1\n", {{"k", x194}, {"rest", "1"}}},  // a long line reads in two parts
     };

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -11,9 +10,10 @@
 
 namespace {
 
-const char kSafeEnv[] = "IFS= \t\n\nPATH=/usr/bin:/bin:/usr/sbin:/sbin\n";
-
-std::string Usage() { return std::string("Usage: ") + VTEST_BINARY + " sec-exec [--keep-env=<name>]... <command> [<argument>]...\n"; }
+const std::string kSafeEnv = "IFS= \t\n\nPATH=/usr/bin:/bin:/usr/sbin:/sbin\n";
+const std::string kUsage =
+    std::string("Usage: ") + VTEST_BINARY + " sec-exec [--keep-env=<name>]... <command> [<argument>]...\n";
+const std::string kNoPath = " (no PATH search: give the full path).\n";
 
 // Runs `vtest sec-exec <words...>` and checks status and both outputs.
 void ExpectRun(const std::vector<std::string>& words, int status, const std::string& out, const std::string& err,
@@ -22,40 +22,29 @@ void ExpectRun(const std::vector<std::string>& words, int status, const std::str
     std::vector<std::string> args{"sec-exec"};
     args.insert(args.end(), words.begin(), words.end());
     RunResult r = RunVtest(args, input);
-    std::string label = words.empty() ? "(none)" : words[0];
+    std::string label;
+    for (const std::string& w : words) label += w.substr(0, 40) + " ";
     EXPECT_FALSE(r.timedOut) << label;
     EXPECT_EQ(r.status, status) << label;
     EXPECT_EQ(r.out, out) << label;
     EXPECT_EQ(r.err, err) << label;
 }
 
-TEST(SecExec, ExitStatuses)
+// Words are joined, then split again like the daemon's command lines.
+TEST(SecExec, StatusesWordsAndUsage)
 {
-    ExpectRun({"/bin/true"}, 0, "", "");
-    ExpectRun({"/bin/sh", "-c", "'exit 1'"}, 1, "", "");
-    ExpectRun({"/bin/false"}, 1, "", "");
-    ExpectRun({"/nonexistent"}, 127, "",
-              "sec-exec: cannot execute /nonexistent: No such file or directory (no PATH search: give the full path).\n");
-    ExpectRun({"/bin/sh", "-c", "'kill -TERM $$'"}, 143, "", "sec-exec: /bin/sh killed by signal 15 (Terminated).\n");
-    ExpectRun({"/etc"}, 127, "",
-              "sec-exec: cannot execute /etc: Is a directory (no PATH search: give the full path).\n");
-}
-
-TEST(SecExec, WordsAreJoinedThenSplitLikeTheDaemon)
-{
-    ExpectRun({"/bin/echo", "'a  b'", "c\"d e\""}, 0, "a  b c d e\n", "");
-    ExpectRun({"/bin/echo a 'b c'"}, 0, "a b c\n", "");
-    ExpectRun({"/bin/pwd"}, 0, "/tmp\n", "");
-}
-
-TEST(SecExec, UsageErrors)
-{
-    ExpectRun({}, 255, "", Usage());
-    ExpectRun({"--keep-env=TZ"}, 255, "", Usage());
-    ExpectRun({"  "}, 255, "", Usage());
-    ExpectRun({"--keep-env=", "/bin/true"}, 255, "", "sec-exec: unknown option '--keep-env='.\n" + Usage());
-    ExpectRun({"--bogus", "/bin/true"}, 255, "", "sec-exec: unknown option '--bogus'.\n" + Usage());
-    ExpectRun({"--", "/bin/true"}, 0, "", "");
+    const struct { std::vector<std::string> words; int status; std::string out, err; } rows[] = {
+        {{"/bin/true"}, 0, "", ""}, {{"/bin/sh", "-c", "'exit 1'"}, 1, "", ""},
+        {{"/nonexistent"}, 127, "", "sec-exec: cannot execute /nonexistent: No such file or directory" + kNoPath},
+        {{"/etc"}, 127, "", "sec-exec: cannot execute /etc: Is a directory" + kNoPath},
+        {{"/bin/sh", "-c", "'kill -TERM $$'"}, 143, "", "sec-exec: /bin/sh killed by signal 15 (Terminated).\n"},
+        {{"/bin/echo", "'a  b'", "c\"d e\""}, 0, "a  b c d e\n", ""}, {{"/bin/echo a 'b c'"}, 0, "a b c\n", ""},
+        {{"/bin/pwd"}, 0, "/tmp\n", ""}, {{"--", "/bin/true"}, 0, "", ""},
+        {{}, 255, "", kUsage}, {{"--keep-env=TZ"}, 255, "", kUsage}, {{"  "}, 255, "", kUsage},
+        {{"--keep-env=", "/bin/true"}, 255, "", "sec-exec: unknown option '--keep-env='.\n" + kUsage},
+        {{"--bogus", "/bin/true"}, 255, "", "sec-exec: unknown option '--bogus'.\n" + kUsage},
+    };
+    for (const auto& r : rows) ExpectRun(r.words, r.status, r.out, r.err);
 }
 
 TEST(SecExec, EnvironmentIsTheSafeSetPlusKeptNames)
@@ -64,31 +53,26 @@ TEST(SecExec, EnvironmentIsTheSafeSetPlusKeptNames)
     setenv("VTEST_KEEP", "kept value", 1);
     setenv("VTEST_DROP", "dropped", 1);
     ExpectRun({"--keep-env=VTEST_KEEP", "--keep-env=VTEST_UNSET", "/usr/bin/env"}, 0,
-              std::string(kSafeEnv) + "TZ=Europe/Oslo\nVTEST_KEEP=kept value\n", "");
+              kSafeEnv + "TZ=Europe/Oslo\nVTEST_KEEP=kept value\n", "");
     unsetenv("TZ");
     ExpectRun({"/usr/bin/env"}, 0, kSafeEnv, "");
     unsetenv("VTEST_KEEP");
     unsetenv("VTEST_DROP");
 }
 
-TEST(SecExec, LargeOutputOnBothStreamsPassesThrough)
+// Each stream, standard input too, carries far more than a pipe holds; the
+// outputs interleaved, and a child that never reads its input still ends.
+TEST(SecExec, LargeStreamsPassThrough)
 {
-    // Each stream gets far more than a pipe holds, interleaved.
     std::string script = "i=0; while [ $i -lt 30000 ]; do echo out$i; echo err$i >&2; i=$((i+1)); done";
-    std::string out, err;
+    std::string out, err, input;
     for (int i = 0; i < 30000; i++) {
         out += "out" + std::to_string(i) + "\n";
         err += "err" + std::to_string(i) + "\n";
+        input += "line " + std::to_string(i) + "\n";
     }
     ExpectRun({"/bin/sh", "-c", "'" + script + "'"}, 0, out, err);
-}
-
-TEST(SecExec, StandardInputPassesThrough)
-{
-    std::string input;
-    for (int i = 0; i < 20000; i++) input += "line " + std::to_string(i) + "\n";
     ExpectRun({"/bin/cat"}, 0, input, "", input);
-    // A child that never reads its input still ends normally.
     ExpectRun({"/bin/echo", "done"}, 0, "done\n", "", input);
 }
 

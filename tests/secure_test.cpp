@@ -13,7 +13,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <memory>
 #include <string>
 #include <thread>
@@ -43,19 +42,23 @@ struct Finished {
     std::string out, err;
 };
 
-// Feeds `input`, drains both outputs until they end or ten (scaled) seconds
-// pass (then the child is killed) and closes the record.
-Finished Finish(Secure::POPEN& child, const std::string& input = "")
+// Starts `command`, feeds `input`, drains both outputs until they end or ten
+// (scaled) seconds pass without a byte (then kills it) and closes the record.
+Finished RunCommand(const char* command, const std::string& input = "")
 {
     Finished f;
+    Secure::POPEN child;
+    if (Secure::popen(command, child) != 0) return f;
     fputs(input.c_str(), child.fwrite);
     fclose(child.fwrite);
     child.fwrite = nullptr;
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ScaledMs(10000));
     pollfd fds[2] = {{fileno(child.fread), POLLIN, 0}, {fileno(child.ferr), POLLIN, 0}};
     std::string* sinks[2] = {&f.out, &f.err};
-    while ((fds[0].fd >= 0 || fds[1].fd >= 0) && std::chrono::steady_clock::now() < deadline) {
-        if (poll(fds, 2, 50) <= 0) continue;
+    for (int idle = 0; (fds[0].fd >= 0 || fds[1].fd >= 0) && idle < ScaledMs(10000) / 50;) {
+        if (poll(fds, 2, 50) <= 0) {
+            idle++;
+            continue;
+        }
         for (int i = 0; i < 2; i++) {
             char buf[4096];
             ssize_t n = fds[i].revents ? read(fds[i].fd, buf, sizeof buf) : -2;
@@ -66,13 +69,6 @@ Finished Finish(Secure::POPEN& child, const std::string& input = "")
     if (fds[0].fd >= 0 || fds[1].fd >= 0) kill(child.pid, SIGKILL);
     f.status = Secure::pclose(child, &f.waitStatus);
     return f;
-}
-
-Finished RunCommand(const char* command, const std::string& input = "")
-{
-    Secure::POPEN child;
-    if (Secure::popen(command, child) != 0) return Finished();
-    return Finish(child, input);
 }
 
 // Runs `body` in a forked child with `vars` set and standard output on a

@@ -1,5 +1,5 @@
-// The protocol engine without sockets: exact answer bytes, the client's
-// fixed reads over them, and the monitor fan-out between sessions.
+// The protocol engine without sockets: exact answer bytes, the client's fixed reads over them, and the monitor
+// fan-out between sessions.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -11,8 +11,8 @@
 
 namespace {
 
-// One session whose answers collect in a buffer that the scripted client
-// reads from; the server's line assembly sits in between, as on the wire.
+// One session whose answers collect in a buffer that the scripted client reads from; the server's line
+// assembly sits in between, as on the wire.
 class EngineClient : public ShellTransport, public AnswerSink, public MonitorSink {
 public:
     explicit EngineClient(ShellShared& shared) : session(shared, *this, *this, "test"), reads(*this) {}
@@ -26,8 +26,7 @@ public:
     int Get(char& c) override
     {
         if (pending.empty()) return 0;
-        c = pending[0];
-        pending.erase(0, 1);
+        c = pending[0], pending.erase(0, 1);
         return 1;
     }
     bool Send(const std::string& bytes) override
@@ -88,15 +87,16 @@ protected:
     ShellShared shared;
 };
 
-// One session through every answer type, in order: header on, statements,
-// header off, an over-long line, then the directives and their usage errors.
+// One session through every answer type, in order: header on, statements, header off, an over-long line, then
+// the directives and their usage errors.
 TEST_F(Engine, AnswersEveryRequestWithExactBytes)
 {
     auto client = Connect();
     EXPECT_EQ("vantor-sim database shell, SQLite " SQLITE_VERSION "\n"
               "Enter SQL statements terminated with a \";\"\n#> ",
               client->pending);
-    const std::string usageShell = "\vError: usage: shell <escape> <separator> (two different printable characters)\n\v#> \n";
+    const std::string usageShell =
+        "\vError: usage: shell <escape> <separator> (two different printable characters)\n\v#> \n";
     const std::vector<std::pair<std::string, std::string>> cases = {
         {".header on", "OK\n\v#> \n"},
         {"SELECT HwID FROM Hardware LIMIT 3;", "HwID\n1\n2\n3\n\v#> \n"},
@@ -134,7 +134,7 @@ TEST_F(Engine, AnswersEveryRequestWithExactBytes)
     for (const auto& c : cases) EXPECT_EQ(c.second, client->Answer(c.first)) << c.first.substr(0, 80);
 }
 
-TEST_F(Engine, NotReadyForTheFirstShellDirectivesOnly)
+TEST_F(Engine, NotReadyForTheFirstShellDirectivesOnlyAndTheSessionsEnd)
 {
     shared.notReadyLeft = 1;
     auto first = Connect();
@@ -144,21 +144,17 @@ TEST_F(Engine, NotReadyForTheFirstShellDirectivesOnly)
     EXPECT_EQ("\v#> \n", first->pending);
     EXPECT_EQ("\vError: DB not ready\n\v#> \n", first->Answer("SELECT 1;"));
     EXPECT_FALSE(Prepared()->reads.NotReady());
+    // ".quit" and a lost peer close the session.
+    first->Answer(".quit");
+    EXPECT_EQ(ShellSession::kClose, first->outcome);
+    auto gone = Connect();
+    gone->peerGone = true;
+    gone->Answer("SELECT 1;");
+    EXPECT_EQ(ShellSession::kClose, gone->outcome);
 }
 
-TEST_F(Engine, QuitAndLostPeerCloseTheSession)
-{
-    auto client = Connect();
-    client->Answer(".quit");
-    EXPECT_EQ(ShellSession::kClose, client->outcome);
-    client = Connect();
-    client->peerGone = true;
-    client->Answer("SELECT 1;");
-    EXPECT_EQ(ShellSession::kClose, client->outcome);
-}
-
-// Subscription to all of a table's changes from another session is also
-// run over real sockets; these pin the narrowing words, commits and bytes.
+// Subscription to all of a table's changes from another session is also run over real sockets; these pin the
+// narrowing words, commits and bytes.
 class Monitor : public Engine {
 protected:
     void SetUp() override
@@ -190,26 +186,21 @@ protected:
 
 TEST_F(Monitor, WordsNarrowTheSubscriptionAndCaseDoesNotMatter)
 {
-    ASSERT_TRUE(watcher->reads.Subscribe("events delete"));
+    ASSERT_TRUE(watcher->reads.Subscribe("events update delete"));
     Run({"INSERT INTO Events (EvntDscID) VALUES (1);", "INSERT INTO Hardware (HwName, HwType) VALUES ('h', 'unit');",
-         "DELETE FROM Hardware WHERE HwID = 7;", "DELETE FROM Events WHERE EvntID > 9;"});
-    EXPECT_EQ((std::vector<std::string>{"delete Events 10", "delete Events 11"}), Events());
+         "UPDATE Events SET EvntDscID = 2 WHERE EvntID = 3;", "DELETE FROM Hardware WHERE HwID = 7;",
+         "DELETE FROM Events WHERE EvntID > 9;"});
+    EXPECT_EQ((std::vector<std::string>{"update Events 3", "delete Events 10", "delete Events 11"}), Events());
 }
 
-TEST_F(Monitor, OnlyCommittedChangesAreSent)
+// The first line after each subscription carries the lead; a rolled-back or failed change is never sent.
+TEST_F(Monitor, OnlyCommittedChangesAreSentAndTheFirstLineCarriesTheLead)
 {
     ASSERT_TRUE(watcher->reads.Subscribe("Events"));
     Run({"BEGIN;", "INSERT INTO Events (EvntDscID) VALUES (1);"});
-    EXPECT_TRUE(Events().empty());
-    Run({"ROLLBACK;", "BEGIN; INSERT INTO Events (EvntDscID) VALUES (2); COMMIT;"});
-    Run({"INSERT INTO Events (EvntID) VALUES (12), (1);"}, -5);
-    EXPECT_EQ((std::vector<std::string>{"insert Events 11"}), Events());
-}
-
-TEST_F(Monitor, FirstLineAfterEachSubscriptionCarriesTheLead)
-{
-    ASSERT_TRUE(watcher->reads.Subscribe("Events"));
-    Run({"INSERT INTO Events (EvntDscID) VALUES (1), (2);"});
+    EXPECT_EQ("", watcher->pending);
+    Run({"ROLLBACK;", "BEGIN; INSERT INTO Events (EvntDscID) VALUES (2), (3); COMMIT;"});
+    Run({"INSERT INTO Events (EvntID) VALUES (13), (1);"}, -5);
     EXPECT_EQ("event insert Events 11;\ninsert Events 12;\n", watcher->pending);
     watcher->pending.clear();
     ASSERT_TRUE(watcher->reads.Subscribe("Hardware"));

@@ -1,7 +1,9 @@
 // vantor-sim over real sockets: the connection limit, idle clients and
 // monitor fan-out between connections, many clients at once, and clients
 // that misbehave. Every answer's bytes are pinned in sim_engine_test, the
-// SQL client's reads over TCP and Unix sockets in sql_sim_test.
+// SQL client's reads over TCP and Unix sockets in sql_sim_test. Each test
+// ends with a clean stop: status 0 also means no sanitizer report and no
+// thread left hanging.
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
@@ -40,43 +42,27 @@ struct Client {
     ScriptedShellClient reads;
 };
 
-// Each test runs its own simulator and expects it to stop cleanly: exit
-// status 0 also means no sanitizer report and no thread left hanging.
-class SimServer : public ::testing::Test {
-protected:
-    // Options in field order: unixSocket, events, notReady, extraArgs.
-    SimRunner& Start(const SimRunner::Options& options = {})
-    {
-        runner = std::make_unique<SimRunner>(options);
-        EXPECT_TRUE(runner->Running()) << runner->Log();
-        return *runner;
-    }
-    void TearDown() override
-    {
-        if (runner && runner->Running()) {
-            EXPECT_EQ(0, runner->Stop()) << runner->Log();
-        }
-    }
+using Lines = std::vector<std::string>;
 
-    std::unique_ptr<SimRunner> runner;
-};
-
-TEST_F(SimServer, ConnectionsBeyondTheLimitAreClosedAtAccept)
+TEST(SimServer, ConnectionsBeyondTheLimitAreClosedAtAccept)
 {
-    SimRunner& sim = Start({false, 0, 0, {"--max-clients=2"}});
+    SimRunner sim({false, 0, 0, {"--max-clients=2"}});
+    ASSERT_TRUE(sim.Running()) << sim.Log();
     auto first = std::make_unique<Client>(sim);
     Client second(sim);
     ASSERT_TRUE(first->Prepare() && second.Prepare());
     EXPECT_TRUE(Client(sim).Closed());
     first.reset();
     EXPECT_TRUE(WaitUntil([&] { return Client(sim).Prepare(); }, ScaledMs(3000)));
+    EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 
 // A silent client is dropped after --idle-timeout; a subscriber, silent
 // too, stays and hears every change of its table made by others.
-TEST_F(SimServer, SilentClientsAreDroppedButSubscribersHearEveryChange)
+TEST(SimServer, SilentClientsAreDroppedButSubscribersHearEveryChange)
 {
-    SimRunner& sim = Start({false, 0, 0, {"--idle-timeout=1"}});
+    SimRunner sim({false, 0, 0, {"--idle-timeout=1"}});
+    ASSERT_TRUE(sim.Running()) << sim.Log();
     Client silent(sim), watcher(sim);
     ASSERT_TRUE(silent.reads.Greet() && watcher.reads.Greet("[pid=2] SQL monitor") && watcher.reads.Subscribe("Events"));
     EXPECT_TRUE(WaitUntil([&] { return silent.Closed(); }, ScaledMs(5000)));
@@ -92,85 +78,84 @@ TEST_F(SimServer, SilentClientsAreDroppedButSubscribersHearEveryChange)
         EXPECT_EQ(expected, event);
     }
     EXPECT_TRUE(watcher.link.Quiet());
+    EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 
-TEST_F(SimServer, ManyConcurrentClientsLoseNothing)
+TEST(SimServer, ManyConcurrentClientsLoseNothing)
 {
-    SimRunner& sim = Start();
+    SimRunner sim;
+    ASSERT_TRUE(sim.Running()) << sim.Log();
     const int clients = 24, rows = 40;
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
     for (int t = 0; t < clients; ++t)
         threads.emplace_back([&, t] {
             Client c(sim);
-            if (!c.Prepare()) return void(++failures);
-            for (int i = 0; i < rows; ++i) {
-                std::vector<std::string> lines;
+            failures += !c.Prepare();
+            for (int i = 0; i < rows && failures == 0; ++i) {
                 std::string data = "t" + std::to_string(t) + "-" + std::to_string(i);
-                if (c.reads.Exec("INSERT INTO Events (EvntData) VALUES ('" + data + "');", lines) != 0 ||
-                    c.reads.Exec("SELECT EvntData FROM Events WHERE EvntData = '" + data + "';", lines) != 0 ||
-                    lines != std::vector<std::string>{"EvntData", data})
-                    ++failures;
+                Lines lines;
+                failures += c.reads.Exec("INSERT INTO Events (EvntData) VALUES ('" + data + "');", lines) != 0 ||
+                            c.reads.Exec("SELECT EvntData FROM Events WHERE EvntData = '" + data + "';", lines) != 0 ||
+                            lines != Lines{"EvntData", data};
             }
         });
     for (auto& t : threads) t.join();
     EXPECT_EQ(0, failures.load());
     Client counter(sim);
     ASSERT_TRUE(counter.Prepare());
-    EXPECT_EQ((std::vector<std::string>{"n", std::to_string(10 + clients * rows)}), counter.Run("SELECT count(*) AS n FROM Events;"));
+    EXPECT_EQ((Lines{"n", std::to_string(10 + clients * rows)}), counter.Run("SELECT count(*) AS n FROM Events;"));
+    EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 
 // Misbehaving clients around one that works: it keeps its answers, a full
 // 100,000-row stream still arrives whole, and the simulator stops cleanly
 // while the rude ones are still connected.
-TEST_F(SimServer, GarbageLongLinesAndAbruptClientsDoNotDisturbOthers)
+TEST(SimServer, GarbageLongLinesAndAbruptClientsDoNotDisturbOthers)
 {
-    SimRunner& sim = Start({false, 100000, 0, {}});
-    Client steady(sim), idle(sim), watcher(sim);
-    ASSERT_TRUE(steady.Prepare() && idle.reads.Greet());
-    ASSERT_TRUE(watcher.reads.Greet() && watcher.reads.Subscribe("Events"));
-    std::string garbage;
+    SimRunner sim({false, 100000, 0, {}});
+    ASSERT_TRUE(sim.Running()) << sim.Log();
+    Client steady(sim), idle(sim), watcher(sim), longLine(sim);
+    ASSERT_TRUE(steady.Prepare() && idle.reads.Greet() && watcher.reads.Greet() && watcher.reads.Subscribe("Events"));
+    std::string garbage, answer;
     for (int i = 0; i < 20000; ++i) garbage.push_back(static_cast<char>((i * 7919) & 0xff));
     for (const std::string& junk : {garbage, std::string(70000, 'x') + "\n", std::string("\v\0\r\n", 4)})
         EXPECT_TRUE(Client(sim).link.Send(junk));
-    Client longLine(sim);
-    ASSERT_TRUE(longLine.reads.Greet());
-    std::string answer;
-    ASSERT_TRUE(longLine.link.Send(std::string(70000, 'y') + "\r\n"));
+    ASSERT_TRUE(longLine.reads.Greet() && longLine.link.Send(std::string(70000, 'y') + "\r\n"));
     EXPECT_TRUE(longLine.link.ReadUntil("\v#> \n", answer, 3000));
     EXPECT_EQ("\vError: line longer than 65535 bytes\n\v#> \n", answer);
-    // Asks for 100,000 rows and leaves at once, or never reads them.
-    {
+    {  // asks for 100,000 rows and leaves at once
         Client quitter(sim);
         ASSERT_TRUE(quitter.Prepare() && quitter.link.Send("SELECT * FROM Events;\r\n"));
     }
-    Client sleeper(sim);
+    Client sleeper(sim);  // asks and never reads
     ASSERT_TRUE(sleeper.Prepare() && sleeper.link.Send("SELECT * FROM Events;\r\n"));
-    EXPECT_EQ((std::vector<std::string>{"n", "100010"}), steady.Run("SELECT count(*) AS n FROM Events;"));
+    EXPECT_EQ((Lines{"n", "100010"}), steady.Run("SELECT count(*) AS n FROM Events;"));
     steady.Run("INSERT INTO Events (EvntData) VALUES ('still here');");
     ASSERT_TRUE(steady.link.Send("SELECT * FROM Events LIMIT 100000;\r\n"));
-    std::string bytes;
-    ASSERT_TRUE(steady.link.ReadUntil("\v#> \n", bytes, 30000));
-    EXPECT_EQ(100000 + 2, std::count(bytes.begin(), bytes.end(), '\n'));  // header, rows, the end marker's line
+    std::string rows;
+    ASSERT_TRUE(steady.link.ReadUntil("\v#> \n", rows, 30000));
+    EXPECT_EQ(100000 + 2, std::count(rows.begin(), rows.end(), '\n'));  // header, rows, the end marker's line
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 
-TEST_F(SimServer, SubscriberThatNeverReadsIsCutOffAlone)
+TEST(SimServer, SubscriberThatNeverReadsIsCutOffAlone)
 {
-    SimRunner& sim = Start();
+    SimRunner sim;
+    ASSERT_TRUE(sim.Running()) << sim.Log();
     Client hoarder(sim), writer(sim, 60000);
     int small = 4096;
     ASSERT_EQ(0, setsockopt(hoarder.link.Fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small));
     ASSERT_TRUE(writer.Prepare());
-    // A long table name makes long change lines: 60,000 of them are about
-    // 13 MB, far more than the queue and the socket buffers hold.
+    // Long change lines: 60,000 of them are about 13 MB, far more than the queue and socket buffers hold.
     const std::string table = "T" + std::string(200, 'x');
     writer.Run("CREATE TABLE " + table + " (v);");
     ASSERT_TRUE(hoarder.reads.Greet() && hoarder.reads.Subscribe(table));
     writer.Run("WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n WHERE x < 60000) "
                "INSERT INTO " + table + " SELECT x FROM n;");
     EXPECT_TRUE(WaitUntil([&] { return sim.Log().find("unread, disconnecting") != std::string::npos; }, ScaledMs(10000)));
-    EXPECT_EQ((std::vector<std::string>{"n", "60000"}), writer.Run("SELECT count(*) AS n FROM " + table + ";"));
+    EXPECT_EQ((Lines{"n", "60000"}), writer.Run("SELECT count(*) AS n FROM " + table + ";"));
+    EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 
 }  // namespace

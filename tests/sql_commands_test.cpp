@@ -12,32 +12,9 @@
 
 namespace {
 
-class SqlCommands : public ::testing::Test {
-protected:
-    void SetUp() override { ASSERT_TRUE(m_sim.Running()) << m_sim.Log(); }
-
-    std::string Server() const { return "--server=" + m_sim.Address(); }
-    std::string Connecting() const { return "Connecting to " + m_sim.Address() + "...\n"; }
-    RunResult Sql(std::vector<std::string> args, const std::string& input = "")
-    {
-        args.insert(args.begin(), {"sql", Server()});
-        return RunVtest(args, input);
-    }
-    std::string WriteFile(const std::string& text)
-    {
-        std::string path = m_dir + "/statements.sql";
-        std::ofstream(path) << text;
-        return path;
-    }
-    void TearDown() override { RunProgram({"/bin/rm", "-rf", m_dir}); }
-
-    SimRunner m_sim;
-    std::string m_dir = MakeTempDir();
-};
-
 TEST(SqlCommandErrors, ArgumentErrorsGiveTheirMessageAndStatus)
 {
-    struct Case {
+    const struct {
         std::vector<std::string> args;
         int status;
         std::string err;
@@ -59,8 +36,10 @@ TEST(SqlCommandErrors, ArgumentErrorsGiveTheirMessageAndStatus)
         {{"monitor", ""}, 255, "Invalid table: .\n"},
         {{"monitor", "Events x"}, 255, "Invalid table: Events x.\n"},
         {{"monitor", "a\tb\x7f", "insert"}, 255, "Invalid table: a\\x09b\\x7f.\n"},
+        // The file name swapped for the other source in the message.
+        {{"sql_file", "/nonexistent/x.sql"}, 254, "Unable to open file: stdin\n"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         RunResult r = RunVtest(c.args);
         EXPECT_EQ(r.status, c.status) << c.args.back();
         EXPECT_EQ(r.err, c.err) << c.args.back();
@@ -71,117 +50,91 @@ TEST(SqlCommandErrors, ArgumentErrorsGiveTheirMessageAndStatus)
     EXPECT_EQ(r.status, 255);
 }
 
-TEST_F(SqlCommands, PlainAndPairsFormats)
-{
-    RunResult plain = Sql({"SELECT HwName, HwID FROM Hardware WHERE HwID <= 2 ORDER BY HwID;"});
-    EXPECT_EQ(plain.status, 0) << plain.err;
-    EXPECT_EQ(plain.out, Connecting() +
-                             "Line #\t\"HwName\"\t\"HwID\"\n"
-                             "1.\t\"vantor-01\"\t\"1\"\t\n"
-                             "2.\t\"vantor-02\"\t\"2\"\t\n");
-    RunResult pairs = Sql({"--pairs", "SELECT HwName, HwID FROM Hardware WHERE HwID <= 2 ORDER BY HwID;"});
-    EXPECT_EQ(pairs.out, Connecting() +
-                             "Line #\t\"HwID\"\t\"HwName\"\n"
-                             "1.\t1\tvantor-01\t\n"
-                             "2.\t2\tvantor-02\t\n");
-}
+class SqlCommands : public ::testing::Test {
+protected:
+    void SetUp() override { ASSERT_TRUE(m_sim.Running()) << m_sim.Log(); }
+    void TearDown() override { RunProgram({"/bin/rm", "-rf", m_dir}); }
+    std::string Server() const { return "--server=" + m_sim.Address(); }
+    std::string Connecting() const { return "Connecting to " + m_sim.Address() + "...\n"; }
 
-TEST_F(SqlCommands, EmptyResultsAndStatementsWithoutRows)
+    SimRunner m_sim;
+    std::string m_dir = MakeTempDir();
+};
+
+// Against the simulator, in order (a later row sees an earlier one's effect).
+TEST_F(SqlCommands, FormatsStatementsFilesAndStandardInput)
 {
+    const std::string file = m_dir + "/statements.sql", syntax = "Error: near \"SELEC\": syntax error";
+    const std::string select = "SELECT HwName, HwID FROM Hardware WHERE HwID <= 2 ORDER BY HwID;";
     const char* none = "SELECT HwID, HwName FROM Hardware WHERE HwID < 0;";
-    EXPECT_EQ(Sql({none}).out, Connecting() + "Line #\t\"HwID\"\t\"HwName\"\n");
-    EXPECT_EQ(Sql({"--pairs", none}).out, Connecting());
-    RunResult insert = Sql({"INSERT INTO Events (EvntDscID, UsrID, HwID) VALUES (1, 0, 1);"});
-    EXPECT_EQ(insert.status, 0);
-    EXPECT_EQ(insert.out, Connecting());
-}
-
-TEST_F(SqlCommands, StatementsRunInTurnAndStopAtTheFirstFailure)
-{
-    RunResult two = Sql({"SELECT 1 AS a;", "SELECT 2 AS b;"});
-    EXPECT_EQ(two.out, Connecting() + "Line #\t\"a\"\n1.\t\"1\"\t\n" +
-                           "--------------- N e x t   q u e r y --------------\n" +
-                           "Line #\t\"b\"\n1.\t\"2\"\t\n");
-    RunResult failed = Sql({"SELEC 1;", "INSERT INTO Events (EvntData) VALUES ('must not run');"});
-    EXPECT_EQ(failed.status, 254);
-    EXPECT_EQ(OperatorErrors(failed.err),
-              "SqlWrapper:Exec() - failed (Error: near \"SELEC\": syntax error): Error: near \"SELEC\": syntax error.\n");
-    EXPECT_EQ(Sql({"SELECT COUNT(*) AS n FROM Events WHERE EvntData = 'must not run';"}).out,
-              Connecting() + "Line #\t\"n\"\n1.\t\"0\"\t\n");
-}
-
-TEST_F(SqlCommands, TrailingBlanksAreCutBeforeTheSemicolonRule)
-{
-    RunResult r = Sql({"SELECT 7 AS n; \t \t"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, Connecting() + "Line #\t\"n\"\n1.\t\"7\"\t\n");
-}
-
-TEST_F(SqlCommands, FileLinesKeepTheirNumbersAndFailuresDoNotStopTheRun)
-{
-    std::string path = WriteFile(
-        "# a comment; SELECT 0;\n"
-        "\n"
-        "SELECT 1 AS a;\r\n"
-        "SELEC 2;\n"
-        "SELECT 3 AS c;  \n");
-    RunResult r = RunVtest({"sql_file", Server(), path, "ignored.sql"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, Connecting() + "Line #\t\"a\"\n1.\t\"1\"\t\nLine #\t\"c\"\n1.\t\"3\"\t\n");
-    EXPECT_EQ(OperatorErrors(r.err), path + ":4 [Error: near \"SELEC\": syntax error] SELEC 2;\n");
-
-    // The last statement's result is the status.
-    RunResult last = RunVtest({"sql_file", Server(), WriteFile("SELECT 1 AS a;\nSELEC 2;\n")});
-    EXPECT_EQ(last.status, 254);
-}
-
-// Rows to a pipe are fully buffered; the tool's own messages still follow
-// the rows printed before them when both streams share one pipe.
-TEST_F(SqlCommands, MessagesKeepTheirPlaceAmongBufferedRows)
-{
-    std::string path = WriteFile("SELECT 1 AS a;\nSELEC 2;\nSELECT 3 AS c;\n");
-    const char* rowsA = "Line #\t\"a\"\n1.\t\"1\"\t\n";
-    std::string syntax = "Error: near \"SELEC\": syntax error";
-    struct Case {
-        std::vector<std::string> args;
-        std::string output;
+    const struct {
+        const char* label;
+        std::vector<std::string> args;  // "S": the server's option, "F": the input as a file (else on stdin)
+        std::string input;
+        int status;
+        std::string out, err;  // standard output after the first "Connecting ...", operator lines
     } cases[] = {
-        {{"sql_file", Server(), path},
-         Connecting() + rowsA + path + ":2 [" + syntax + "] SELEC 2;\nLine #\t\"c\"\n1.\t\"3\"\t\n"},
-        {{"sql", Server(), "SELECT 1 AS a;", "SELEC 2;"},
-         Connecting() + rowsA + "--------------- N e x t   q u e r y --------------\n" +
-             "SqlWrapper:Exec() - failed (" + syntax + "): " + syntax + ".\n"},
-        {{"sql", Server(), "--server=bad"}, Connecting() + "Invalid IPv4 address: \"bad\".\n"},
+        {"plain", {"sql", "S", select}, "", 0,
+         "Line #\t\"HwName\"\t\"HwID\"\n1.\t\"vantor-01\"\t\"1\"\t\n2.\t\"vantor-02\"\t\"2\"\t\n", ""},
+        {"pairs", {"sql", "S", "--pairs", select}, "", 0,
+         "Line #\t\"HwID\"\t\"HwName\"\n1.\t1\tvantor-01\t\n2.\t2\tvantor-02\t\n", ""},
+        {"empty", {"sql", "S", none}, "", 0, "Line #\t\"HwID\"\t\"HwName\"\n", ""},
+        {"empty pairs", {"sql", "S", "--pairs", none}, "", 0, "", ""},
+        {"no rows", {"sql", "S", "INSERT INTO Events (EvntDscID, UsrID, HwID) VALUES (1, 0, 1);"}, "", 0, "", ""},
+        {"trailing blanks", {"sql", "S", "SELECT 7 AS n; \t \t"}, "", 0, "Line #\t\"n\"\n1.\t\"7\"\t\n", ""},
+        {"stops at a failure", {"sql", "S", "SELEC 1;", "INSERT INTO Events (EvntData) VALUES ('must not run');"}, "",
+         254, "", ExecFailed(syntax)},
+        {"did not run", {"sql", "S", "SELECT COUNT(*) AS n FROM Events WHERE EvntData = 'must not run';"}, "", 0,
+         "Line #\t\"n\"\n1.\t\"0\"\t\n", ""},
+        // Line numbers are the file's; a failure does not stop the run.
+        {"file", {"sql_file", "S", "F", "ignored.sql"},
+         "# a comment; SELECT 0;\n\nSELECT 1 AS a;\r\nSELEC 2;\nSELECT 3 AS c;  \n", 0,
+         "Line #\t\"a\"\n1.\t\"1\"\t\nLine #\t\"c\"\n1.\t\"3\"\t\n", file + ":4 [" + syntax + "] SELEC 2;\n"},
+        // Repeated options; nothing at the file-name position: standard input is "stdin".
+        {"stdin", {"sql", "--pairs", "S", "--stdin", "S", "--pairs"}, "SELECT 5 AS e;\n# skipped\nnot sql;\n", 254,
+         Connecting() + "Line #\t\"e\"\n1.\t5\t\n", "stdin:3 [Error: near \"not\": syntax error] not sql;\n"},
+        {"stdin of sql_file", {"sql_file", "--stdin", "S", "x.sql"}, "SELECT 1 AS a;\n", 0,
+         "Line #\t\"a\"\n1.\t\"1\"\t\n", ""},
     };
-    for (const Case& c : cases) {
-        std::vector<std::string> argv = TargetArgv(VTEST_BINARY, c.args);
-        argv.insert(argv.begin(), {"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1"});
-        EXPECT_EQ(OperatorErrors(RunProgram(argv).out), c.output) << c.args.back();
+    for (const auto& c : cases) {
+        std::vector<std::string> args = c.args;
+        std::string input = c.input;
+        for (std::string& arg : args) {
+            if (arg == "S") arg = Server();
+            if (arg != "F") continue;
+            std::ofstream(arg = file, std::ios::binary) << input;
+            input.clear();
+        }
+        RunResult r = RunVtest(args, input);
+        EXPECT_EQ(r.status, c.status) << c.label;
+        EXPECT_EQ(r.out, Connecting() + c.out) << c.label;
+        EXPECT_EQ(OperatorErrors(r.err), c.err) << c.label;
     }
 }
 
-TEST_F(SqlCommands, StandardInputAndRepeatedOptions)
+// Rows to a pipe are fully buffered; the tool's own messages still follow the rows printed before them when
+// both streams share one pipe.
+TEST_F(SqlCommands, MessagesKeepTheirPlaceAmongBufferedRows)
 {
-    RunResult r = RunVtest({"sql", "--pairs", Server(), "--stdin", Server(), "--pairs"},
-                           "SELECT 5 AS e;\n# skipped\nnot sql;\n");
-    EXPECT_EQ(r.status, 254);
-    EXPECT_EQ(r.out, Connecting() + Connecting() + "Line #\t\"e\"\n1.\t5\t\n");
-    // Nothing stands at the file-name position: standard input is "stdin".
-    EXPECT_EQ(OperatorErrors(r.err), "stdin:3 [Error: near \"not\": syntax error] not sql;\n");
-    EXPECT_EQ(RunVtest({"sql_file", "--stdin", Server(), "x.sql"}, "SELECT 1 AS a;\n").out,
-              Connecting() + "Line #\t\"a\"\n1.\t\"1\"\t\n");
+    std::string path = m_dir + "/statements.sql";
+    std::ofstream(path) << "SELECT 1 AS a;\nSELEC 2;\nSELECT 3 AS c;\n";
+    const std::string rowsA = "Line #\t\"a\"\n1.\t\"1\"\t\n", syntax = "Error: near \"SELEC\": syntax error";
+    const struct {
+        std::vector<std::string> args;
+        std::string output;
+    } cases[] = {
+        {{"sql_file", Server(), path}, rowsA + path + ":2 [" + syntax + "] SELEC 2;\nLine #\t\"c\"\n1.\t\"3\"\t\n"},
+        {{"sql", Server(), "SELECT 1 AS a;", "SELEC 2;"},
+         rowsA + "--------------- N e x t   q u e r y --------------\n" + ExecFailed(syntax)},
+        {{"sql", Server(), "--server=bad"}, "Invalid IPv4 address: \"bad\".\n"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(OperatorErrors(RunProgram(InShell("exec \"$@\" 2>&1", TargetArgv(VTEST_BINARY, c.args))).out),
+                  Connecting() + c.output) << c.args.back();
 }
 
-TEST(SqlCommandErrors, UnopenableInputNamesTheOtherSource)
-{
-    RunResult r = RunVtest({"sql_file", "/nonexistent/x.sql"});
-    EXPECT_EQ(r.status, 254);
-    EXPECT_EQ(r.err, "Unable to open file: stdin\n");
-}
-
-// Nothing that never answers may hang the tool: connecting and the greeting
-// are bounded at 10 s, answers by --timeout; a timed-out connection goes, so
-// its late answer never passes for the next statement's.
+// Nothing that never answers may hang the tool: connecting and the greeting are bounded at 10 s, answers by
+// --timeout; a timed-out connection goes, so its late answer never passes for the next statement's.
 TEST(SqlCommandTimeouts, SilentServersEndTheStatementWithTheirReason)
 {
     BlackHole hole;
@@ -191,7 +144,9 @@ TEST(SqlCommandTimeouts, SilentServersEndTheStatementWithTheirReason)
     ScriptedServer late({FromChild(Prepared(lateAnswer)), FromChild(Prepared(Answer("SELECT 2 AS b;", "b\n2\n")))});
     char text[SockAddr::m_strLen];
     const std::string holeAt = hole.Addr().Str(text, true), silentAt = ServerOption(silentToo).substr(9);
-    struct Case {
+    const std::string step1 =
+        "step 1 FAIL: SELECT HwID FROM Hardware LIMIT 3; -> no connection to the database server at ";
+    const struct {
         std::vector<std::string> args;
         std::string input;
         int status;
@@ -200,15 +155,14 @@ TEST(SqlCommandTimeouts, SilentServersEndTheStatementWithTheirReason)
         {{"sql", "--server=" + holeAt, "SELECT 1;"}, "", 254, "",
          ExecFailed("cannot connect to " + holeAt + ": Connection timed out")},
         {{"sql", ServerOption(silent), "SELECT 1;"}, "", 254, "", ExecFailed("no greeting within 10 s")},
-        {{"--server=" + silentAt}, "", 1,
-         "step 1 FAIL: SELECT HwID FROM Hardware LIMIT 3; -> no connection to the database server at " + silentAt + "\n",
-         "Self-test FAILED.\n"},
+        {{"--server=" + silentAt}, "", 1, step1 + silentAt + "\n", "Self-test FAILED.\n"},
+        {{"--server=127.0.0.1:1"}, "", 1, step1 + "127.0.0.1:1\n", "Self-test FAILED.\n"},
         {{"sql", ServerOption(mute), "--timeout=1", "SELECT 1;"}, "", 254, "", ExecFailed("no answer within 1 s")},
         {{"sql", ServerOption(late), "--timeout=2", "--stdin"}, "SELECT 1;\nSELECT 2 AS b;\n", 0,
          "Line #\t\"b\"\n1.\t\"2\"\t\n", "stdin:1 [no answer within 2 s] SELECT 1;\n"},
     };
     std::vector<std::future<RunResult>> runs;
-    for (const Case& c : cases) runs.push_back(std::async(std::launch::async, RunVtest, c.args, c.input, 30000));
+    for (const auto& c : cases) runs.push_back(std::async(std::launch::async, RunVtest, c.args, c.input, 30000));
     for (size_t i = 0; i < runs.size(); i++) {
         RunResult r = runs[i].get();
         std::string at = cases[i].args[cases[i].args.size() > 1 ? 1 : 0].substr(9);
@@ -221,28 +175,10 @@ TEST(SqlCommandTimeouts, SilentServersEndTheStatementWithTheirReason)
         for (const std::string& failure : server->Failures()) EXPECT_EQ(failure.find("expected"), std::string::npos);
 }
 
-TEST_F(SqlCommands, MonitorPrintsChangesUntilEnter)
-{
-    ChildProcess monitor(TargetArgv(VTEST_BINARY, {"monitor", Server(), "Hardware"}));
-    ASSERT_TRUE(monitor.WaitForOutput("Press ENTER to stop.\n", 5000)) << monitor.Output();
-    // The monitor's first connection comes a second after its start: insert
-    // until the change shows (each insert is one more change line).
-    bool seen = false;
-    for (int i = 0; i < 10 && !seen; i++) {
-        Sql({"INSERT INTO Hardware (HwName, HwType) VALUES ('m', 'central');"});
-        seen = monitor.WaitForOutput("insert Hardware ", 1000);
-    }
-    ASSERT_TRUE(seen) << monitor.Output();
-    ASSERT_TRUE(monitor.Write("\n"));
-    EXPECT_EQ(monitor.Wait(5000), 0);
-    EXPECT_EQ(monitor.Output().rfind(Connecting() + "Press ENTER to stop.\ninsert Hardware ", 0), 0u)
-        << monitor.Output();
-}
-
-// The monitor's state goes to standard error once per change (its retries
-// log their first failure only); ENTER before the first connection ends it
-// at once; a table the server refuses ends it with one line and status 1.
-TEST_F(SqlCommands, MonitorReportsItsStateAndGivesUpOnARefusedTable)
+// The monitor's state goes to standard error once per change (its retries log their first failure only),
+// changes to standard output; ENTER before the first connection ends it at once; a table the server refuses
+// ends it with one line and status 1.
+TEST_F(SqlCommands, MonitorPrintsChangesAndItsStateAndGivesUpOnARefusedTable)
 {
     const std::string at = m_sim.Address(), start = Connecting() + "Press ENTER to stop.\nWaiting for " + at + " ...\n";
     auto merged = [&](const char* table) {
@@ -257,57 +193,40 @@ TEST_F(SqlCommands, MonitorReportsItsStateAndGivesUpOnARefusedTable)
     EXPECT_EQ(early.err, "Waiting for 127.0.0.1:1 ...\n");
 
     ChildProcess monitor(merged("Hardware"));
-    ASSERT_TRUE(monitor.WaitForOutput("Monitoring Hardware on " + at + ".\n", 10000)) << monitor.Output();
+    const std::string subscribed = "Monitoring Hardware on " + at + ".\n";
+    ASSERT_TRUE(monitor.WaitForOutput(subscribed, 10000)) << monitor.Output();
+    RunVtest({"sql", Server(), "INSERT INTO Hardware (HwID, HwName, HwType) VALUES (99, 'm', 'central');"});
+    ASSERT_TRUE(monitor.WaitForOutput("insert Hardware 99\n", 10000)) << monitor.Output();
     m_sim.Stop();
-    ASSERT_TRUE(monitor.WaitForOutput("Connection to " + at + " lost; retrying every second.\n", 10000));
+    const std::string lost = "Connection to " + at + " lost; retrying every second.\n";
+    ASSERT_TRUE(monitor.WaitForOutput(lost, 10000));
     EXPECT_FALSE(monitor.WaitForOutput("never printed", 3500));  // three rounds of retries
     ASSERT_TRUE(monitor.Write("\n"));
     EXPECT_EQ(monitor.Wait(5000), 0);
-    EXPECT_EQ(OperatorErrors(monitor.Output()), start + "Monitoring Hardware on " + at + ".\nConnection to " + at +
-                                                    " lost; retrying every second.\n");
+    EXPECT_EQ(OperatorErrors(monitor.Output()), start + subscribed + "insert Hardware 99\n" + lost);
     EXPECT_EQ(CountOf(monitor.Output(), "Unable to connect"), 1u) << monitor.Output();
 }
 
-class SelfTest : public SqlCommands {};
-
-TEST_F(SelfTest, PassesAgainstTheSimulatorAndFindsItsEvent)
+TEST_F(SqlCommands, SelfTestPassesAndReportsAMissingEventsTable)
 {
     RunResult r = RunVtest({Server()});
     EXPECT_EQ(r.status, 0) << r.out << r.err;
-    EXPECT_NE(r.out.find("step 1 PASS: SELECT HwID FROM Hardware LIMIT 3; -> 3 row(s): HwID 1 2 3\n"),
-              std::string::npos) << r.out;
-    EXPECT_NE(r.out.find("step 2 PASS: INSERT INTO Events -> INSERT INTO Events "), std::string::npos);
-    EXPECT_NE(r.out.find("step 3 PASS: read back -> EvntID "), std::string::npos);
-    EXPECT_NE(r.out.find("Self-test passed.\n"), std::string::npos);
-}
-
-TEST(SelfTestFailures, NamesTheMissingServer)
-{
-    RunResult r = RunVtest({"--server=127.0.0.1:1"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "Connecting to 127.0.0.1:1...\n"
-                     "step 1 FAIL: SELECT HwID FROM Hardware LIMIT 3; -> "
-                     "no connection to the database server at 127.0.0.1:1\n");
-    EXPECT_EQ(OperatorErrors(r.err), "Self-test FAILED.\n");
-}
-
-TEST(SelfTestFailures, ReportsAMissingEventsTable)
-{
-    std::string dir = MakeTempDir();
-    std::string db = dir + "/no-events.db";
+    for (const char* line : {"step 1 PASS: SELECT HwID FROM Hardware LIMIT 3; -> 3 row(s): HwID 1 2 3\n",
+                             "step 2 PASS: INSERT INTO Events -> INSERT INTO Events ",
+                             "step 3 PASS: read back -> EvntID ",
+                             "Self-test passed.\n"})
+        EXPECT_NE(r.out.find(line), std::string::npos) << line << r.out;
+    std::string db = m_dir + "/no-events.db";
     RunResult made = RunProgram({"/usr/bin/sqlite3", db,
                                  "CREATE TABLE Hardware (HwID INTEGER PRIMARY KEY); INSERT INTO Hardware VALUES (4);"});
     ASSERT_EQ(made.status, 0) << made.err;
-    SimRunner::Options options;
-    options.extraArgs = {"--db=" + db};
-    SimRunner sim(options);
+    SimRunner sim({false, 0, 0, {"--db=" + db}});
     ASSERT_TRUE(sim.Running()) << sim.Log();
-    RunResult r = RunVtest({"--server=" + sim.Address()});
+    r = RunVtest({"--server=" + sim.Address()});
     EXPECT_EQ(r.status, 1);
     EXPECT_NE(r.out.find("step 1 PASS"), std::string::npos) << r.out;
     EXPECT_NE(r.out.find("step 2 FAIL: INSERT INTO Events -> Error: no such table: Events\n"), std::string::npos)
         << r.out;
-    RunProgram({"/bin/rm", "-rf", dir});
 }
 
 }  // namespace

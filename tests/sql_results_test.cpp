@@ -60,17 +60,21 @@ TEST(SqlResults, NeitherLostNorInvented)
         {"5 a row past the line", {}, {"sql", "S", "SELECT printf('%.*c', 1048575, 'x') AS v;"}, "", 254,
          "Line #\t\"v\"\n", ExecFailed("row longer than 1048574 bytes")},
         {"5 a statement past the line", {}, {"sql", "S", "--stdin"}, longLine + "\nSELECT 5 AS e;\n", 0,
-         "Line #\t\"e\"\n1.\t\"5\"\t\n", "stdin:1 [line longer than 1048573 bytes] " + longLine.substr(0, 80) + "...\n"},
-        {"6 a line break", {}, {"sql", "S", "SELECT 'A';\nSELECT 'B';", "SELECT 'C';"}, "", 254, "",
+         "Line #\t\"e\"\n1.\t\"5\"\t\n",
+         "stdin:1 [line longer than 1048573 bytes] " + longLine.substr(0, 80) + "...\n"},
+        {"6 a line break", {}, {"sql", "S", "SELECT 'A';\nSELECT 'B';\r", "SELECT 'C';"}, "", 254, "",
          ExecFailed("statement holds a line break")},
         {"7 whole lines", {Prepared(Answer("SELECT 1 AS a;", "a\n1\n"))}, {"sql_file", "S", "F"},
          "\xef\xbb\xbf#" + std::string(3998, 'n') + " DELETE FROM T1;\n\t# DELETE FROM T1;\nSELECT 1 AS a;  \n" +
              std::string("bad\0line;\nlone\rCR;\n", 19),
          254, "Line #\t\"a\"\n1.\t\"1\"\t\n",
-         file + ":4 [line holds a NUL byte] bad\\x00line;\n" + file + ":5 [line holds a lone carriage return] lone\\x0dCR;\n"},
+         file + ":4 [line holds a NUL byte] bad\\x00line;\n" + file +
+             ":5 [line holds a lone carriage return] lone\\x0dCR;\n"},
         {"8 own reasons", {}, {"sql_file", "S", "F"}, "SELEC 1;\nSELECT 2\n", 254, "",
          file + ":1 [Error: near \"SELEC\": syntax error] SELEC 1;\n" + file + ":2 [missing semicolon] SELECT 2\n"},
-        {"8 not ready", {notReady}, {"sql", "S", "SELECT 1;"}, "", 254, "", ExecFailed("DB not ready")},
+        {"8 not ready, then a fresh connection", {notReady, Prepared(Answer("SELECT 2 AS b;", "b\n2\n"))},
+         {"sql", "S", "--stdin"}, "SELECT 1;\nSELECT 2 AS b;\n", 0, "Line #\t\"b\"\n1.\t\"2\"\t\n",
+         "stdin:1 [DB not ready] SELECT 1;\n"},
         {"8 refused", {}, {"sql", "--server=127.0.0.1:1", "SELECT 1;"}, "", 254, "",
          ExecFailed("connection refused by 127.0.0.1:1")},
         {"9 an idle close", {}, {"sql", "S", "--stdin"},
@@ -111,7 +115,8 @@ TEST(SqlResults, NeitherLostNorInvented)
             EXPECT_EQ(AnyPid(server.Received(i)), Expected(c.scripts[i])) << c.label;
         for (const std::string& failure : server.Failures()) ADD_FAILURE() << c.label << ": " << failure;
     }
-    RunResult count = RunVtest({"sql", "--server=" + sim.Address(), "SELECT COUNT(*) FROM Events WHERE EvntData = 'idle';"});
+    RunResult count =
+        RunVtest({"sql", "--server=" + sim.Address(), "SELECT COUNT(*) FROM Events WHERE EvntData = 'idle';"});
     EXPECT_NE(count.out.find("\n1.\t\"1\"\t\n"), std::string::npos) << "the INSERT after the idle close arrives once";
     RunProgram({"/bin/rm", "-rf", dir});
 }

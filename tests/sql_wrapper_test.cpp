@@ -18,17 +18,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using Rows = std::vector<std::vector<std::string>>;
+using Map = std::map<std::string, std::string>;
 
-// One prepared connection answering each statement in turn.
-Script Answers(const std::vector<std::pair<std::string, std::string>>& answers)
-{
-    Script script = Prepared();
-    for (const auto& [statement, answer] : answers) script = Then(script, Answer(statement, answer));
-    return script;
-}
-
-// A scripted server and the clients under test; the clients go first, so
-// the server sees their connections close.
+// A scripted server and the clients under test; the clients go first, so the server sees their connections close.
 class ClientTest : public ::testing::Test {
 protected:
     void Serve(std::vector<Script> scripts)
@@ -48,7 +40,9 @@ protected:
     // A client of one prepared connection answering each statement in turn.
     SqlWrapper& Answering(const std::vector<std::pair<std::string, std::string>>& answers)
     {
-        Serve({Answers(answers)});
+        Script script = Prepared();
+        for (const auto& [statement, answer] : answers) script = Then(script, Answer(statement, answer));
+        Serve({script});
         return Sql();
     }
     SqlWrapper& Sql(int retries = 0, int maxLineLen = 2048)
@@ -62,7 +56,6 @@ protected:
         return *m_connection;
     }
     void ExpectScriptsDone() { EXPECT_TRUE(m_server->WaitScriptsDone(ScaledMs(5000))); }
-    // Every row left, as strings.
     Rows Rest()
     {
         Rows rows;
@@ -76,9 +69,7 @@ protected:
     std::unique_ptr<PrivateConnection> m_connection;
 };
 
-// ---- connection and greeting
-
-TEST_F(ClientTest, ConnectSkipsBannerLinesAndAnnouncesItself)
+TEST_F(ClientTest, ConnectSkipsBannerLinesAndAnnouncesItselfOnce)
 {
     // A missing comment is announced as "Unknown connection".
     const std::vector<std::pair<const char*, std::string>> cases = {
@@ -92,19 +83,11 @@ TEST_F(ClientTest, ConnectSkipsBannerLinesAndAnnouncesItself)
         PrivateConnection& connection = Connection(comment);
         EXPECT_TRUE(connection.Connect()) << banner;
         EXPECT_TRUE(connection.Eof());
+        EXPECT_FALSE(connection.Connect()) << "a second link while connected";
         connection.Close();
         EXPECT_FALSE(connection.Connected());
     }
     ExpectScriptsDone();
-}
-
-TEST_F(ClientTest, ConnectRefusesASecondLinkAndForeignFamilies)
-{
-    Serve({Greeting("tester")});
-    PrivateConnection& connection = Connection();
-    ASSERT_TRUE(connection.Connect());
-    EXPECT_FALSE(connection.Connect());
-    EXPECT_TRUE(connection.Connected());
     SockAddr none;
     PrivateConnection foreign(&none, 2048, "x");
     EXPECT_FALSE(foreign.Connect());
@@ -112,129 +95,73 @@ TEST_F(ClientTest, ConnectRefusesASecondLinkAndForeignFamilies)
     EXPECT_EQ(foreign.Print("x"), -EINVAL);
 }
 
-TEST_F(ClientTest, LineLimitRefusesFullPrintsAndCutsReads)
+// A full print is refused; a long read comes in pieces; only the bare marker ends a result; an error line is consumed.
+TEST_F(ClientTest, LinesAgainstTheLineLimitAndTheMarker)
 {
-    const std::string full(40, 'x'), shorter(39, 'y');
-    Serve({Then(Greeting("t"), {Expect(shorter), Send("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVW\n")})});
+    const std::string shorter(39, 'y');
+    const std::string sent = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVW\n12345678\n123456789\n1234567890\n"
+                             "\v\n\vError: no such table: T\nconsumed\nafter\r";
+    Serve({Then(Greeting("t"), {Expect(shorter), Send(sent)})});
     PrivateConnection& connection = Connection("t", 40);
     ASSERT_TRUE(connection.Connect());
-    EXPECT_EQ(connection.Print("%s", full.c_str()), -ENOSPC);
+    EXPECT_EQ(connection.Print("%s", std::string(40, 'x').c_str()), -ENOSPC);
     EXPECT_EQ(connection.Print("%s", shorter.c_str()), 39);
-    ASSERT_EQ(connection.ReadLine(), 39);
-    EXPECT_EQ(std::string(connection.Line(), 39), "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLM");
-    ASSERT_EQ(connection.ReadLine(), 10);
-    EXPECT_EQ(std::string(connection.Line(), 10), "NOPQRSTUVW");
-    ExpectScriptsDone();
-    EXPECT_EQ(m_server->Received(0), CommentLine("t") + shorter);
-}
-
-TEST_F(ClientTest, ReadLineLengthsMarkerAndErrorLines)
-{
-    Serve({Then(Greeting("tester"),
-                {Send("12345678\n123456789\n1234567890\n\v\n\vError: no such table: T\nconsumed\nafter\r")})});
-    PrivateConnection& connection = Connection();
-    ASSERT_TRUE(connection.Connect());
-    // Only the bare marker is an end; the error line is consumed with the next.
     const std::vector<std::pair<int, const char*>> lines = {
-        {8, "12345678"}, {9, "123456789"}, {10, "1234567890"}, {0, ""}, {-EIO, nullptr}, {5, "after"}};
+        {39, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLM"}, {10, "NOPQRSTUVW"}, {8, "12345678"}, {9, "123456789"},
+        {10, "1234567890"}, {0, ""}, {-EIO, nullptr}, {5, "after"}};
     for (auto [result, text] : lines) {
         int n = connection.ReadLine();
-        ASSERT_EQ(n, result);
+        ASSERT_EQ(n, result) << text;
         EXPECT_EQ(connection.Eof(), n == 0) << n;
         if (text) {
             EXPECT_EQ(std::string(connection.Line(), static_cast<size_t>(n)), text);
         }
     }
     EXPECT_EQ(connection.LastError(), "Error: no such table: T");
+    EXPECT_EQ(m_server->Received(0), CommentLine("t") + shorter);
 }
 
-// ---- retries
-
-class RetryTest : public ClientTest {
-protected:
-    // Reconnects expecting `result`; checks the attempts came a second apart
-    // and returns how long it took.
-    long Reconnect(PrivateConnection& client, bool result)
-    {
-        auto start = Clock::now();
-        EXPECT_EQ(client.Reconnect(), result);
-        long ms = MsSince(start);
-        auto times = m_server->AcceptTimes();
-        for (size_t i = 1; i < times.size(); i++)
-            EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(times[i] - times[i - 1]).count(), 900);
-        return ms;
-    }
-    // Retry counts 0, 1 and 3 make 1, 1 and 3 attempts against a server
-    // playing scripts(attempts) (none waited for at 0), with the retry
-    // message before each further attempt and the final one once.
-    void ExpectAttemptsPerCount(std::vector<Script> (*scripts)(int), const std::string& retrying,
-                                const std::string& failed)
-    {
+// Connect failures and "not ready" answers share the retry count: 0 and 1 make one attempt, 3 make three, a
+// second apart, with the retry message before each further one and the final one once.
+TEST_F(ClientTest, RetriesCountConnectFailuresAndNotReadyAnswers)
+{
+    const Script notReady = Then(Greeting("SQL Wrapper"), {Expect("shell \\ |\r\n"), Send("DB not ready\n")});
+    for (bool ready : {false, true})
         for (auto [count, attempts] : std::vector<std::pair<int, int>>{{0, 1}, {1, 1}, {3, 3}}) {
             StderrCapture err;
-            Serve(scripts(attempts));
+            Serve(ready ? std::vector<Script>(static_cast<size_t>(attempts), notReady) : std::vector<Script>{});
             SqlWrapper& sql = Sql(count);
-            long ms = Reconnect(sql, false);
-            EXPECT_EQ(m_server->Accepted(), attempts) << count;
-            EXPECT_TRUE(sql.GetRV());
+            auto start = Clock::now();
+            EXPECT_FALSE(sql.Reconnect());
             if (count == 0) {
-                EXPECT_LT(ms, 1000) << "no sleep at count 0";
+                EXPECT_LT(MsSince(start), 1000) << "no sleep at count 0";
             }
-            std::string expected;
-            for (int i = 1; i < attempts; i++) expected += retrying + "\n";
-            EXPECT_EQ(LogLines(err.Take()), expected + failed + "\n") << count;
+            EXPECT_EQ(m_server->Accepted(), attempts) << count;
+            auto times = m_server->AcceptTimes();
+            for (size_t i = 1; i < times.size(); i++)
+                EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(times[i] - times[i - 1]).count(), 900);
+            EXPECT_TRUE(sql.GetRV());
+            std::string expected, why = ready ? "DB not yet ready" : "connect failed";
+            for (int i = 1; i < attempts; i++) expected += "warn <SqlWrapper> Retrying (" + why + ")...\n";
+            expected += ready ? "err  <SqlWrapper> DB not ready.\n" : "err  <SqlWrapper> Connect failed.\n";
+            EXPECT_EQ(LogLines(err.Take()), expected) << count << ready;
         }
-    }
-    // A server that says the database is not ready, on every connection.
-    static std::vector<Script> NotReady(int connections)
-    {
-        return std::vector<Script>(static_cast<size_t>(connections),
-                                   Then(Greeting("SQL Wrapper"), {Expect("shell \\ |\r\n"), Send("DB not ready\n")}));
-    }
-};
-
-TEST_F(RetryTest, ConnectFailuresAndNotReadyAnswersShareTheCount)
-{
-    ExpectAttemptsPerCount([](int) { return std::vector<Script>{}; },
-                           "warn <SqlWrapper> Retrying (connect failed)...", "err  <SqlWrapper> Connect failed.");
-    ExpectAttemptsPerCount(NotReady, "warn <SqlWrapper> Retrying (DB not yet ready)...",
-                           "err  <SqlWrapper> DB not ready.");
-}
-
-TEST_F(RetryTest, BaseReconnectKeepsItsOwnLoop)
-{
     Serve({});
     PrivateConnection& connection = Connection();
     connection.Retries(3);
-    Reconnect(connection, false);
-    EXPECT_EQ(m_server->Accepted(), 3);
+    EXPECT_FALSE(connection.Reconnect());
+    EXPECT_EQ(m_server->Accepted(), 3) << "the base class keeps its own loop";
 }
 
-// ---- statements and rows
-
-TEST_F(ClientTest, StatementWithoutSemicolonNeverReachesTheServer)
-{
-    StderrCapture err;
-    SqlWrapper& sql = Answering({{"SELECT 1;", "1\n1\n"}});
-    EXPECT_FALSE(sql.Exec("SELECT 1"));
-    EXPECT_TRUE(sql.GetRV());
-    EXPECT_FALSE(sql.Exec(""));
-    EXPECT_EQ(LogLines(err.Take()),
-              "warn <SqlWrapper> \"SELECT 1\" missing semicolon.\nwarn <SqlWrapper> \"\" missing semicolon.\n");
-    ASSERT_TRUE(sql.Exec(std::string("SELECT 1;")));
-    EXPECT_EQ(Rest(), (Rows{{"1"}}));
-    ExpectScriptsDone();
-    EXPECT_EQ(m_server->Received(0), CommentLine("SQL Wrapper") + "shell \\ |\r\n.header on\r\nSELECT 1;\r\n");
-}
-
-TEST_F(ClientTest, RowsAreCutToTheColumnLimit)
+// Vector rows stop at 30 columns unless asked for more; map rows pair values with names, the last duplicate wins.
+TEST_F(ClientTest, VectorAndMapRows)
 {
     std::string header = "c1", row = "1";
-    for (int i = 2; i <= 35; i++) {
-        header += "|c" + std::to_string(i);
-        row += "|" + std::to_string(i);
-    }
-    SqlWrapper& sql = Answering({{"SELECT *;", header + "\n" + row + "\n" + row + "\n"}});
+    for (int i = 2; i <= 35; i++) header += "|c" + std::to_string(i), row += "|" + std::to_string(i);
+    SqlWrapper& sql = Answering({{"SELECT *;", header + "\n" + row + "\n" + row + "\n"},
+                                 {"SELECT dup;", "id|name|id\n1|x|2\n"},
+                                 {"SELECT few;", "a|b\n1|2|3\n"},
+                                 {"SELECT short;", "a|b\n5|6\n7\n"}});
     ASSERT_TRUE(sql.Exec("SELECT *;"));
     EXPECT_EQ(sql.GetHeaders().size(), 30u);
     std::vector<std::string> columns;
@@ -245,6 +172,15 @@ TEST_F(ClientTest, RowsAreCutToTheColumnLimit)
     EXPECT_EQ(columns.size(), 35u);
     EXPECT_FALSE(sql.Next(columns));
     EXPECT_EQ(columns.size(), 35u) << "untouched at the end";
+    Map map;
+    ASSERT_TRUE(sql.Exec("SELECT dup;") && sql.Next(map));
+    EXPECT_EQ(map, (Map{{"id", "2"}, {"name", "x"}}));
+    ASSERT_TRUE(sql.Exec("SELECT few;") && sql.Next(map));
+    EXPECT_EQ(map, (Map{{"a", "1"}, {"b", "2"}}));
+    EXPECT_FALSE(sql.Next(map));
+    EXPECT_EQ(map.size(), 2u) << "untouched at the end";
+    ASSERT_TRUE(sql.Exec("SELECT short;") && sql.Next(map) && sql.Next(map));
+    EXPECT_EQ(map, (Map{{"a", "7"}})) << "nothing kept of the row before";
 }
 
 TEST_F(ClientTest, NextParsedRemovesEscapesAndSplitsAtSeparators)
@@ -271,37 +207,18 @@ TEST_F(ClientTest, NextParsedRemovesEscapesAndSplitsAtSeparators)
     EXPECT_EQ(std::string(first[0] + 3), "b|c") << "the second column, moved over its escape";
 }
 
-TEST_F(ClientTest, MapRowsPairColumnsWithHeaderNames)
-{
-    SqlWrapper& sql = Answering({{"SELECT dup;", "id|name|id\n1|x|2\n"},
-                                 {"SELECT few;", "a|b\n1|2|3\n"},
-                                 {"SELECT short;", "a|b\n5|6\n7\n"}});
-    std::map<std::string, std::string> row;
-    ASSERT_TRUE(sql.Exec("SELECT dup;"));
-    ASSERT_TRUE(sql.Next(row));
-    EXPECT_EQ(row, (std::map<std::string, std::string>{{"id", "2"}, {"name", "x"}}));
-    ASSERT_TRUE(sql.Exec("SELECT few;"));
-    ASSERT_TRUE(sql.Next(row));
-    EXPECT_EQ(row, (std::map<std::string, std::string>{{"a", "1"}, {"b", "2"}}));
-    EXPECT_FALSE(sql.Next(row));
-    EXPECT_EQ(row.size(), 2u) << "untouched at the end";
-    // The same map refilled row after row keeps nothing of the row before.
-    ASSERT_TRUE(sql.Exec("SELECT short;"));
-    ASSERT_TRUE(sql.Next(row) && sql.Next(row));
-    EXPECT_EQ(row, (std::map<std::string, std::string>{{"a", "7"}}));
-}
-
-TEST_F(ClientTest, ResultsWithoutRowsWithErrorsAndUndrained)
+// A statement without its final ";" never reaches the server (the script would see it in place of the next).
+TEST_F(ClientTest, StatementsWithoutSemicolonsRowsOrSuccessAndUndrainedResults)
 {
     StderrCapture err;
-    SqlWrapper& sql = Answering({{"INSERT 1;", ""},
-                    {"SELECT bad;", "Error: near \"bad\": syntax error\n"},
-                    {"SELECT T;", "\vError: no such table: T\n"},
-                    {"SELECT a;", "a\n1\n2\n3\n"},
-                    {"SELECT 2;", "v\n2\n"}});
+    SqlWrapper& sql = Answering({{"INSERT 1;", ""}, {"SELECT bad;", "Error: near \"bad\": syntax error\n"},
+                                 {"SELECT T;", "\vError: no such table: T\n"}, {"SELECT a;", "a\n1\n2\n3\n"},
+                                 {"SELECT 2;", "v\n2\n"}});
+    EXPECT_FALSE(sql.Exec("SELECT 1"));
+    EXPECT_TRUE(sql.GetRV());
+    EXPECT_FALSE(sql.Exec(""));
     ASSERT_TRUE(sql.Exec("INSERT 1;"));
-    EXPECT_TRUE(sql.Eof());
-    EXPECT_TRUE(sql.GetHeaders().empty());
+    EXPECT_TRUE(sql.Eof() && sql.GetHeaders().empty());
     EXPECT_FALSE(sql.Next());
     EXPECT_TRUE(sql.GetRV());
     EXPECT_FALSE(sql.Exec("SELECT bad;"));
@@ -309,18 +226,20 @@ TEST_F(ClientTest, ResultsWithoutRowsWithErrorsAndUndrained)
     EXPECT_FALSE(sql.Exec("SELECT T;"));
     EXPECT_TRUE(sql.GetRV());
     EXPECT_EQ(sql.LastError(), "Error: no such table: T");
-    EXPECT_EQ(LogLines(err.Take()), "err  <SqlWrapper> Got prompt.\n");
-    ASSERT_TRUE(sql.Exec("SELECT a;"));
-    ASSERT_TRUE(sql.Next());
+    EXPECT_EQ(LogLines(err.Take()), "warn <SqlWrapper> \"SELECT 1\" missing semicolon.\n"
+                                    "warn <SqlWrapper> \"\" missing semicolon.\nerr  <SqlWrapper> Got prompt.\n");
+    ASSERT_TRUE(sql.Exec("SELECT a;") && sql.Next());
     EXPECT_STREQ(sql.Line(), "1");
     ASSERT_TRUE(sql.Exec("SELECT 2;")) << "the rest of the last result flushed";
     EXPECT_EQ(Rest(), (Rows{{"2"}}));
     EXPECT_EQ(m_server->Accepted(), 1);
+    ExpectScriptsDone();
 }
 
-TEST_F(ClientTest, LostConnectionInTheMiddleOfAResultThenAWorkingExec)
+// A lost result reconnects once and ends; an over-long statement is retried with reconnects until the count ends.
+TEST_F(ClientTest, LostResultsAndOverlongStatements)
 {
-    Serve({Prepared({Expect("SELECT a;\r\n"), Send("a\n1\n"), Close()}), Answers({{"SELECT 2;", "v\n2\n"}})});
+    Serve({Prepared({Expect("SELECT a;\r\n"), Send("a\n1\n"), Close()}), Prepared(Answer("SELECT 2;", "v\n2\n"))});
     SqlWrapper& sql = Sql();
     ASSERT_TRUE(sql.Exec("SELECT a;"));
     EXPECT_EQ(Rest(), (Rows{{"1"}}));
@@ -330,52 +249,38 @@ TEST_F(ClientTest, LostConnectionInTheMiddleOfAResultThenAWorkingExec)
     ASSERT_TRUE(sql.Exec("SELECT 2;"));
     EXPECT_EQ(Rest(), (Rows{{"2"}}));
     ExpectScriptsDone();
-}
 
-TEST_F(ClientTest, OverlongStatementIsRetriedWithReconnectsUntilTheCountEnds)
-{
     Serve({Prepared(), Prepared()});
-    SqlWrapper& sql = Sql(1, 40);
-    EXPECT_FALSE(sql.Exec("SELECT 'a statement longer than the line';"));
-    EXPECT_TRUE(sql.GetRV());
+    EXPECT_FALSE(Sql(1, 40).Exec("SELECT 'a statement longer than the line';"));
+    EXPECT_TRUE(m_sql->GetRV());
     EXPECT_EQ(m_server->Accepted(), 2);
     ExpectScriptsDone();
     EXPECT_EQ(m_server->Received(1), CommentLine("SQL Wrapper") + "shell \\ |\r\n.header on\r\n");
 }
 
-// ---- stops from another thread
-
-class StopTest : public ClientTest {
-protected:
-    // Runs `work` on another thread, calls `stop` once `ready` holds, and
-    // returns the work's result; fails the test if the stop does not end it.
-    template <class Stopper, class Work, class Ready>
-    bool InterruptDuring(Stopper stop, Work work, Ready ready)
-    {
-        auto result = std::async(std::launch::async, work);
-        EXPECT_TRUE(WaitUntil(ready, ScaledMs(5000)));
-        stop();
-        EXPECT_EQ(result.wait_for(std::chrono::milliseconds(ScaledMs(5000))), std::future_status::ready);
-        return result.get();
-    }
-    bool FirstAccepted() { return m_server->Accepted() == 1; }
-};
-
-TEST_F(StopTest, StopEndsThePromptWaitAndTheRetrySleep)
+// Runs `work` on another thread, calls `stop` once `ready` holds, and returns the work's result; fails the
+// test if the stop does not end it.
+template <class Stopper, class Work, class Ready>
+bool InterruptDuring(Stopper stop, Work work, Ready ready)
 {
-    Serve({{Send("banner without prompt\n")}});
-    PrivateConnection& connection = Connection();
-    EXPECT_TRUE(InterruptDuring([&] { connection.Stop(); }, [&] { return connection.Connect(); },
-                                [&] { return FirstAccepted(); }));
-    Serve({});
-    SqlWrapper& sql = Sql(PrivateConnection::INFINITE_RETRY);
-    EXPECT_FALSE(InterruptDuring([&] { sql.Stop(); }, [&] { return sql.Exec("SELECT 1;"); },
-                                 [&] { return FirstAccepted(); }));
-    EXPECT_EQ(m_server->Accepted(), 1);
+    auto result = std::async(std::launch::async, work);
+    EXPECT_TRUE(WaitUntil(ready, ScaledMs(5000)));
+    stop();
+    EXPECT_EQ(result.wait_for(std::chrono::milliseconds(ScaledMs(5000))), std::future_status::ready);
+    return result.get();
 }
 
-TEST_F(StopTest, StopOrCloseEndsAReadOnASilentServerWithoutReconnecting)
+TEST_F(ClientTest, StopEndsThePromptWaitTheRetrySleepAndAReadAsCloseDoes)
 {
+    auto accepted = [&] { return m_server->Accepted() == 1; };
+    Serve({{Send("banner without prompt\n")}});
+    PrivateConnection& connection = Connection();
+    EXPECT_TRUE(InterruptDuring([&] { connection.Stop(); }, [&] { return connection.Connect(); }, accepted));
+    Serve({});
+    SqlWrapper& retrying = Sql(PrivateConnection::INFINITE_RETRY);
+    EXPECT_FALSE(InterruptDuring([&] { retrying.Stop(); }, [&] { return retrying.Exec("SELECT 1;"); }, accepted));
+    EXPECT_EQ(m_server->Accepted(), 1);
+    // A read on a silent server ends without a reconnect.
     for (bool close : {false, true}) {
         Serve({Prepared({Expect("SELECT a;\r\n"), Send("a\n")})});
         SqlWrapper& sql = Sql(PrivateConnection::INFINITE_RETRY);

@@ -24,20 +24,22 @@ TEST(QuillSsl, InitLogsTwoInfoLinesAndPasses)
 TEST(QuillSsl, AltbaseScanLastOneWins)
 {
     const std::pair<std::vector<std::string>, const char*> cases[] = {
-        {{"-altbase", "/a"}, "/a"},
-        {{"-altbase", "/a", "-altbase", "/b"}, "/b"},
+        {{"-altbase", "/a"}, "/a"}, {{"-altbase", "/a", "-altbase", "/b"}, "/b"}, {{"x", "-altbase", "/a", "y"}, "/a"},
         {{"-altbase", "/a", "-altbase"}, "/a"},  // a last "-altbase" has no value
         {{"-altbase", "-altbase", "/b"}, "-altbase"},  // the value is skipped, even "-altbase"
-        {{"x", "-altbase", "/a", "y"}, "/a"},
         {{"-Altbase", "/a", "altbase", "/b"}, "/etc/ssl"},
     };
     for (const auto& [args, baseDir] : cases) {
         Bbs cfg("ssl");
         cfg.Set("Ssl.BaseDir", "/etc/ssl");
         std::vector<char*> argv;
-        for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        std::string label;
+        for (const std::string& a : args) {
+            argv.push_back(const_cast<char*>(a.c_str()));
+            label += a + " ";
+        }
         ssl_scan_args(cfg, static_cast<int>(argv.size()), argv.data());
-        EXPECT_STREQ(cfg.GetStr("Ssl.BaseDir", "<none>"), baseDir) << args.size();
+        EXPECT_STREQ(cfg.GetStr("Ssl.BaseDir", "<none>"), baseDir) << label;
     }
 }
 

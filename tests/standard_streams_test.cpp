@@ -36,7 +36,7 @@ TEST(StandardStreams, NeitherTheServerNorTheStatusSeesAStreamThatIsClosedOrFull)
         {">/dev/full", {"sql", "S", "SELECT x;"}, rows, 74, full},
         // A failure of the command's own keeps its status.
         {">/dev/full", {"sql", "S", "SELEC 1;"}, refused, 254, ExecFailed("Error: x") + full},
-        {">/dev/full", {"sec-exec", "/bin/echo", "x"}, {}, 74, full},
+        {">/dev/full", {"sec-exec", "/usr/bin/seq", "100000"}, {}, 74, full},  // more than a pipe holds
         {">/dev/full", {"sec-exec", "/bin/sh", "-c", "'echo x; exit 3'"}, {}, 3, full},
     };
     for (Case& c : cases) {
