@@ -140,10 +140,13 @@ TEST_F(SocketTest, ChecksumsAreSentCheckedAndStripped)
     EXPECT_EQ(RecvRaw(peer(), 12), "+0214 hello\n");
     EXPECT_EQ(client().printf("%s", ""), 6);
     EXPECT_EQ(RecvRaw(peer(), 6), "+0000 ");
+    const std::string wide = "+1df0 " + std::string(600, 'z') + "\n";  // the byte sum cut to 16 bits
+    EXPECT_EQ(client().printf("%s\n", std::string(600, 'z').c_str()), 607);
+    EXPECT_EQ(RecvRaw(peer(), 607), wide);
     const struct { const char* wire; int rv; const char* text; } cases[] = {
         {"+0214 hello\n", 5, "hello"}, {"+0215 hello\n", -EINVAL, nullptr}, {"+zz hello\n", -EINVAL, nullptr},
         {"+0214\n", -EINVAL, nullptr}, {"+ 214 hello\n", -EINVAL, nullptr}, {"+0000 \n", 0, ""},
-        {"plain +0214\n", 11, "plain +0214"}, {"+00000214 hello\n", 5, "hello"},
+        {"plain +0214\n", 11, "plain +0214"}, {"+00000214 hello\n", 5, "hello"}, {wide.c_str(), 600, nullptr},
     };
     for (const auto& c : cases) {
         SendRaw(peer(), c.wire);
