@@ -1,91 +1,41 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <string>
 #include <thread>
 
 #include "Debuggable.h"
-#include "ListedObj.hpp"
 #include "Mutex.hpp"
+#include "fixed_paths.h"
 #include "process.h"
 
 namespace {
 
-// Redirects standard error into a pipe for the life of the object.
-class StderrPipe {
-public:
-    StderrPipe()
-    {
-        fflush(stderr);
-        if (pipe(m_fds) != 0) abort();
-        m_saved = dup(2);
-        dup2(m_fds[1], 2);
-    }
-    ~StderrPipe()
-    {
-        fflush(stderr);
-        dup2(m_saved, 2);
-        close(m_saved);
-        close(m_fds[1]);
-        close(m_fds[0]);
-    }
-    // Reads what is there now without blocking.
-    std::string Drain()
-    {
-        fflush(stderr);
-        std::string out;
-        char buf[4096];
-        pollfd p = {m_fds[0], POLLIN, 0};
-        while (poll(&p, 1, 0) > 0) {
-            ssize_t n = read(m_fds[0], buf, sizeof buf);
-            if (n <= 0) break;
-            out.append(buf, static_cast<size_t>(n));
-        }
-        return out;
-    }
-
-private:
-    int m_fds[2];
-    int m_saved;
-};
-
+// The holder's position is the first lock's, its step the latest; the holder id goes at every unlock.
 TEST(Mutex, RecursiveHolderKeepsFirstPositionAndLatestStep)
 {
     Mutex m(true);
     m.Lock("first.cpp", 10);
     m.Lock("second.cpp", 20);
     EXPECT_EQ(m.Recursed(), 2);
-    EXPECT_STREQ(m.LockFile(), "first.cpp");
-    EXPECT_EQ(m.LockLine(), 10);
-    EXPECT_STREQ(m.StepFile(), "second.cpp");
-    EXPECT_EQ(m.StepLine(), 20);
+    EXPECT_EQ(std::string(m.LockFile()) + ":" + std::to_string(m.LockLine()), "first.cpp:10");
+    EXPECT_EQ(std::string(m.StepFile()) + ":" + std::to_string(m.StepLine()), "second.cpp:20");
     EXPECT_EQ(m.LockTid(), dbg_gettid());
     m.Unlock();
-    // The holder id is cleared on every unlock, also at a lower depth.
-    EXPECT_EQ(m.Recursed(), 1);
-    EXPECT_EQ(m.LockTid(), 0);
-    EXPECT_TRUE(m.IsLocked());
+    EXPECT_TRUE(m.Recursed() == 1 && m.LockTid() == 0 && m.IsLocked());
     m.Unlock();
     EXPECT_FALSE(m.IsLocked());
-}
-
-TEST(Mutex, LockFromUnknownLocationIsLoggedAndTaken)
-{
-    Mutex m(false);
-    StderrPipe err;
+    StderrCapture err;
     m.Lock(nullptr, 0);
     EXPECT_TRUE(m.IsLocked());
     m.Unlock();
-    std::string text = err.Drain();
-    EXPECT_NE(text.find("dbg  DBG Mutex.hpp:142 Lock() Lock from unknown location.\n"), std::string::npos) << text;
+    EXPECT_EQ(LogLines(err.Take()), "dbg  DBG Mutex.hpp:142 Lock() Lock from unknown location.\n");
 }
 
-// A lock pthread refuses (here: an error-checking mutex taken again by its
-// holder) is reported as not held, and the guard leaves the unlock out: the
-// holder's own unlock still finds the mutex its own.
+// A lock pthread refuses (an error-checking mutex taken again by its holder)
+// is not held, and the guard leaves the unlock out: the holder's own unlock still works.
 TEST(Mutex, RefusedLockIsNotHeldAndTheGuardDoesNotUnlock)
 {
     Mutex m(false);
@@ -93,23 +43,19 @@ TEST(Mutex, RefusedLockIsNotHeldAndTheGuardDoesNotUnlock)
     pthread_mutex_destroy(m.PthreadMutex());
     *m.PthreadMutex() = checking;
     ASSERT_EQ(pthread_mutex_lock(m.PthreadMutex()), 0);
-    StderrPipe err;
+    StderrCapture err;
     EXPECT_FALSE(m.Lock("again.cpp", 1));
     { MutexGuard guard(m, "guard.cpp", 2); }
-    EXPECT_EQ(m.Recursed(), 0);
-    EXPECT_EQ(m.LockFile(), nullptr);
+    EXPECT_TRUE(m.Recursed() == 0 && m.LockFile() == nullptr);
     EXPECT_EQ(pthread_mutex_unlock(m.PthreadMutex()), 0);
-    EXPECT_EQ(CountOf(err.Drain(), "Mutex::Lock() error: rv=35"), 2u);
+    EXPECT_EQ(CountOf(err.Take(), "Mutex::Lock() error: rv=35"), 2u);
 }
 
 TEST(Mutex, TryAndTimedLockRefuseWhileAnotherThreadHolds)
 {
     Mutex m(false);
     m.Lock(__FILE__, __LINE__);
-    std::thread other([&] {
-        EXPECT_FALSE(m.TryLock(__FILE__, __LINE__, false));
-        EXPECT_FALSE(m.TimedLock(__FILE__, __LINE__, 20, false));
-    });
+    std::thread other([&] { EXPECT_FALSE(m.TryLock("try.cpp", 1, false) || m.TimedLock("timed.cpp", 2, 20, false)); });
     other.join();
     m.Unlock();
     EXPECT_TRUE(m.TimedLock("timed.cpp", 7, 20, false));
@@ -117,25 +63,27 @@ TEST(Mutex, TryAndTimedLockRefuseWhileAnotherThreadHolds)
     m.Unlock();
 }
 
-// The waiter reports every m_reportSeconds who holds the lock: its thread,
-// where it took it, and where it marked progress last. The interval is
-// shortened to one second; the holder waits for each report instead of
-// sleeping a fixed time, so the test is bounded but not timing-sensitive.
+// The waiter reports every m_reportSeconds (here 1) who holds the lock and its
+// latest step; the holder waits for each report, so no fixed sleep bounds the test.
 TEST(Mutex, BlockedWaiterReportsHolderRepeatedly)
 {
-    Mutex::m_reportSeconds = 1;
-    Mutex m(false);
-    StderrPipe err;
+    int fds[2];
+    ASSERT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
+    fflush(stderr);
+    const int saved = dup(2);
+    dup2(fds[1], 2);
     std::string seen;
     auto waitForReports = [&](size_t n) {
+        char buf[4096];
         for (int i = 0; i < ScaledMs(10000) / 10 && CountOf(seen, "blocked") < n; i++) {
             usleep(10000);
-            seen += err.Drain();
+            for (ssize_t got; (got = read(fds[0], buf, sizeof buf)) > 0;) seen.append(buf, static_cast<size_t>(got));
         }
         return CountOf(seen, "blocked") >= n;
     };
+    Mutex::m_reportSeconds = 1;
+    Mutex m(false);
     m.Lock("holder.cpp", 100);
-    pid_t holderTid = dbg_gettid();
     std::thread waiter([&] {
         m.Lock("waiter.cpp", 200);
         m.Unlock();
@@ -146,16 +94,17 @@ TEST(Mutex, BlockedWaiterReportsHolderRepeatedly)
     m.Unlock();
     waiter.join();
     Mutex::m_reportSeconds = 5;
+    dup2(saved, 2);
+    for (int fd : {saved, fds[0], fds[1]}) close(fd);
     ASSERT_TRUE(first && second) << seen;
-    std::string prefix = "DBG waiter.cpp:200 Mutex::Lock() blocked ([" + std::to_string(holderTid) +
+    std::string prefix = "DBG waiter.cpp:200 Mutex::Lock() blocked ([" + std::to_string(dbg_gettid()) +
                          "] holder.cpp:100 still holds). <--------------- [holder.cpp:";
     EXPECT_NE(seen.find(prefix + "100]\n"), std::string::npos) << seen;
     EXPECT_NE(seen.find(prefix + "150]\n"), std::string::npos) << seen;
 }
 
-// The holder id is cached per thread; a child forked while its parent
-// holds a lock runs with a new id and must record that one, not the
-// parent's, when it locks.
+// The holder id is cached per thread: a child forked while its parent holds
+// a lock must record its own id, not the parent's, when it locks.
 TEST(Mutex, ChildForkedWhileLockedRecordsItsOwnId)
 {
     Mutex held(true), inChild(false);
@@ -170,25 +119,6 @@ TEST(Mutex, ChildForkedWhileLockedRecordsItsOwnId)
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     held.Unlock();
-}
-
-struct Listed : ListedObj<Listed> {
-    int id;
-    explicit Listed(int i) : id(i) {}
-};
-
-TEST(ListedObj, KeepsLiveInstancesInConstructionOrder)
-{
-    Listed a(1);
-    {
-        Listed b(2);
-        Listed c(3);
-        std::vector<int> ids;
-        for (Listed* l : ListedObj<Listed>::m_objList) ids.push_back(l->id);
-        EXPECT_EQ(ids, (std::vector<int>{1, 2, 3}));
-    }
-    ASSERT_EQ(ListedObj<Listed>::m_objList.size(), 1u);
-    EXPECT_EQ(ListedObj<Listed>::m_objList.front(), &a);
 }
 
 struct CountingNamed : Named {
@@ -206,6 +136,7 @@ TEST(Named, RenameFormatsCutsAndCallsHookOnce)
     EXPECT_EQ(std::string(n.Name()), std::string(399, 'a'));
 }
 
+// Debug(object, flag) ignores the flag: it takes the object out of the registry.
 TEST(Debuggable, RegistryKeepsOrderAndDebugWithObjectOnlyUnregisters)
 {
     size_t before = Debuggable::Count();
@@ -213,14 +144,9 @@ TEST(Debuggable, RegistryKeepsOrderAndDebugWithObjectOnlyUnregisters)
     Debuggable a("a%d", 1), b("b"), c("c");
     EXPECT_EQ(Debuggable::Count(), before + 3);
     EXPECT_EQ(safe_mem_object_count("Debuggable"), censusBefore + 3);
-    EXPECT_STREQ(a.Name(), "a1");
-
-    // The flag is not used: the call takes the object out of the registry.
     EXPECT_TRUE(Debuggable::Debug(&b, true));
-    EXPECT_FALSE(b.Debug());
-    EXPECT_FALSE(Debuggable::Debug(&b, true));
+    EXPECT_FALSE(b.Debug() || Debuggable::Debug(&b, true));
     EXPECT_EQ(Debuggable::Count(), before + 2);
-
     Debuggable copy(c);
     EXPECT_EQ(Debuggable::Count(), before + 3);
     c.Debug(true);

@@ -48,7 +48,8 @@ int RoutedChecks()
     // No packet kept on the local subnet; keep-alive timing is TCP's 5/5/5.
     Socket socket(SockAddr(AF_INET, 0x0A020002u, 3543));
     CHILD_CHECK(socket.Connect() && Option(socket.Fd(), SOL_SOCKET, SO_DONTROUTE) == 0);
-    for (int name : {TCP_KEEPIDLE, TCP_KEEPINTVL, TCP_KEEPCNT}) CHILD_CHECK(Option(socket.Fd(), IPPROTO_TCP, name) == 5);
+    for (int name : {TCP_KEEPIDLE, TCP_KEEPINTVL, TCP_KEEPCNT})
+        CHILD_CHECK(Option(socket.Fd(), IPPROTO_TCP, name) == 5);
     return 0;
 }
 

@@ -4,47 +4,32 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdint>
 #include <cstdio>
 #include <string>
 #include <vector>
 
-#include "Sock.h"
+#include "Socket.h"
 #include "daemon.h"
 
 namespace {
 
-class ScriptedSock : public Sock {
+// Socket with Sock's line handling and scripted reads and writes: its
+// descriptor is never touched.
+class ScriptedSock : public Socket {
 public:
     explicit ScriptedSock(std::string input = "", ssize_t end = -EPIPE, bool dropAtEnd = true)
-        : Sock(SockAddr(AF_INET, 0x7f000001u, 3543)), m_input(std::move(input)), m_end(end), m_drop(dropAtEnd)
+        : Socket(SockAddr(AF_INET, 0x7f000001u, 3543)), m_input(std::move(input)), m_end(end), m_drop(dropAtEnd)
     {
         m_fd = 7;
-        Listed(true);
     }
-    ~ScriptedSock() override
-    {
-        Listed(false);
-        Disconnect();
-    }
-
-    void Feed(const std::string& more) { m_input += more; }
+    ~ScriptedSock() override { m_fd = -1; }
     std::string m_sent;
 
-    bool Create() override { return false; }
-    bool Bind() override { return false; }
-    bool Listen(int) override { return false; }
-    bool AcceptListAdd(fd_set&, int&) override { return false; }
-    Sock* AcceptListCheck(fd_set&) override { return nullptr; }
-    bool Connect() override { return false; }
     void Disconnect() override { m_fd = -1; }
-    bool IsConnected() override { return m_fd != -1; }
-    bool SetKeepAlive(int, int, int) override { return false; }
-    int vprintf(const char* format, va_list args) override
-    {
-        return static_cast<int>(write(m_txBuf, static_cast<size_t>(vsnprintf(m_txBuf, m_bufLen, format, args))));
-    }
+    bool NonBlocking(bool on) override { return m_nonBlocking = on, true; }
+    size_t ReadBuffered(char* buf, size_t len) override { return Sock::ReadBuffered(buf, len); }
+    int ProcessCompleteLine(char* line, int len) override { return Sock::ProcessCompleteLine(line, len); }
     ssize_t write(const void* buf, size_t len) override
     {
         m_sent.append(static_cast<const char*>(buf), len);
@@ -63,11 +48,6 @@ public:
         m_rxBytes++;
         return 1;
     }
-    bool WSelect(bool&, long, long) override { return false; }
-    bool RSelect(bool&, long, long) override { return false; }
-    FILE* File() override { return nullptr; }
-    void Describe(Sock* out) override { out->printf("%4d %9u %9u %s %s\n", Fd(), RxBytes(), TxBytes(), Addr(), Name()); }
-    bool NonBlocking(bool on) override { return m_nonBlocking = on, true; }
 
 private:
     std::string m_input;
@@ -76,81 +56,64 @@ private:
     bool m_drop;
 };
 
-struct Read {
-    int rv;
-    bool complete;
-    std::string text;
-};
-
-std::vector<Read> ReadAll(ScriptedSock& s, size_t count)
+// Each read as "rv complete|text".
+std::vector<std::string> ReadAll(ScriptedSock& s, size_t count)
 {
-    std::vector<Read> got;
-    for (size_t i = 0; i < count; i++) {
-        bool complete = true;
+    std::vector<std::string> got;
+    for (bool complete = true; got.size() < count; complete = true) {
         int rv = s.ReadLine(complete);
-        got.push_back({rv, complete, s.RxBuffer()});
+        got.push_back(std::to_string(rv) + " " + std::to_string(complete) + "|" + s.RxBuffer());
     }
     return got;
 }
 
-bool operator==(const Read& a, const Read& b) { return a.rv == b.rv && a.complete == b.complete && a.text == b.text; }
-void PrintTo(const Read& r, std::ostream* os) { *os << "{" << r.rv << "," << r.complete << ",\"" << r.text << "\"}"; }
-
 TEST(Sock, LineAssemblyAcrossTerminators)
 {
-    struct Case {
+    const std::string E = std::to_string(-ESPIPE);
+    const struct {
         std::string input;
-        std::vector<Read> reads;
+        std::vector<std::string> reads;
         ssize_t end = -EPIPE;
-        bool drop = true;
+        bool drop = true, nonBlocking = false;
     } cases[] = {
-        {"abc\n", {{3, true, "abc"}, {-ESPIPE, false, ""}}},
-        {"\n\nabc\n", {{0, false, ""}, {0, false, ""}, {3, true, "abc"}}},
-        {"ab\r\ncd\n", {{2, true, "ab"}, {0, false, ""}, {2, true, "cd"}}},
-        {"a\vb\n", {{2, true, "ab"}}},
-        {"\vx\v\vy\r", {{0, false, ""}, {2, true, "xy"}}},  // a leading "\v" reads as an empty line
-        {"a~b~\n", {{2, true, "ab"}}},  // nothing available: sleeps, then goes on
-        {"ab", {{-ESPIPE, false, "ab"}}},  // the peer closes mid-line
-        {std::string("a\0b\n", 4), {{3, true, "a"}}},  // a NUL byte is line content
-        {"ab", {{-EIO, false, "ab"}}, -EIO, false},     // an error without a disconnect is passed on
+        {"abc\n", {"3 1|abc", E + " 0|"}},
+        {"\n\nabc\n", {"0 0|", "0 0|", "3 1|abc"}},
+        {"ab\r\ncd\n", {"2 1|ab", "0 0|", "2 1|cd"}},
+        {"a\vb\n", {"2 1|ab"}},
+        {"\vx\v\vy\r", {"0 0|", "2 1|xy"}},  // a leading "\v" reads as an empty line
+        {"a~b~\n", {"2 1|ab"}},  // nothing available: sleeps, then goes on
+        {"ab", {E + " 0|ab"}},  // the peer closes mid-line
+        {std::string("a\0b\n", 4), {"3 1|a"}},  // a NUL byte is line content
+        {"ab", {"-5 0|ab"}, -EIO, false},  // an error without a disconnect is passed on
+        {"ab~~c\n", {"2 0|ab", "2 0|ab", "3 1|abc"}, 0, false, true},  // non-blocking: partial lines, kept
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         ScriptedSock s(c.input, c.end, c.drop);
+        s.NonBlocking(c.nonBlocking);
         EXPECT_EQ(ReadAll(s, c.reads.size()), c.reads) << c.input;
     }
-}
-
-TEST(Sock, NonBlockingReturnsPartialLinesAndKeepsThem)
-{
-    ScriptedSock s("ab", 0, false);
-    s.NonBlocking(true);
-    EXPECT_EQ(ReadAll(s, 2), (std::vector<Read>{{2, false, "ab"}, {2, false, "ab"}}));
-    s.Feed("c\n");
-    EXPECT_EQ(ReadAll(s, 1), (std::vector<Read>{{3, true, "abc"}}));
 }
 
 // A line longer than size - 1 comes in pieces, and nothing is written
 // past the buffer: the bytes after it are a canary.
 TEST(Sock, LongLinesComeInPiecesWithinTheBuffer)
 {
-    struct Case {
-        const char* input;
-        std::vector<Read> reads;
-    } cases[] = {
-        {"abcdefg\n", {{3, false, "abc"}, {3, false, "def"}, {1, true, "g"}}},
-        {"abc\nd\n", {{3, false, "abc"}, {0, false, ""}, {1, true, "d"}}},
-        {"ab\v\vcde\n", {{3, false, "abc"}, {2, true, "de"}}},
+    const struct { const char* input; std::vector<std::string> reads; } cases[] = {
+        {"abcdefg\n", {"3 0|abc", "3 0|def", "1 1|g"}},
+        {"abc\nd\n", {"3 0|abc", "0 0|", "1 1|d"}},
+        {"ab\v\vcde\n", {"3 0|abc", "2 1|de"}},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         ScriptedSock s(c.input);
         char area[4 + 8];
         memset(area, '#', sizeof area);
         int pos = 0;
-        for (const Read& want : c.reads) {
-            bool complete = !want.complete;
+        std::vector<std::string> got;
+        for (bool complete; got.size() < c.reads.size();) {
             int rv = s.ReadLine(area, 4, &pos, complete);
-            EXPECT_EQ((Read{rv, complete, area}), want) << c.input;
+            got.push_back(std::to_string(rv) + " " + std::to_string(complete) + "|" + area);
         }
+        EXPECT_EQ(got, c.reads) << c.input;
         EXPECT_EQ(std::string(area + 4, 8), "########") << c.input;
     }
 }
@@ -178,31 +141,30 @@ TEST(Sock, ExitFlagAndByteCount)
     daemon_should_exit = true;
     EXPECT_EQ(s.ReadLine(), 0);
     daemon_should_exit = false;
-    EXPECT_EQ(ReadAll(s, 2), (std::vector<Read>{{3, true, "abc"}, {0, false, ""}}));
+    EXPECT_EQ(ReadAll(s, 2), (std::vector<std::string>{"3 1|abc", "0 0|"}));
     EXPECT_EQ(s.RxBytes(), 5u + 3u);
 }
 
-const char kRule[] = "-------------------------------------------------------------------------------------\n";
-
+// The rows are Socket's own (descriptor, received, sent, address, name).
 TEST(Sock, StatusReportListsLiveConnectionsInCreationOrder)
 {
+    const std::string rule(85, '-'), row = " 127.0.0.1:3543 Sock 127.0.0.1:3543\n";
+    const std::string header = "\nS o c k e t s\n" + rule + "\n FD  RX bytes  TX bytes  From, name\n" + rule + "\n";
     ScriptedSock out;
     Sock::StatusReport(&out);
-    std::string header = std::string("\nS o c k e t s\n") + kRule + " FD  RX bytes  TX bytes  From, name\n" + kRule;
-    std::string outRow = "   7         0         0 127.0.0.1:3543 Sock 127.0.0.1:3543\n";
-    EXPECT_EQ(out.m_sent, header + outRow);
+    EXPECT_EQ(out.m_sent, header + "   7         0         0" + row);
     {
         ScriptedSock other("x\n");
         other.ReadLine();
         out.m_sent.clear();
         Sock::StatusReport(&out);
-        EXPECT_EQ(out.m_sent, header + outRow + "   7         3         0 127.0.0.1:3543 Sock 127.0.0.1:3543\n");
+        EXPECT_EQ(out.m_sent, header + "   7         0         0" + row + "   7         3         0" + row);
     }
-    out.m_sent.clear();
     Sock::CloseAll();
     EXPECT_FALSE(out.IsConnected());
-    Sock::StatusReport(&out);
-    EXPECT_EQ(out.m_sent, header + "  -1         0         0 127.0.0.1:3543 Sock 127.0.0.1:3543\n");
+    ScriptedSock later;  // a closed connection cannot take the listing
+    Sock::StatusReport(&later);
+    EXPECT_EQ(later.m_sent, header + "  -1         0         0" + row + "   7         0         0" + row);
 }
 
 TEST(Debuggable, StatusReportListsTheRegistry)
@@ -210,8 +172,7 @@ TEST(Debuggable, StatusReportListsTheRegistry)
     ScriptedSock out;
     Debuggable named("item %d", 2);
     char row[64];
-    std::string expected = "\nD e b u g g a b l e ( 2 )\nPtr      Name\n"
-                           "--------------------------------------------------------\n";
+    std::string expected = "\nD e b u g g a b l e ( 2 )\nPtr      Name\n" + std::string(56, '-') + "\n";
     for (Debuggable* d : {static_cast<Debuggable*>(&out), &named}) {
         snprintf(row, sizeof row, "%08x %s\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(d)),
                  d == &named ? "item 2" : "Sock 127.0.0.1:3543");

@@ -57,9 +57,10 @@ TEST(SocketWait, PendingTellsBytesFromTheCloseWithoutWaiting)
 // One entry per Next(): "L<n>:<text>", "R<n>:<reason>|<preview>", "E" end.
 std::string Describe(ScriptReader& reader, ScriptReader::Result r)
 {
+    const std::string n = std::to_string(reader.Number());
     switch (r) {
-    case ScriptReader::kLine: return "L" + std::to_string(reader.Number()) + ":" + reader.Text();
-    case ScriptReader::kRefused: return "R" + std::to_string(reader.Number()) + ":" + reader.Reason() + "|" + reader.Preview();
+    case ScriptReader::kLine: return "L" + n + ":" + reader.Text();
+    case ScriptReader::kRefused: return "R" + n + ":" + reader.Reason() + "|" + reader.Preview();
     case ScriptReader::kEnd: return "E";
     case ScriptReader::kError: return "X" + std::to_string(reader.Errno());
     }
@@ -68,12 +69,7 @@ std::string Describe(ScriptReader& reader, ScriptReader::Result r)
 
 TEST(ScriptReader, SplitsCutsSkipsAndRefusesLines)
 {
-    const struct {
-        const char* label;
-        std::string input;
-        size_t cap;
-        std::vector<std::string> expected;
-    } cases[] = {
+    const struct { const char* label; std::string input; size_t cap; std::vector<std::string> expected; } cases[] = {
         {"LF, CR LF and no final line end", "a\r\nb\nc", 10, {"L1:a", "L2:b", "L3:c", "E"}},
         {"blanks cut, empties and comments counted", " \t x y \t\n\n  # c\n\t\nz\n", 10, {"L1:x y", "L5:z", "E"}},
         {"byte-order mark dropped once", "\xef\xbb\xbfx\n\xef\xbb\xbfy\n", 10, {"L1:x", "L2:\xef\xbb\xbfy", "E"}},
@@ -81,8 +77,10 @@ TEST(ScriptReader, SplitsCutsSkipsAndRefusesLines)
         {"NUL refuses the line", std::string("a\0b\nc\n", 6), 10, {"R1:line holds a NUL byte|a\\x00b", "L2:c", "E"}},
         {"lone CR refuses the line", "a\rb\nc\r", 10,
          {"R1:line holds a lone carriage return|a\\x0db", "R2:line holds a lone carriage return|c\\x0d", "E"}},
-        {"over the cap refused whole", "12345\n123456\nx\n", 5, {"L1:12345", "R2:line longer than 5 bytes|123456", "L3:x", "E"}},
-        {"long comment skipped, its tail never run", "  # " + std::string(5000, 'c') + " DELETE;\nx\n", 100, {"L2:x", "E"}},
+        {"over the cap refused whole", "12345\n123456\nx\n", 5,
+         {"L1:12345", "R2:line longer than 5 bytes|123456", "L3:x", "E"}},
+        {"long comment skipped, its tail never run", "  # " + std::string(5000, 'c') + " DELETE;\nx\n", 100,
+         {"L2:x", "E"}},
         {"preview cut at 80 bytes", std::string(90, 'q') + "\n", 10,
          {"R1:line longer than 10 bytes|" + std::string(80, 'q') + "...", "E"}},
         {"empty input", "", 10, {"E"}},
@@ -92,12 +90,14 @@ TEST(ScriptReader, SplitsCutsSkipsAndRefusesLines)
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
         // Fed in small pieces so that lines and the mark straddle reads.
         std::thread writer([&] {
-            for (size_t at = 0; at < c.input.size(); at += 2) (void)!::write(fds[1], c.input.data() + at, std::min<size_t>(2, c.input.size() - at));
+            for (size_t at = 0; at < c.input.size(); at += 2)
+                (void)!::write(fds[1], c.input.data() + at, std::min<size_t>(2, c.input.size() - at));
             close(fds[1]);
         });
         ScriptReader reader(fds[0], c.cap);
         std::vector<std::string> got;
-        for (ScriptReader::Result r = ScriptReader::kLine; (r == ScriptReader::kLine || r == ScriptReader::kRefused) && got.size() <= 10;)
+        // Until the end or an error (a runaway reader stops at 11 entries).
+        for (auto r = ScriptReader::kLine; r != ScriptReader::kEnd && r != ScriptReader::kError && got.size() <= 10;)
             got.push_back(Describe(reader, r = reader.Next()));
         writer.join();
         close(fds[0]);

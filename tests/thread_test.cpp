@@ -27,7 +27,6 @@ struct LoopThread : Thread {
             if (!spin) usleep(1000);
         return nullptr;
     }
-
     const bool obeyStop;
     std::atomic<bool> release{false}, spin{false};
 };
@@ -57,8 +56,7 @@ TEST(Thread, StopCountsItsWaitsAndGivesUp)
 {
     const std::pair<int, const char*> cases[] = {
         {0, "err  Unable to stop thread within 0 seconds.\n"},
-        {2, "warn Still waiting for thread 'stubborn' (1/2).\n"
-            "warn Still waiting for thread 'stubborn' (2/2).\n"
+        {2, "warn Still waiting for thread 'stubborn' (1/2).\nwarn Still waiting for thread 'stubborn' (2/2).\n"
             "err  Unable to stop thread within 2 seconds.\n"}};
     for (auto [seconds, log] : cases) {
         StderrCapture err;
@@ -88,8 +86,7 @@ TEST(Thread, DetachedOrSelfDeletingThreadIsNotJoined)
         auto* thread = new LoopThread("self");
         thread->Delete();
         ASSERT_TRUE(thread->Start());
-        if (byFini) EXPECT_TRUE(Thread::Fini());
-        else thread->Stop(true);
+        EXPECT_TRUE(byFini ? Thread::Fini() : thread->Stop(true));
         // The thread deletes itself under the list lock: looking under it too
         // means the thread is done with the object and the registries.
         EXPECT_TRUE(WaitUntil([&] {
@@ -104,8 +101,7 @@ TEST(Thread, FiniStopsEveryThreadAndReportsThoseStillListed)
 {
     StderrCapture err;
     LoopThread a("lingering"), b("other");
-    ASSERT_TRUE(a.Start());
-    ASSERT_TRUE(b.Start());
+    ASSERT_TRUE(a.Start() && b.Start());
     EXPECT_FALSE(Thread::Fini());
     EXPECT_TRUE(a.ShouldStop() && b.ShouldStop());
     EXPECT_TRUE(WaitUntil([&] { return !a.IsRunning() && !b.IsRunning(); }, ScaledMs(5000)));
@@ -123,20 +119,15 @@ TEST(Thread, KernelNameAndRunningTime)
     EXPECT_EQ(std::make_pair(kernel, user), std::make_pair(0L, 0L)) << "zero before the start";
     thread.spin = true;
     ASSERT_TRUE(thread.Start());
-    // The thread names itself just after Start has returned.
     const std::string path = "/proc/self/task/" + std::to_string(thread.Tid()) + "/comm";
     std::string name;
-    EXPECT_TRUE(WaitUntil([&] {
+    EXPECT_TRUE(WaitUntil([&] {  // the thread names itself just after Start has returned
         std::ifstream comm(path);
         std::getline(comm, name);
         return name == "a) 1 2 3 456789";
     }, ScaledMs(5000))) << name;
-    EXPECT_TRUE(WaitUntil([&] {
-        thread.RunningTime(kernel, user);
-        return user > 0;
-    }, ScaledMs(10000)));
-    // A thread's ticks are part of the process's (each sum rounded apart).
-    tms process;
+    EXPECT_TRUE(WaitUntil([&] { return thread.RunningTime(kernel, user), user > 0; }, ScaledMs(10000)));
+    tms process;  // a thread's ticks are part of the process's (each sum rounded apart)
     times(&process);
     EXPECT_LE(user + kernel, process.tms_utime + process.tms_stime + 2);
 }
@@ -152,8 +143,7 @@ TEST(Thread, SetPriorityPicksLowestHighestOrMidpoint)
         thread.SetPriority(level);
         int policy;
         pthread_getschedparam(thread.ThreadId(), &policy, &param);
-        EXPECT_EQ(policy, SCHED_RR);
-        EXPECT_EQ(param.sched_priority, priority) << level;
+        EXPECT_EQ(std::make_pair(policy, param.sched_priority), std::make_pair(SCHED_RR, priority)) << level;
     }
 }
 
