@@ -320,6 +320,9 @@ void PrivateConnection::Stop()
 {
     m_stop.store(true, std::memory_order_relaxed);
     MutexGuard guard(m_linkLock, __FILE__, __LINE__);
+    // A connect this ends is no failure to log.
+    Socket* socket = dynamic_cast<Socket*>(m_link);
+    if (socket) socket->QuietConnect(true);
     if (m_wakeFd >= 0) (void)shutdown(m_wakeFd, SHUT_RDWR);
 }
 

@@ -142,17 +142,20 @@ int secure_write_all(int fd, const char* buf, size_t length)
     return 0;
 }
 
-// Moves what is readable on `stream` to `to`; closes the stream at its end
-// or when `to` refuses the bytes, whose errno then goes to *refused (the
-// first one only) when given.
+// Moves what is readable on `stream` to `to`; closes the stream at its end.
+// When `to` refuses the bytes, their errno goes to *refused, when given, and
+// what follows is dropped; without `refused` the stream is closed then.
 void secure_pump_output(FILE*& stream, int to, int* refused)
 {
     char buf[16384];
     ssize_t n = read(fileno(stream), buf, sizeof buf);
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) return;
-    int err = n > 0 ? secure_write_all(to, buf, static_cast<size_t>(n)) : 0;
-    if (err && refused && !*refused) *refused = err;
-    if (n <= 0 || err) secure_close_stream(stream);
+    // After a refused write the rest is read and dropped: closing the pipe
+    // would kill the child with SIGPIPE and blame it for our output.
+    bool dropping = refused && *refused;
+    int err = n > 0 && !dropping ? secure_write_all(to, buf, static_cast<size_t>(n)) : 0;
+    if (err && refused) *refused = err;
+    if (n <= 0 || (err && !refused)) secure_close_stream(stream);
 }
 
 // Input waiting to go to the child: read from `from` only when the last

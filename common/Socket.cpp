@@ -156,7 +156,7 @@ bool Socket::Connect()
     else if (connect(m_fd, &m_remote.Get().addr, kAddrLen) != 0) err = socket_errno();
     m_connectErrno = err;
     if (err != 0) {
-        if (!m_quietConnect) syslog_safe(3, "<%s> Unable to connect (%d).", m_remote_str, err);
+        if (!m_quietConnect.load(std::memory_order_relaxed)) syslog_safe(3, "<%s> Unable to connect (%d).", m_remote_str, err);
         // A fresh descriptor for the next try: a failed one is unusable.
         if (fresh) Disconnect();
         return false;

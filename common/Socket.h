@@ -2,6 +2,8 @@
 // server side, with the optional "+xxxx " line checksum.
 #pragma once
 
+#include <atomic>
+
 #include "Sock.h"
 
 class Socket : public Sock {
@@ -79,8 +81,9 @@ public:
     int WaitTimeout() const { return m_waitTimeoutMs; }
     // The errno of the last failed Connect, 0 after a successful one.
     int ConnectErrno() const { return m_connectErrno; }
-    // With it on, a failed Connect is not logged (an owner's quiet retries).
-    void QuietConnect(bool on) { m_quietConnect = on; }
+    // With it on, a failed Connect is not logged (an owner's quiet retries,
+    // or a stop from another thread that ends a pending connect).
+    void QuietConnect(bool on) { m_quietConnect.store(on, std::memory_order_relaxed); }
 
     // A line beginning with "+" must carry "+<hex sum> " of the rest: the
     // rest is moved to the start and its length returned (len updated).
@@ -116,5 +119,5 @@ private:
     int m_connectTimeoutMs = 0;
     int m_waitTimeoutMs = 0;
     int m_connectErrno = 0;
-    bool m_quietConnect = false;
+    std::atomic<bool> m_quietConnect{false};
 };

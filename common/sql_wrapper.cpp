@@ -71,6 +71,8 @@ bool SqlWrapper::Reconnect()
         if (!strstr(Line(), "not ready")) break;
         if (!ShouldContinue(count)) {
             syslog_safe(3, "<SqlWrapper> DB not ready.");
+            // The refused set-up is not a connection to send statements on.
+            PrivateConnection::Close();
             return Failed("DB not ready");
         }
         syslog_safe(4, "<SqlWrapper> Retrying (DB not yet ready)...");
@@ -93,14 +95,15 @@ bool SqlWrapper::Reconnect()
 
 bool SqlWrapper::StatementOk(const char* statement)
 {
+    // The line break first: it would also hide a final ";" and split the log line.
+    if (strpbrk(statement, "\r\n")) {
+        syslog_safe(4, "<SqlWrapper> Statement holds a line break; not sent.");
+        return Failed("statement holds a line break");
+    }
     size_t len = strlen(statement);
     if (len == 0 || statement[len - 1] != ';') {
         syslog_safe(4, "<SqlWrapper> \"%s\" missing semicolon.", statement);
         return Failed("missing semicolon");
-    }
-    if (strpbrk(statement, "\r\n")) {
-        syslog_safe(4, "<SqlWrapper> Statement holds a line break; not sent.");
-        return Failed("statement holds a line break");
     }
     return true;
 }

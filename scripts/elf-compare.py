@@ -92,9 +92,14 @@ def segment_row(g):
             "memsz": int(g[5], 16), "flg": g[6], "align": int(g[7], 16)}
 
 
+def empty_report(text):
+    """What both parsers fill: the header lines, then one list per part."""
+    return {"header": header_lines(text), "segments": [], "interp": [], "sections": [], "symtabs": [],
+            "dynamic": None, "needed": [], "notes": []}
+
+
 def parse_ours(text):
-    r = {"header": header_lines(text), "segments": [], "interp": [], "sections": [], "symtabs": [],
-         "dynamic": None, "needed": [], "notes": []}
+    r = empty_report(text)
     for line in text.split("\n"):
         m = re.match(r"  \[\s*\d+\] (\S+) +0x(\w+) 0x(\w+) 0x(\w+) 0x(\w+) 0x(\w+) (\S+) 0x(\w+)$", line)
         if m:
@@ -142,8 +147,7 @@ def note_type(description):
 
 
 def parse_readelf(text, symbols):
-    r = {"header": header_lines(text), "segments": [], "interp": [], "sections": [], "symtabs": [],
-         "dynamic": None, "needed": [], "notes": []}
+    r = empty_report(text)
     lines = text.split("\n")
     labels = {"NEEDED": "Shared library", "SONAME": "Library soname", "RPATH": "Library rpath",
               "RUNPATH": "Library runpath"}

@@ -9,7 +9,8 @@ that define the command line, so neither can drift from the tool:
   vtest/usage.cpp    the usage text: synopsis and one-line description
   docs/commands.md   the command reference: one "## " section per command
   docs/man/vtest.1.md  the man page's own sections (@USAGE@, @COMMANDS@,
-                     @AVAILABILITY@)
+                     @AVAILABILITY@, @STATUSES@: the command reference's
+                     "### Exit statuses", which ends its intro)
 
 With --package-description it prints the package's description instead.
 
@@ -194,6 +195,32 @@ def synopsis_roff(usage, template):
     return lines + [".fi"]
 
 
+STATUSES_HEADING = "### Exit statuses"
+
+
+def split_statuses(intro):
+    """The intro before its exit statuses subsection, and that subsection's lines."""
+    if STATUSES_HEADING not in intro:
+        fail("docs/commands.md has no " + STATUSES_HEADING)
+    at = intro.index(STATUSES_HEADING)
+    return intro[:at], intro[at + 1:]
+
+
+def statuses_roff(lines):
+    """The statuses subsection with its table as one tagged paragraph per
+    status: the table's columns are commands, and most cells are empty."""
+    text = [l for l in lines if not l.startswith("|")]
+    rows = [[c.strip() for c in l.strip().strip("|").split("|")] for l in lines if l.startswith("|")]
+    out = roff_blocks(text)
+    header = rows[0][1:]
+    for row in rows[2:]:
+        said = ["%s: %s" % (name, cell) for name, cell in zip(header, row[1:]) if cell]
+        if not any(row[1:-1]):  # the last column's cells name their commands themselves
+            said = [row[-1]]
+        out += [".TP", "\\fB%s\\fR" % roff_inline(row[0]), roff_line(roff_inline("; ".join(said) + "."))]
+    return out
+
+
 def commands_roff(usage, intro, sections):
     out = roff_blocks(intro)
     described = {word: text for word, _, text in usage}
@@ -210,10 +237,11 @@ def commands_roff(usage, intro, sections):
 
 
 def man_page(template, usage, intro, sections, version, available):
-    """The template's sections in roff, with @USAGE@, @COMMANDS@ and
-    @AVAILABILITY@ filled in."""
-    fills = {"@USAGE@": synopsis_roff(usage, template), "@COMMANDS@": commands_roff(usage, intro, sections),
-             "@AVAILABILITY@": [".PP", roff_line(roff_inline(available))]}
+    """The template's sections in roff, with @USAGE@, @COMMANDS@,
+    @AVAILABILITY@ and @STATUSES@ filled in."""
+    rules, statuses = split_statuses(intro)
+    fills = {"@USAGE@": synopsis_roff(usage, template), "@COMMANDS@": commands_roff(usage, rules, sections),
+             "@AVAILABILITY@": [".PP", roff_line(roff_inline(available))], "@STATUSES@": statuses_roff(statuses)}
     out, pending = ['.TH VTEST 1 "" "vtest %s" "User Commands"' % version], []
     for line in template.splitlines() + ["# "]:
         if line.startswith("# ") or line.strip() in fills:

@@ -1,29 +1,20 @@
-// The command channel client against the byte-exact scripted peer: what it
-// sends, how it cuts output into lines, and how it meets closes, silence,
-// long lines, copies and refused connections.
+// The command channel client against the byte-exact scripted peer: lines, closes, silence, copies, refusals.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstring>
 #include <list>
 #include <memory>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "Api.h"
 #include "Sock.h"
 #include "process.h"
 #include "scripted_server.h"
-#include "utils.h"
 #include "wait.h"
 
 namespace {
 
-// Keeps each output line as the callback and then HandleOutput saw it,
-// with its line end; waits at most 10 s where nothing is meant to time out.
+// Keeps each line as the callback, then HandleOutput, saw it (with its end); waits at most 10 s.
 class Recorder : public Api {
 public:
     explicit Recorder(const SockAddr& server) : Api(server, strPrompt)
@@ -47,10 +38,10 @@ public:
 
 TEST(Api, SendsCommandsAndCutsOutputIntoLines)
 {
-    const struct {
+    const struct {  // lines: each with its line end
         const char* label;
         std::string greeting, answer;
-        std::vector<std::string> lines;  // each with its line end
+        std::vector<std::string> lines;
         int pending;
     } rows[] = {
         {"bare prompt, empty output", "#> ", "#> ", {}, 0},
@@ -74,10 +65,8 @@ TEST(Api, SendsCommandsAndCutsOutputIntoLines)
     }
 }
 
-// Lines of 3,998 to 10,000 bytes come in pieces of at most 3,999 bytes
-// whose NUL stays inside the 4,000 bytes: read directly into an exactly
-// sized heap buffer (where ASan sees every byte past it), and through Exec
-// into the own line buffer, with a derived class's member right behind it.
+// Long lines come in pieces whose NUL stays inside 4,000 bytes: read into an exactly sized heap
+// buffer (ASan sees past it), and through Exec into the own buffer with a member right behind it.
 TEST(Api, LongLinesComeInPiecesThatFitTheBuffer)
 {
     struct Probe : public Recorder {
@@ -106,9 +95,8 @@ TEST(Api, LongLinesComeInPiecesThatFitTheBuffer)
     }
 }
 
-// The daemon closing after every byte offset of greeting, output and
-// prompt: a cut greeting fails Exec, a cut output keeps its whole lines and
-// the cut one, and each next Exec connects anew.
+// A close after every byte of greeting, output and prompt: a cut greeting fails Exec, a cut output
+// keeps its whole lines and the cut one, and each next Exec connects anew.
 TEST(Api, CloseAtEveryByteOffset)
 {
     const std::string greeting = "Hi\r\n#> ", output = "one\r\ntwo\n\nthree\n#> ";
@@ -142,18 +130,16 @@ TEST(Api, CloseAtEveryByteOffset)
     EXPECT_TRUE(server.Failures().empty());
 }
 
-// Silence, each case on its own thread (they wait in parallel). The
-// link-dead time-out is 0 here: a link is dead after a whole second
-// without a byte, unless Timeout() switched the check off. After a failure
-// the next Exec reconnects.
+// Each row on its own thread (they wait in parallel). Link-dead time-out 0: dead after a silent second
+// unless Timeout() switched the check off. After a failure the next Exec reconnects.
 TEST(Api, SilenceEndsByTimeOutOrDeadLinkAndTheNextExecReconnects)
 {
     const long linkDead = Sock::DefaultLinkDeadTimeout();
     Sock::DefaultLinkDeadTimeout(0);
-    const struct {
+    const struct {  // first: then a second connection answers; idleMs: at the prompt before the Exec
         const char* label;
-        Script first;         // then a second connection that answers
-        int timeout, idleMs;  // idleMs: at the prompt before the Exec
+        Script first;
+        int timeout, idleMs;
         bool result;
         std::vector<std::string> lines;
         int error, atLeastMs;
@@ -192,8 +178,7 @@ TEST(Api, SilenceEndsByTimeOutOrDeadLinkAndTheNextExecReconnects)
     Sock::DefaultLinkDeadTimeout(linkDead);
 }
 
-// Refused on every try, then open; a command too long to send; a connect
-// that hangs; a family that cannot connect.
+// Refused on every try, then open; a command too long to send; a connect that hangs; a family that cannot.
 TEST(Api, ConnectFailuresAndRefusedCommands)
 {
     const SockAddr addr = RefusedAddr();
@@ -219,8 +204,7 @@ TEST(Api, ConnectFailuresAndRefusedCommands)
     EXPECT_EQ(-EAFNOSUPPORT, serial.LastError());
 }
 
-// A copy takes everything but the link (the callback and its data too):
-// it connects on its own, and the original keeps its connection.
+// A copy takes all but the link (the callback and its data too); the original keeps its connection.
 TEST(Api, CopiesStartUnconnectedAndAreListed)
 {
     ScriptedServer server({{Send("#> "), Expect("a\n"), Send("1\n#> "), Close()}, {Send("Hello\n#> "), Expect("b\n"), Send("2\n#> ")}});

@@ -1,15 +1,12 @@
-// discover and ipconfig end to end, only ever inside network namespaces
-// made here: scripted and simulated units, routes and interfaces missing.
+// discover and ipconfig end to end inside network namespaces made here: scripted and simulated units,
+// routes and interfaces missing.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <cstring>
 #include <regex>
 
@@ -101,14 +98,14 @@ TEST(DiscoverCli, SendFailuresNameTheirCause)
                          "hand-built frame (--interface=NAME names another).\n";
     const std::vector<std::string> ipconfig = {"ipconfig", "mac", "02:00:00:00:00:01", "1.2.3.4", "255.0.0.0",
                                                "1.2.3.1", "-"};
-    const struct {
+    const struct {  // errEnd: the end of standard error; lines: of standard output
         const char* label;
         std::vector<std::string> up;
         bool eth0Down;
         std::vector<std::string> prefix, args;
         int status;
-        std::string errEnd;  // the end of standard error
-        size_t lines;        // of standard output
+        std::string errEnd;
+        size_t lines;
     } cases[] = {
         {"frame without CAP_NET_RAW", {"0", "--no-route"}, false, kNoRawCaps, {"discover"}, 2, std::string("discover: ") + noRaw, 0},
         {"ipconfig's frame without it", {"0", "--no-route"}, false, kNoRawCaps, ipconfig, 2, std::string("ipconfig: ") + noRaw, 0},
@@ -132,8 +129,7 @@ TEST(DiscoverCli, SendFailuresNameTheirCause)
     }
 }
 
-// Without a route the request goes out as a hand-built frame from the
-// socket's own port, and the units' answers come back to it.
+// Without a route the request goes out as a hand-built frame from the socket's own port; answers come back.
 TEST(DiscoverCli, WithoutRouteTheHandBuiltFrameCarriesTheRequest)
 {
     SKIP_WITHOUT_NETNS();

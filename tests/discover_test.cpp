@@ -1,9 +1,6 @@
-// The discovery library: the answer parser and MAC order as tables, then
-// real passes in a namespace of their own against a scripted unit.
+// The discovery library: the answer parser and MAC order as a table, then real passes against scripted units.
 #include <gtest/gtest.h>
 
-#include <cerrno>
-#include <chrono>
 #include <cstring>
 
 #include "Discover.h"
@@ -17,18 +14,15 @@ namespace {
 // A request as sent: the text and its NUL.
 std::string Nul(const char* text) { return std::string(text, strlen(text) + 1); }
 
-std::string Text(const DiscoverRecord& record)
-{
-    std::string out;
-    for (const auto& [key, value] : record) out += (out.empty() ? "" : " ") + key + "=" + value;
-    return out;
-}
-
+// "key=value key=value | key=value": the records in order.
 std::string Text(const std::list<DiscoverRecord>& records)
 {
     std::string out;
-    for (const DiscoverRecord& record : records) out += (out.empty() ? "" : " | ") + Text(record);
-    return out;
+    for (const DiscoverRecord& record : records) {
+        out += out.empty() ? "" : " |";
+        for (const auto& [key, value] : record) out += " " + key + "=" + value;
+    }
+    return out.substr(out.empty() ? 0 : 1);
 }
 
 TEST(Discover, ParsesAnswersIntoRecordsInMacOrder)

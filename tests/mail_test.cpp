@@ -1,10 +1,8 @@
-// vtest mail against the scripted peer (exact bytes, a refusal and a close
-// at every step, malformed, silent and trickling servers) and against
-// Debian's aiosmtpd (delivery as received).
+// vtest mail against the scripted peer (exact bytes, a refusal and a close at every step, odd servers)
+// and against Debian's aiosmtpd (delivery as received).
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <iterator>
 #include <regex>
 
 #include "process.h"
@@ -44,13 +42,13 @@ size_t Count(const std::string& text, const std::string& word)
     return n;
 }
 
+// err: the operator's lines of standard error; sentEnd: how what the client sent ends (masked).
 struct Case {
     std::string label;
     std::vector<std::string> options;
     Script script;
     int status;
-    std::string out, err;  // err: the operator's lines of standard error
-    std::string sentEnd;   // how what the client sent ends (masked)
+    std::string out, err, sentEnd;
     size_t quits;
     std::string body = "m", server = "127.0.0.1:%d", subject = "Hi";
     bool viaStdin = false;
@@ -253,13 +251,12 @@ TEST_F(MailCommand, DeliversThroughARealServer)
         std::vector<std::string> options;
         std::string body;
         int status;
-        std::string err;
-        std::string delivered;  // the server's copy of the data; empty: none
+        std::string err, delivered;  // delivered: the server's copy of the data; empty: none
     } cases[] = {
         {0, {login, "--password=secret"}, "Hello\n.dot\n", 0, "", head + "Hello\n..dot\n\r\n"},  // bare LF: kept
         {0, {login, "--password=wrong"}, "m", 6, "Error: AUTH LOGIN: 535 5.7.8 Authentication credentials invalid\n", ""},
         {1, {}, "Hello\n", 0, "", head + "Hello\n\r\n"},
-        {1, {login, "--password=secret"}, "m", 6, "Error: AUTH LOGIN: AUTH LOGIN not offered by the server\n", ""},
+        {1, {login, "--password=secret"}, "m", 6, "Error: AUTH LOGIN: AUTH LOGIN not offered by the server\n", ""},  // no AUTH line
         {1, {}, longBody, 8, "Error: end of data: 500 Line too long (see RFC5321 4.5.3.1.6)\n", ""},
         {1, {"--crlf"}, longBody + ".dot\n", 0, "",
          Header("\r\n", "", "Hi", "r@y") + std::regex_replace(longBody, std::regex("\n"), "\r\n") + ".dot\r\n"},

