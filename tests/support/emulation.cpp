@@ -1,5 +1,4 @@
 // Running the armhf build's tests under user-mode qemu on the build host.
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <linux/if_ether.h>
 #include <sched.h>
@@ -27,29 +26,29 @@ std::vector<std::string> TargetArgv(const std::string& binary, const std::vector
 #ifdef VTEST_EMULATOR
 namespace {
 
-// qemu 7.2 passes these through; a failure here is the emulator's (or the
-// host's) and not the code under test's.
-std::string PacketSocketProbe()
+// qemu 7.2 passes these through; a failure is the emulator's (or the host's),
+// not the code under test's. Empty when the socket (and option) work.
+std::string SocketProbe(int family, int type, int protocol, int option = 0)
 {
-    int fd = socket(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL));
-    if (fd < 0) return std::string("AF_PACKET socket failed: ") + strerror(errno);
-    close(fd);
-    return "";
-}
-
-std::string TransparentProbe()
-{
-    int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    int on = 1;
-    bool ok = fd >= 0 && setsockopt(fd, IPPROTO_IP, IP_TRANSPARENT, &on, sizeof on) == 0;
-    std::string why = ok ? "" : std::string("IP_TRANSPARENT refused: ") + strerror(errno);
+    int fd = socket(family, type, protocol), on = 1;
+    bool ok = fd >= 0 && (!option || setsockopt(fd, IPPROTO_IP, option, &on, sizeof on) == 0);
+    std::string why = ok ? "" : std::string(fd < 0 ? "socket" : "setsockopt") + " failed: " + strerror(errno);
     if (fd >= 0) close(fd);
     return why;
 }
 
-std::string WithPrefix(const std::string& why)
+std::string Why(EmulationGap gap)
 {
-    return why.empty() ? "" : "under user-mode emulation: " + why;
+    switch (gap) {
+    case EmulationGap::Namespaces: return NamespacesUnavailableReason(CLONE_NEWNS | CLONE_NEWNET);
+    case EmulationGap::PacketSockets: return SocketProbe(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL));
+    case EmulationGap::Ptrace: return "qemu-user does not implement ptrace(2) (ENOSYS)";
+    case EmulationGap::SetIdPrograms: return "qemu-user loads an ARM program as data, so its set-id bits never apply";
+    case EmulationGap::ProcSelfExe:
+        return "qemu-user fakes open(2) of /proc/self/exe but not stat(2), which sees the emulator";
+    case EmulationGap::Transparent: return SocketProbe(AF_INET, SOCK_DGRAM, 0, IP_TRANSPARENT);
+    }
+    return "unknown gap";
 }
 
 }  // namespace
@@ -58,21 +57,8 @@ std::string WithPrefix(const std::string& why)
 std::string EmulationSkipReason(EmulationGap gap)
 {
 #ifdef VTEST_EMULATOR
-    switch (gap) {
-    case EmulationGap::Namespaces:
-        return WithPrefix(NamespacesUnavailableReason(CLONE_NEWNS | CLONE_NEWNET));
-    case EmulationGap::PacketSockets:
-        return WithPrefix(PacketSocketProbe());
-    case EmulationGap::Ptrace:
-        return WithPrefix("qemu-user does not implement ptrace(2) (ENOSYS)");
-    case EmulationGap::SetIdPrograms:
-        return WithPrefix("qemu-user loads an ARM program as data, so its set-id bits never apply");
-    case EmulationGap::ProcSelfExe:
-        return WithPrefix("qemu-user fakes open(2) of /proc/self/exe but not stat(2), which sees the emulator");
-    case EmulationGap::Transparent:
-        return WithPrefix(TransparentProbe());
-    }
-    return WithPrefix("unknown gap");
+    std::string why = Why(gap);
+    return why.empty() ? "" : "under user-mode emulation: " + why;
 #else
     (void)gap;
     return "";

@@ -1,6 +1,5 @@
 #include "fixed_paths.h"
 
-#include <fcntl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -12,45 +11,51 @@
 
 #include "process.h"
 
+namespace {
+
+// The whole file behind `fd`, from its start.
+std::string ReadFd(int fd)
+{
+    std::string text;
+    char buf[4096];
+    ssize_t n;
+    for (off_t at = 0; (n = pread(fd, buf, sizeof buf, at)) > 0; at += n) text.append(buf, static_cast<size_t>(n));
+    return text;
+}
+
+}  // namespace
+
 std::string RunInMountNamespace(const std::function<std::string()>& body)
 {
     FILE* report = tmpfile();
-    if (!report) return "namespace failed";
-    int rv = RunInNamespaces(CLONE_NEWNS, [&] {
+    int rv = report ? RunInNamespaces(CLONE_NEWNS, [&] {
         std::string text = body();
-        return fwrite(text.data(), 1, text.size(), report) == text.size() && fflush(report) == 0 ? 0 : 1;
-    });
-    std::string text;
-    if (rv == 0) {
-        rewind(report);
-        char buf[4096];
-        for (size_t n; (n = fread(buf, 1, sizeof buf, report)) > 0;) text.append(buf, n);
-    }
-    fclose(report);
-    return rv == 0 ? text : "namespace failed";
+        return write(fileno(report), text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1;
+    }) : -1;
+    std::string text = rv == 0 ? ReadFd(fileno(report)) : "namespace failed";
+    if (report) fclose(report);
+    return text;
 }
 
 int BindReadOnly(const char* path)
 {
-    if (mount(path, path, nullptr, MS_BIND, nullptr) != 0) return -errno;
-    if (mount(nullptr, path, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) return -errno;
-    return 0;
+    bool ok = mount(path, path, nullptr, MS_BIND, nullptr) == 0 &&
+              mount(nullptr, path, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
+    return ok ? 0 : -errno;
 }
 
 bool WriteFile(const std::string& path, const std::string& text)
 {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-    return static_cast<bool>(out.flush());
+    return static_cast<bool>(out << text << std::flush);
 }
 
 std::string ReadFile(const std::string& path)
 {
     std::ifstream in(path, std::ios::binary);
-    if (!in) return "<missing>";
     std::ostringstream text;
     text << in.rdbuf();
-    return text.str();
+    return in ? text.str() : "<missing>";
 }
 
 StderrCapture::StderrCapture()
@@ -63,8 +68,6 @@ StderrCapture::StderrCapture()
     if (m_file >= 0) dup2(m_file, 2);
 }
 
-StderrCapture::~StderrCapture() { (void)Take(); }
-
 std::string StderrCapture::Take()
 {
     if (m_saved < 0) return "";
@@ -72,10 +75,7 @@ std::string StderrCapture::Take()
     dup2(m_saved, 2);
     close(m_saved);
     m_saved = -1;
-    std::string text;
-    char buf[4096];
-    ssize_t n;
-    for (off_t at = 0; (n = pread(m_file, buf, sizeof buf, at)) > 0; at += n) text.append(buf, static_cast<size_t>(n));
+    std::string text = ReadFd(m_file);
     close(m_file);
     m_file = -1;
     return text;
@@ -87,7 +87,7 @@ std::string LogLines(const std::string& err)
     std::string out;
     for (std::string line; std::getline(in, line);) {
         size_t end = line.find("] ");
-        out += (end == std::string::npos ? line : line.substr(end + 2)) + "\n";
+        out += line.substr(end == std::string::npos ? 0 : end + 2) + "\n";
     }
     return out;
 }

@@ -1,6 +1,5 @@
 // A table monitor for tests: records its callbacks as "up", "down",
-// "event:<text>" and "refused:<text>", in order, and lets the test wait for
-// them.
+// "event:<text>" and "refused:<text>", in order, for the test to wait on.
 #pragma once
 
 #include <unistd.h>

@@ -1,6 +1,5 @@
 #include "scripted_server.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -17,18 +16,16 @@ namespace {
 
 SockAddr loopback4() { return SockAddr(AF_INET, 0x7F000001u, 0); }
 
-// A listening socket on `addr` (port 0: a free one), its address with the
-// port in `bound`; -1 on failure.
+// A listening socket on `addr` (port 0: a free one), the port then in `bound`; -1 on failure.
 int listen_on(const SockAddr& addr, int backlog, SockAddr& bound)
 {
     int fd = socket(addr.GetAF(), SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
     bound = addr;
     // The kernel refuses a Unix address longer than its own record.
     socklen_t len = addr.GetAF() == AF_UNIX ? sizeof(sockaddr_un) : sizeof(sockaddr_all);
     if (addr.GetAF() == AF_UNIX) (void)unlink(addr.Get().un.sun_path);
-    if (bind(fd, &addr.Get().addr, len) != 0 || listen(fd, backlog) != 0 ||
-        (addr.GetAF() != AF_UNIX && getsockname(fd, &bound.GetPrivate().addr, &len) != 0)) {
+    if (fd >= 0 && (bind(fd, &addr.Get().addr, len) != 0 || listen(fd, backlog) != 0 ||
+                    (addr.GetAF() != AF_UNIX && getsockname(fd, &bound.GetPrivate().addr, &len) != 0))) {
         close(fd);
         return -1;
     }
@@ -37,9 +34,9 @@ int listen_on(const SockAddr& addr, int backlog, SockAddr& bound)
 
 }  // namespace
 
-std::vector<ScriptStep> Trickle(const std::string& bytes, size_t size, int ms)
+Script Trickle(const std::string& bytes, size_t size, int ms)
 {
-    std::vector<ScriptStep> steps;
+    Script steps;
     for (size_t at = 0; at < bytes.size(); at += size) {
         if (at > 0) steps.push_back(Wait(ms));
         steps.push_back(Send(bytes.substr(at, size)));
@@ -56,11 +53,10 @@ ScriptedServer::ScriptedServer(std::vector<Script> scripts, const SockAddr& list
     : m_scripts(std::move(scripts)), m_stepTimeoutMs(stepTimeoutMs)
 {
     m_listenFd = listen_on(listen, 16, m_addr);
-    if (m_listenFd < 0 || pipe2(m_wakePipe, O_CLOEXEC) != 0 || pipe2(m_releasePipe, O_CLOEXEC) != 0) {
+    if (m_listenFd < 0 || pipe2(m_wakePipe, O_CLOEXEC) != 0 || pipe2(m_releasePipe, O_CLOEXEC) != 0)
         Fail("cannot listen");
-        return;
-    }
-    m_thread = std::thread(&ScriptedServer::Run, this);
+    else
+        m_thread = std::thread(&ScriptedServer::Run, this);
 }
 
 ScriptedServer::~ScriptedServer()
@@ -70,14 +66,6 @@ ScriptedServer::~ScriptedServer()
     for (int fd : {m_listenFd, m_wakePipe[0], m_wakePipe[1], m_releasePipe[0], m_releasePipe[1]})
         if (fd >= 0) close(fd);
     if (m_addr.GetAF() == AF_UNIX) (void)unlink(m_addr.Get().un.sun_path);
-}
-
-SockAddr ScriptedServer::Addr() const { return m_addr; }
-
-std::vector<std::chrono::steady_clock::time_point> ScriptedServer::AcceptTimes() const
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    return m_acceptTimes;
 }
 
 std::string ScriptedServer::Received(size_t index) const
@@ -91,18 +79,12 @@ bool ScriptedServer::WaitScriptsDone(int timeoutMs) const
     return WaitUntil([&] { return m_scriptsDone == static_cast<int>(m_scripts.size()); }, timeoutMs);
 }
 
-void ScriptedServer::Release() { (void)!write(m_releasePipe[1], "x", 1); }
-
 bool ScriptedServer::WaitClosed(int count, int timeoutMs) const
 {
     return WaitUntil([&] { return m_closed >= count; }, timeoutMs);
 }
 
-std::vector<std::string> ScriptedServer::Failures() const
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    return m_failures;
-}
+void ScriptedServer::Release() { (void)!write(m_releasePipe[1], "x", 1); }
 
 void ScriptedServer::Fail(const std::string& what)
 {
@@ -114,13 +96,10 @@ void ScriptedServer::Run()
 {
     for (;;) {
         pollfd fds[2] = {{m_listenFd, POLLIN, 0}, {m_wakePipe[0], POLLIN, 0}};
-        if (poll(fds, 2, -1) < 0 && errno != EINTR) return;
-        if (fds[1].revents) return;
-        if (!(fds[0].revents & POLLIN)) continue;
-        int fd = accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC);
+        if ((poll(fds, 2, -1) < 0 && errno != EINTR) || fds[1].revents) return;
+        int fd = (fds[0].revents & POLLIN) ? accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
         if (fd < 0) continue;
-        // Each Send leaves at once as its own segment, so a script's cuts
-        // reach the client as cuts.
+        // Each Send leaves at once as its own segment, so a script's cuts reach the client as cuts.
         int on = 1;
         if (m_addr.GetAF() != AF_UNIX) (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
         size_t index;
@@ -137,8 +116,8 @@ void ScriptedServer::Run()
     }
 }
 
-// Appends what arrives within timeoutMs to the connection's record; false
-// when the peer closed, the server is going or nothing came.
+// Appends what arrives within timeoutMs; false when the peer closed, the
+// server is going or nothing came.
 bool ScriptedServer::ReadSome(int fd, size_t index, int timeoutMs)
 {
     pollfd fds[2] = {{fd, POLLIN, 0}, {m_wakePipe[0], POLLIN, 0}};
@@ -155,54 +134,42 @@ void ScriptedServer::Play(int fd, size_t index)
 {
     size_t seen = 0;
     const std::string tag = "connection " + std::to_string(index) + ": ";
+    // Reads until `has` holds for what came; false, the failure recorded, when nothing more comes.
+    auto readUntil = [&](const std::string& want, auto has) {
+        for (std::string got; !has(got = Received(index));)
+            if (!ReadSome(fd, index, m_stepTimeoutMs)) {
+                Fail(tag + "expected \"" + want + "\", got \"" + got.substr(seen) + "\"");
+                return false;
+            }
+        return true;
+    };
     for (const ScriptStep& step : m_scripts[index]) {
-        switch (step.kind) {
-        case ScriptStep::Close:
-            // The end-of-file is on its way before the script counts as done.
-            (void)shutdown(fd, SHUT_WR);
+        const std::string& bytes = step.bytes;
+        bool hold = step.kind == ScriptStep::Hold;
+        if (step.kind == ScriptStep::Close) {
+            (void)shutdown(fd, SHUT_WR);  // the end-of-file is on its way before the script counts as done
             m_scriptsDone++;
             return;
-        case ScriptStep::Wait: {
-            pollfd wake = {m_wakePipe[0], POLLIN, 0};
-            if (poll(&wake, 1, step.ms) > 0) return;  // the server is going
-            continue;
-        }
-        case ScriptStep::Hold: {
-            pollfd fds[2] = {{m_releasePipe[0], POLLIN, 0}, {m_wakePipe[0], POLLIN, 0}};
-            if (poll(fds, 2, m_stepTimeoutMs) <= 0) {
-                Fail(tag + "never released");
-                return;
-            }
-            char byte;
-            if (fds[1].revents || read(m_releasePipe[0], &byte, 1) != 1) return;  // the server is going
-            continue;
-        }
-        case ScriptStep::Send:
-            if (send(fd, step.bytes.data(), step.bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(step.bytes.size()))
+        } else if (step.kind == ScriptStep::Send) {
+            if (send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size()))
                 Fail(tag + "send failed");
-            continue;
-        case ScriptStep::ExpectUntil: {
-            size_t found;
-            while ((found = Received(index).find(step.bytes, seen)) == std::string::npos)
-                if (!ReadSome(fd, index, m_stepTimeoutMs)) {
-                    Fail(tag + "expected \"" + step.bytes + "\" in \"" + Received(index).substr(seen) + "\"");
-                    return;
-                }
-            seen = found + step.bytes.size();
-            continue;
+        } else if (hold || step.kind == ScriptStep::Wait) {
+            pollfd fds[2] = {{m_wakePipe[0], POLLIN, 0}, {hold ? m_releasePipe[0] : -1, POLLIN, 0}};
+            int ready = poll(fds, 2, hold ? m_stepTimeoutMs : step.ms);
+            char byte;
+            if (hold && ready == 0) Fail(tag + "never released");
+            if (fds[0].revents || (hold && (ready <= 0 || read(m_releasePipe[0], &byte, 1) != 1))) return;
+        } else if (step.kind == ScriptStep::ExpectUntil) {
+            size_t found = std::string::npos;
+            auto has = [&](const std::string& got) { return (found = got.find(bytes, seen)) != std::string::npos; };
+            if (!readUntil(bytes, has)) return;
+            seen = found + bytes.size();
+        } else {  // Expect: the bytes as they come, so a short read is no mismatch
+            if (!readUntil(bytes, [&](const std::string& got) { return got.size() >= seen + bytes.size(); })) return;
+            std::string got = Received(index).substr(seen, bytes.size());
+            if (got != bytes) Fail(tag + "expected \"" + bytes + "\", got \"" + got + "\"");
+            seen += bytes.size();
         }
-        case ScriptStep::Expect:
-            break;
-        }
-        // Expect: byte by byte as they come, so a short read is no mismatch.
-        while (Received(index).size() < seen + step.bytes.size())
-            if (!ReadSome(fd, index, m_stepTimeoutMs)) {
-                Fail(tag + "expected \"" + step.bytes + "\", got \"" + Received(index).substr(seen) + "\"");
-                return;
-            }
-        std::string got = Received(index).substr(seen, step.bytes.size());
-        if (got != step.bytes) Fail(tag + "expected \"" + step.bytes + "\", got \"" + got + "\"");
-        seen += step.bytes.size();
     }
     m_scriptsDone++;
     while (ReadSome(fd, index, -1)) {
@@ -219,38 +186,29 @@ SockAddr RefusedAddr()
 
 BlackHole::BlackHole()
 {
-    m_listenFd = listen_on(loopback4(), 0, m_addr);
-    if (m_listenFd < 0) return;
-    // The queue of a backlog-0 listener holds one connection; later SYNs are
+    m_fds.push_back(listen_on(loopback4(), 0, m_addr));
+    // A backlog-0 listener's queue holds one connection; later SYNs are
     // dropped. Fill it until a connect stays pending.
-    for (int i = 0; i < 8; i++) {
-        int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        if (fd < 0) return;
-        m_fillers.push_back(fd);
-        (void)connect(fd, &m_addr.Get().addr, sizeof(sockaddr_in));
-        pollfd pfd = {fd, POLLOUT, 0};
+    for (int i = 0; i < 8 && m_fds.back() >= 0; i++) {
+        m_fds.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        (void)connect(m_fds.back(), &m_addr.Get().addr, sizeof(sockaddr_in));
+        pollfd pfd = {m_fds.back(), POLLOUT, 0};
         if (poll(&pfd, 1, 200) == 0) return;
     }
 }
 
 BlackHole::~BlackHole()
 {
-    for (int fd : m_fillers) close(fd);
-    if (m_listenFd >= 0) close(m_listenFd);
+    for (int fd : m_fds)
+        if (fd >= 0) close(fd);
 }
 
 ScriptedDatagramPeer::ScriptedDatagramPeer(std::vector<Script> scripts, unsigned short port)
-    : m_scripts(std::move(scripts))
+    : m_scripts(std::move(scripts)), m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
 {
-    m_fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in any = {};
-    any.sin_family = AF_INET;
-    any.sin_port = htons(port);
-    if (m_fd >= 0 && bind(m_fd, reinterpret_cast<sockaddr*>(&any), sizeof any) != 0) {
-        close(m_fd);
-        m_fd = -1;
-    }
-    if (m_fd >= 0) m_thread = std::thread(&ScriptedDatagramPeer::Run, this);
+    SockAddr any(AF_INET, 0u, static_cast<int>(port));
+    if (m_fd >= 0 && bind(m_fd, &any.Get().addr, sizeof(sockaddr_in)) == 0)
+        m_thread = std::thread(&ScriptedDatagramPeer::Run, this);
 }
 
 ScriptedDatagramPeer::~ScriptedDatagramPeer()
@@ -271,10 +229,11 @@ void ScriptedDatagramPeer::Run()
     std::vector<char> buffer(65536);
     while (!m_stop) {
         pollfd p = {m_fd, POLLIN, 0};
-        if (poll(&p, 1, 20) <= 0) continue;
         sockaddr_in from = {};
         socklen_t len = sizeof from;
-        ssize_t n = recvfrom(m_fd, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &len);
+        ssize_t n = poll(&p, 1, 20) > 0
+                        ? recvfrom(m_fd, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &len)
+                        : -1;
         if (n < 0) continue;
         size_t index;
         {
@@ -282,16 +241,10 @@ void ScriptedDatagramPeer::Run()
             index = m_received.size();
             m_received.emplace_back(buffer.data(), static_cast<size_t>(n));
         }
-        if (index < m_scripts.size()) Play(m_scripts[index], from);
-    }
-}
-
-void ScriptedDatagramPeer::Play(const Script& script, const sockaddr_in& to)
-{
-    for (const ScriptStep& step : script) {
-        if (step.kind == ScriptStep::Wait) WaitUntil([&] { return m_stop.load(); }, step.ms);
-        if (step.kind == ScriptStep::Send)
-            (void)sendto(m_fd, step.bytes.data(), step.bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to),
-                         sizeof to);
+        for (const ScriptStep& step : index < m_scripts.size() ? m_scripts[index] : Script())
+            if (step.kind == ScriptStep::Wait)
+                WaitUntil([&] { return m_stop.load(); }, step.ms);
+            else if (step.kind == ScriptStep::Send)
+                (void)sendto(m_fd, step.bytes.data(), step.bytes.size(), 0, reinterpret_cast<sockaddr*>(&from), len);
     }
 }

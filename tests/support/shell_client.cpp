@@ -1,55 +1,26 @@
 #include "shell_client.h"
 
-#include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 
 #include "process.h"
+#include "wait.h"
 
-namespace {
+FdShellTransport::~FdShellTransport() { if (m_fd >= 0) close(m_fd); }
 
-bool is_terminator(char c)
-{
-    return c == '\r' || c == '\n' || c == '\v';
-}
-
-}  // namespace
-
-FdShellTransport::FdShellTransport(int fd, int waitMs) : m_fd(fd), m_waitMs(waitMs) {}
-
-FdShellTransport::~FdShellTransport()
-{
-    if (m_fd >= 0) close(m_fd);
-}
-
-// Appends what arrives within waitMs: 1, 0 on time-out, -1 when closed.
+// Appends what arrives within waitMs (scaled): 1, 0 on time-out, -1 when closed.
 int FdShellTransport::Fill(int waitMs)
 {
-    if (m_at == m_buffer.size()) {
-        m_buffer.clear();
-        m_at = 0;
-    }
-    pollfd fd = {m_fd, POLLIN, 0};
-    if (m_fd < 0) return -1;
-    if (poll(&fd, 1, ScaledMs(waitMs)) <= 0) return 0;
-    char chunk[65536];
-    ssize_t n = recv(m_fd, chunk, sizeof chunk, 0);
-    if (n <= 0) return -1;
-    m_buffer.append(chunk, static_cast<size_t>(n));
-    return 1;
+    if (m_at == m_buffer.size()) m_buffer.clear(), m_at = 0;
+    return ReadWithin(m_fd, m_buffer, ScaledMs(waitMs));
 }
 
 int FdShellTransport::Get(char& c)
 {
-    if (m_at == m_buffer.size()) {
-        int filled = Fill(m_waitMs);
-        if (filled <= 0) return filled;
-    }
-    c = m_buffer[m_at++];
-    return 1;
+    int filled = m_at < m_buffer.size() ? 1 : Fill(m_waitMs);
+    if (filled > 0) c = m_buffer[m_at++];
+    return filled;
 }
 
 bool FdShellTransport::Send(const std::string& bytes)
@@ -57,38 +28,31 @@ bool FdShellTransport::Send(const std::string& bytes)
     return send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
 }
 
-bool FdShellTransport::Quiet(int quietMs)
-{
-    return m_at == m_buffer.size() && Fill(quietMs) == 0;
-}
+bool FdShellTransport::Quiet(int quietMs) { return m_at == m_buffer.size() && Fill(quietMs) == 0; }
 
 bool FdShellTransport::ReadUntil(const std::string& end, std::string& bytes, int waitMs)
 {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(ScaledMs(waitMs));
-    for (;;) {
+    int filled = 1;
+    return WaitUntil([&] {
         bytes.append(m_buffer, m_at, std::string::npos);
         m_at = m_buffer.size();
-        if (bytes.size() >= end.size() && bytes.compare(bytes.size() - end.size(), end.size(), end) == 0) return true;
-        if (std::chrono::steady_clock::now() > deadline || Fill(100) < 0) return false;
-    }
+        bool ended = bytes.size() >= end.size() && bytes.compare(bytes.size() - end.size(), end.size(), end) == 0;
+        return ended || (filled = Fill(100)) < 0;
+    }, ScaledMs(waitMs)) && filled >= 0;
 }
 
 int ScriptedShellClient::ReadPartial(int maxLen, int* pos)
 {
     int fill = pos ? *pos : 0;
     m_buf.resize(static_cast<size_t>(fill));
-    while (fill < maxLen - 1) {
-        char c = 0;
+    for (char c = 0; fill < maxLen - 1; ++fill) {
         int got = m_transport.Get(c);
-        if (got == 0) return kStuck;
-        if (got < 0) return kClosed;
+        if (got <= 0) return got == 0 ? kStuck : kClosed;
         m_buf.push_back(c);
-        if (is_terminator(c)) break;
-        ++fill;
+        if (c == '\r' || c == '\n' || c == '\v') break;
     }
     if (pos) *pos = fill;
-    m_lineLen = fill;
-    return fill;
+    return m_lineLen = fill;
 }
 
 int ScriptedShellClient::ReadLine()
@@ -97,45 +61,29 @@ int ScriptedShellClient::ReadLine()
     int n = ReadPartial(10, &pos);
     if (n < 0) return n;
     m_eof = !m_buf.empty() && m_buf[0] == '\v';
-    if (m_eof) {
-        pos = 0;
-        int r = ReadPartial(9, &pos);
-        if (r < 0) return r;
-        if (m_buf.compare(0, 7, "Error: ") == 0) {
-            r = ReadPartial(m_maxLineLen, &pos);
-            if (r < 0) return r;
-            m_lastError = m_buf.substr(0, static_cast<size_t>(r));
-            int rest = ReadLine();
-            return rest == kStuck || rest == kClosed ? rest : -EIO;
-        }
-        return n;
-    }
-    if (n == 9) return ReadPartial(m_maxLineLen, &pos);
-    return n;
+    if (!m_eof) return n == 9 ? ReadPartial(m_maxLineLen, &pos) : n;
+    pos = 0;
+    int r = ReadPartial(9, &pos);
+    if (r < 0 || m_buf.compare(0, 7, "Error: ") != 0) return r < 0 ? r : n;
+    r = ReadPartial(m_maxLineLen, &pos);
+    if (r < 0) return r;
+    m_lastError = m_buf.substr(0, static_cast<size_t>(r));
+    int rest = ReadLine();
+    return rest == kStuck || rest == kClosed ? rest : -EIO;
 }
 
 bool ScriptedShellClient::Greet(const std::string& comment)
 {
-    for (;;) {
-        int pos = 0;
-        int n = ReadPartial(4, &pos);
-        if (n < 0) return false;
-        if (m_buf.compare(0, 3, "#> ") == 0) break;
+    for (int pos = 0; ReadPartial(4, &pos) >= 0 && m_buf.compare(0, 3, "#> ") != 0; pos = 0)
         if (ReadPartial(8000, &pos) < 0) return false;
-    }
-    std::string line = "comment " + comment + "\r\n";
-    return m_transport.Send(line) && ReadPartial(4) == 3 && m_buf == "#> ";
+    return m_buf.compare(0, 3, "#> ") == 0 && m_transport.Send("comment " + comment + "\r\n") && Prompt();
 }
 
 bool ScriptedShellClient::Setup()
 {
-    if (!m_transport.Send("shell \\ |\r\n")) return false;
-    int n = ReadLine();
-    if (n < 0) return false;
+    if (!m_transport.Send("shell \\ |\r\n") || ReadLine() < 0) return false;
     m_notReady = Line().find("not ready") != std::string::npos;
-    if (m_notReady) return false;
-    if (ReadPartial(2) < 0 || ReadPartial(9) < 0) return false;
-    if (!m_transport.Send(".header on\r\n")) return false;
+    if (m_notReady || ReadPartial(2) < 0 || ReadPartial(9) < 0 || !m_transport.Send(".header on\r\n")) return false;
     for (int maxLen : {2, 9, 9, 9})
         if (ReadPartial(maxLen) < 0) return false;
     m_eof = true;
@@ -146,18 +94,15 @@ int ScriptedShellClient::Exec(const std::string& statement, std::vector<std::str
 {
     lines.clear();
     if (!m_transport.Send(statement + "\r\n")) return kClosed;
-    for (;;) {
-        int n = ReadLine();
-        if (n < 0) return n;
-        if (m_eof) return 0;
-        lines.push_back(Line());
-    }
+    int n;
+    while ((n = ReadLine()) >= 0 && !m_eof) lines.push_back(Line());
+    return n < 0 ? n : 0;
 }
 
 bool ScriptedShellClient::Subscribe(const std::string& tableAndWords)
 {
     m_first = true;
-    return m_transport.Send("monitor " + tableAndWords + "\r\n") && ReadPartial(4) == 3 && m_buf == "#> ";
+    return m_transport.Send("monitor " + tableAndWords + "\r\n") && Prompt();
 }
 
 bool ScriptedShellClient::NextEvent(std::string& event)

@@ -1,37 +1,24 @@
 #include "sim_lan.h"
 
 #include <fcntl.h>
-#include <sched.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
 #include <thread>
 
-namespace {
+#include "fixed_paths.h"
 
-const char kIp[] = "/sbin/ip";
-
-std::string unique_name()
+SimLan::SimLan(const std::vector<std::string>& upArgs)
 {
     static std::atomic<int> counter{0};
-    return "vt" + std::to_string(getpid()) + "x" + std::to_string(counter++);
-}
-
-}  // namespace
-
-SimLan::SimLan(const std::vector<std::string>& upArgs) : m_name(unique_name())
-{
+    m_name = "vt" + std::to_string(getpid()) + "x" + std::to_string(counter++);
     std::vector<std::string> args = {"up"};
     args.insert(args.end(), upArgs.begin(), upArgs.end());
     RunResult r = Script(args);
     m_up = r.status == 0;
     m_error = r.out + r.err;
 }
-
-SimLan::~SimLan() { (void)Script({"down"}); }
 
 RunResult SimLan::Script(const std::vector<std::string>& args) const
 {
@@ -49,17 +36,16 @@ RunResult SimLan::Script(const std::vector<std::string>& args) const
 
 std::string SimLan::SimLog() const
 {
-    std::stringstream text;
     const char* tmp = getenv("TMPDIR");
-    text << std::ifstream(std::string(tmp && *tmp ? tmp : "/tmp") + "/" + m_name + ".sim.log").rdbuf();
-    return text.str();
+    return ReadFile(std::string(tmp && *tmp ? tmp : "/tmp") + "/" + m_name + ".sim.log");
 }
 
 RunResult SimLan::Vtest(const std::vector<std::string>& args, const std::vector<std::string>& prefix) const
 {
-    std::vector<std::string> argv = {kIp, "netns", "exec", Client()};
+    std::vector<std::string> argv = {"/sbin/ip", "netns", "exec", Client()};
     argv.insert(argv.end(), prefix.begin(), prefix.end());
-    for (const std::string& word : TargetArgv(VTEST_BINARY, args)) argv.push_back(word);
+    std::vector<std::string> vtest = TargetArgv(VTEST_BINARY, args);
+    argv.insert(argv.end(), vtest.begin(), vtest.end());
     return RunProgram(argv);
 }
 

@@ -14,7 +14,7 @@ class SimLan {
 public:
     // `upArgs`: what follows "sim-lan.sh up".
     explicit SimLan(const std::vector<std::string>& upArgs);
-    ~SimLan();
+    ~SimLan() { (void)Script({"down"}); }
     SimLan(const SimLan&) = delete;
     SimLan& operator=(const SimLan&) = delete;
 
@@ -35,15 +35,14 @@ private:
     std::string m_error;
 };
 
-// Runs `body` on a thread that joined network namespace `name` (sockets
-// made there stay in it). False when it could not join.
+// Runs `body` on a thread that joined network namespace `name` (its sockets
+// stay there). False when it could not join.
 bool RunInNetns(const std::string& name, const std::function<void()>& body);
 
-// Skips the test where network namespaces cannot be made (not root, or
-// under user-mode emulation).
-#define SKIP_WITHOUT_NETNS()                                                  \
-    do {                                                                      \
-        SKIP_IF_EMULATED(EmulationGap::Namespaces);                           \
-        std::string netnsWhy_ = NamespacesUnavailableReason(CLONE_NEWNET);    \
-        if (!netnsWhy_.empty()) GTEST_SKIP() << netnsWhy_;                    \
+// Skips where network namespaces cannot be made (not root, or emulated).
+#define SKIP_WITHOUT_NETNS()                                               \
+    do {                                                                   \
+        SKIP_IF_EMULATED(EmulationGap::Namespaces);                        \
+        std::string netnsWhy_ = NamespacesUnavailableReason(CLONE_NEWNET); \
+        if (!netnsWhy_.empty()) GTEST_SKIP() << netnsWhy_;                 \
     } while (0)

@@ -32,22 +32,19 @@ inline std::vector<SmtpTurn> SmtpTurns(bool login, const std::string& eol = "\n"
     return turns;
 }
 
-// How the peer sends one reply.
+// How the peer sends one reply (by default in one piece).
 using SmtpReply = std::function<Script(const std::string&)>;
-inline Script SmtpSend(const std::string& reply) { return {Send(reply)}; }
 
 // The peer plays turns [0, upTo), reads turn upTo's client part, then plays `tail`.
 inline Script SmtpScript(const std::vector<SmtpTurn>& turns, size_t upTo, Script tail = {},
-                         const SmtpReply& reply = SmtpSend)
+                         const SmtpReply& reply = nullptr)
 {
     Script script;
     for (size_t i = 0; i <= upTo && i < turns.size(); i++) {
         const std::string& client = turns[i].client;
         if (!client.empty()) script.push_back(client == kSmtpDataEnd ? ExpectUntil(client) : Expect(client));
         if (i == upTo) break;
-        Script sent = reply(turns[i].server);
-        script.insert(script.end(), sent.begin(), sent.end());
+        script = Then(script, reply ? reply(turns[i].server) : Script{Send(turns[i].server)});
     }
-    script.insert(script.end(), tail.begin(), tail.end());
-    return script;
+    return Then(script, tail);
 }

@@ -1,6 +1,5 @@
-// Scripts of a database shell server for the client tests: the greeting,
-// the connection set-up of SqlWrapper and the monitor subscription, as byte
-// exact steps.
+// Scripts of a database shell server for the client tests: the greeting, the
+// set-up of SqlWrapper and the monitor subscription, as byte-exact steps.
 #pragma once
 
 #include <unistd.h>
@@ -13,15 +12,7 @@
 // What the client sends to introduce itself.
 inline std::string CommentLine(const std::string& comment)
 {
-    std::string pid = std::to_string(getpid());
-    return comment.empty() ? "comment [pid=" + pid + "]\r\n" : "comment [pid=" + pid + "] " + comment + "\r\n";
-}
-
-// Appends `more` to `script`.
-inline Script Then(Script script, const Script& more)
-{
-    script.insert(script.end(), more.begin(), more.end());
-    return script;
+    return "comment [pid=" + std::to_string(getpid()) + "]" + (comment.empty() ? "" : " " + comment) + "\r\n";
 }
 
 // Banner, prompt, the comment and the prompt that answers it.
@@ -32,20 +23,22 @@ inline Script Greeting(const std::string& comment, const std::string& banner = "
 
 // How the server ends every answer: the marker, the prompt, a line end.
 const char kAnswerEnd[] = "\v#> \n";
-// A directive's answer. After "shell" the client reads it as a line, then 1
-// and 8 bytes; after ".header on" as 1, 8, 8 and 8 bytes.
-const std::string kOkAnswer = std::string("OK\n") + kAnswerEnd;
 
-// A SqlWrapper's connection set-up: greeting, "shell" and ".header on".
-inline Script Prepared(const Script& more = {}, const std::string& comment = "SQL Wrapper")
+// A statement and its answer, the end of the answer added.
+inline Script Answer(const std::string& statement, const std::string& answer)
 {
-    return Then(Then(Greeting(comment), {Expect("shell \\ |\r\n"), Send(kOkAnswer), Expect(".header on\r\n"),
-                                         Send(kOkAnswer)}),
-                more);
+    return {Expect(statement + "\r\n"), Send(answer + kAnswerEnd)};
 }
 
-// The script for a client in another process (vtest): its comment line
-// carries that process's id, so the line is taken up to its end unchecked.
+// A SqlWrapper's set-up: greeting, "shell" and ".header on" (whose answers it
+// reads as a line then 1 and 8 bytes, and as 1, 8, 8 and 8 bytes).
+inline Script Prepared(const Script& more = {}, const std::string& comment = "SQL Wrapper")
+{
+    return Then(Then(Greeting(comment), Then(Answer("shell \\ |", "OK\n"), Answer(".header on", "OK\n"))), more);
+}
+
+// For a client in another process (vtest), whose comment line carries its own
+// process id: the line is taken up to its end unchecked.
 inline Script FromChild(Script script)
 {
     for (ScriptStep& step : script)
@@ -54,7 +47,7 @@ inline Script FromChild(Script script)
     return script;
 }
 
-// Received bytes with every process id as "N" (another process's comment).
+// Received bytes with every process id as "N".
 inline std::string AnyPid(const std::string& bytes)
 {
     return std::regex_replace(bytes, std::regex("pid=[0-9]+"), "pid=N");
@@ -75,15 +68,8 @@ inline std::string ExecFailed(const std::string& why)
     return "SqlWrapper:Exec() - failed (" + why + "): " + why + ".\n";
 }
 
-// The "--server=" option naming the scripted server.
 inline std::string ServerOption(const ScriptedServer& server)
 {
     char text[SockAddr::m_strLen];
     return std::string("--server=") + server.Addr().Str(text, true);
-}
-
-// A statement and its answer, the end of the answer added.
-inline Script Answer(const std::string& statement, const std::string& answer)
-{
-    return {Expect(statement + "\r\n"), Send(answer + kAnswerEnd)};
 }

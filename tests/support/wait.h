@@ -1,12 +1,13 @@
-// Bounded waiting on a condition: polls every 2 ms.
+// Bounded waiting: on a condition (polled every 2 ms) or on a descriptor.
 #pragma once
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <string>
 
-// True as soon as `done()` holds; false when `timeoutMs` milliseconds pass
-// first.
+// True as soon as `done()` holds; false when `timeoutMs` pass first.
 template <class Condition>
 bool WaitUntil(Condition done, int timeoutMs)
 {
@@ -18,9 +19,20 @@ bool WaitUntil(Condition done, int timeoutMs)
     return true;
 }
 
-// Milliseconds since `start`.
 inline long MsSince(std::chrono::steady_clock::time_point start)
 {
     return static_cast<long>(
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
+}
+
+// Appends what `fd` gives within `waitMs`: 1, 0 when nothing came, -1 at its end.
+inline int ReadWithin(int fd, std::string& into, int waitMs)
+{
+    pollfd p = {fd, POLLIN, 0};
+    if (fd < 0) return -1;
+    if (poll(&p, 1, waitMs) <= 0) return 0;
+    char chunk[65536];
+    ssize_t n = read(fd, chunk, sizeof chunk);
+    if (n > 0) into.append(chunk, static_cast<size_t>(n));
+    return n > 0 ? 1 : -1;
 }
