@@ -55,9 +55,6 @@ int RoutedChecks()
 
 TEST(RoutedUnit, AnswersThroughARouterWithTcpKeepAlive)
 {
-#ifdef VTEST_EMULATOR
-    GTEST_SKIP() << "under user-mode emulation: vtest and the simulator would start inside namespaces the test enters";
-#endif
     std::string why = NamespacesUnavailableReason(CLONE_NEWNS | CLONE_NEWNET);
     if (!why.empty()) GTEST_SKIP() << why;
     EXPECT_EQ(RunInNamespaces(CLONE_NEWNS | CLONE_NEWNET, RoutedChecks, 60000), 0);
