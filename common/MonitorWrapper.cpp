@@ -100,9 +100,15 @@ bool MonitorWrapper::Subscribe(int& retry)
         if (!ShouldContinue(retry)) return false;
         // One attempt per round: the rounds are the retries, a second apart.
         Close();
-        QuietConnect(m_failing);
+        bool quiet = m_failing;
+        QuietConnect(quiet);
         m_failing = !Connect();
         if (!m_failing && Request()) return true;
+        // The first failed connect of a spell is logged with its reason (a
+        // silent greeting included, which the socket does not see); a stop is
+        // no failure.
+        if (m_failing && !quiet && !Thread::ShouldStop() && !PrivateConnection::ShouldStop())
+            syslog_safe(3, "<MonitorWrapper> Connect failed: %s.", ConnectFailure().c_str());
     }
 }
 

@@ -205,6 +205,7 @@ TEST_F(SqlCommands, MonitorPrintsChangesAndItsStateAndGivesUpOnARefusedTable)
     EXPECT_EQ(monitor.Wait(5000), 0);
     EXPECT_EQ(OperatorErrors(monitor.Output()), start + subscribed + "insert Hardware 99\n" + lost);
     EXPECT_EQ(CountOf(monitor.Output(), "Unable to connect"), 1u) << monitor.Output();
+    EXPECT_EQ(CountOf(monitor.Output(), "<MonitorWrapper> Connect failed: connection refused by " + at + "."), 1u);
 }
 
 TEST_F(SqlCommands, SelfTestPassesAndReportsAMissingEventsTable)
