@@ -45,8 +45,8 @@ no_rp_filter() {  # no_rp_filter NAMESPACE DEVICE...
 }
 
 start_sim() {  # start_sim N|FILE SIM-OPTION...
-  local spec=$1; shift
-  ip netns exec "$units" ${SIM_EMULATOR:-} "$sim" --listen=127.0.0.1:3543 --discovery-units="$spec" "$@" \
+  local count_or_file=$1; shift
+  ip netns exec "$units" ${SIM_EMULATOR:-} "$sim" --listen=127.0.0.1:3543 --discovery-units="$count_or_file" "$@" \
     >"$state.sim.log" 2>&1 &
   echo $! >"$state.pid"
   for _ in $(seq $ready_tries); do
@@ -59,8 +59,8 @@ start_sim() {  # start_sim N|FILE SIM-OPTION...
 }
 
 up() {
-  local spec=${1:-}; shift || true
-  [[ $spec =~ ^[0-9]+$ || -f $spec ]] || die "up needs a unit count or a units file"
+  local count_or_file=${1:-}; shift || true
+  [[ $count_or_file =~ ^[0-9]+$ || -f $count_or_file ]] || die "up needs a unit count or a units file"
   local route=1 cif=eth0
   while [ $# -gt 0 ]; do
     case $1 in
@@ -90,7 +90,7 @@ up() {
     local mac; mac=$(ip -n "$client" -br link show "$cif" | awk '{print $3}')
     ip -n "$units" neigh replace 192.168.77.1 lladdr "$mac" dev lan0 nud permanent
   fi
-  if [ "$spec" != 0 ]; then start_sim "$spec" "$@"; fi
+  if [ "$count_or_file" != 0 ]; then start_sim "$count_or_file" "$@"; fi
 }
 
 down() {
