@@ -166,8 +166,7 @@ int run_lines(SqlWrapper& sql, int fd, const char* name, bool pairs)
             return -ENOENT;
         }
         if (next == ScriptReader::kRefused) {
-            sql_error("%s:%d [%s] %s\n", name, reader.Number(), reader.Reason().c_str(),
-                    reader.Preview().c_str());
+            sql_error("%s:%d [%s] %s\n", name, reader.Number(), reader.Reason().c_str(), reader.Preview().c_str());
             rv = -ENOENT;
             continue;
         }
