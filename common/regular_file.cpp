@@ -49,9 +49,11 @@ int regular_file_open(const char* path, struct stat* st)
         close(fd);
         return -err;
     }
-    if (!S_ISREG(opened.st_mode) || !same_file(seen, opened)) {
+    // The path may name another file by now (a writer renamed a new one over
+    // it): any regular file is as good to read; anything else is refused.
+    if (!S_ISREG(opened.st_mode)) {
         close(fd);
-        return -EAGAIN;
+        return S_ISDIR(opened.st_mode) ? -EISDIR : -EINVAL;
     }
     if (st) *st = opened;
     return fd;
@@ -62,7 +64,6 @@ int regular_file_read(const char* path, size_t cap, std::string& out, struct sta
     for (int attempt = 0; attempt < kReadTries; attempt++) {
         struct stat before, after;
         int fd = regular_file_open(path, &before);
-        if (fd == -EAGAIN) continue;
         if (fd < 0) return fd;
         std::string text;
         int rv = read_all(fd, cap, text);

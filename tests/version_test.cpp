@@ -84,7 +84,7 @@ TEST_F(VersionFile, WriteReplacesWholeAndLeavesNothingElse)
 }
 
 // A reader racing a writer that replaces the file sees one whole number or
-// the other, never a part of one, and a replaced file is simply read again.
+// the other, never a part of one, however often it is replaced.
 TEST_F(VersionFile, ReaderNeverSeesHalfANumber)
 {
     const uint64_t kShort = 7, kLong = 1234567890123;
