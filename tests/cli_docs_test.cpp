@@ -1,5 +1,5 @@
-// The man page and the bash completion are generated from the sources; these
-// tests hold them to what the built tool really prints and accepts.
+// The man page and the bash completion are generated from the sources; these tests hold them to what the built
+// tool really prints and accepts.
 #include <gtest/gtest.h>
 
 #include <regex>
@@ -10,58 +10,28 @@
 
 namespace {
 
-// The synopsis lines of the usage text, with the program path as "vtest".
-std::vector<std::string> UsageSynopses()
+// The usage text's synopsis lines, the program path shown as "vtest".
+std::string UsageSynopses()
 {
-    RunResult r = RunVtest({"no-such-command"});
-    std::vector<std::string> lines;
-    std::istringstream text(r.err);
-    for (std::string line; std::getline(text, line);)
-        if (line.rfind(VTEST_BINARY, 0) == 0) lines.push_back("vtest" + line.substr(strlen(VTEST_BINARY)));
+    std::istringstream in(RunVtest({"no-such-command"}).err);
+    std::string lines;
+    for (std::string line; std::getline(in, line);)
+        if (line.rfind(VTEST_BINARY, 0) == 0) lines += "vtest" + line.substr(strlen(VTEST_BINARY)) + "\n";
     return lines;
 }
 
-// The SYNOPSIS block of the man page as a reader sees it.
-std::vector<std::string> ManSynopses()
+TEST(CliDocs, ManPageShowsTheUsageSynopsesAndNamesEveryCommand)
 {
-    std::string page = ReadFile(VTEST_MAN_PAGE);
-    size_t from = page.find(".SH SYNOPSIS\n.nf\n"), to = page.find(".fi\n", from);
-    std::istringstream block(page.substr(from + 17, to - from - 17));
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(block, line);) {
-        line = std::regex_replace(line, std::regex(R"(\\f[BIR])"), "");
-        lines.push_back(std::regex_replace(line, std::regex(R"(\\-)"), "-"));
-    }
-    return lines;
-}
-
-TEST(CliDocs, ManSynopsisIsTheUsageTextPlusSslinit)
-{
-    std::vector<std::string> expected = UsageSynopses();
-    ASSERT_EQ(expected.size(), 13u);
-    expected.push_back("vtest sslinit [-altbase <dir>]");
-    EXPECT_EQ(ManSynopses(), expected);
-}
-
-// The man page and the package name every command of the dispatch table.
-TEST(CliDocs, ManPageNamesEveryCommand)
-{
-    std::string page = std::regex_replace(ReadFile(VTEST_MAN_PAGE), std::regex("\n"), " ");
+    const std::string usage = UsageSynopses();
+    ASSERT_EQ(CountOf(usage, "\n"), 13u);
+    std::string page = std::regex_replace(ReadFile(VTEST_MAN_PAGE), std::regex(R"(\\f[BIR])"), "");
     page = std::regex_replace(page, std::regex(R"(\\-)"), "-");
-    EXPECT_NE(page.find("Commands in this build: backlog, discover, ipconfig, sql, sql_file, monitor, elf, exec, mail, "
+    size_t from = page.find(".SH SYNOPSIS\n.nf\n") + 17, to = page.find(".fi\n", from);
+    EXPECT_EQ(page.substr(from, to - from), usage + "vtest sslinit [-altbase <dir>]\n");
+    EXPECT_NE(std::regex_replace(page, std::regex("\n"), " ")
+                  .find("Commands in this build: backlog, discover, ipconfig, sql, sql_file, monitor, elf, exec, mail, "
                         "time, sec-exec, usb, sslinit, and the self-test."),
-              std::string::npos)
-        << page.substr(0, 2000);
-}
-
-// What the completion offers for a command line whose last word is being typed.
-std::string Complete(const std::string& words)
-{
-    std::string script = "source '" VTEST_COMPLETION "'; COMP_WORDS=(" + words +
-                         "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _vtest; echo \"${COMPREPLY[*]}\"";
-    RunResult r = RunProgram({"/bin/bash", "-c", script});
-    EXPECT_EQ(r.status, 0) << r.err;
-    return r.out;
+              std::string::npos);
 }
 
 TEST(CliDocs, CompletionOffersCommandWordsAndEachCommandsOptions)
@@ -69,12 +39,17 @@ TEST(CliDocs, CompletionOffersCommandWordsAndEachCommandsOptions)
     const std::pair<const char*, const char*> cases[] = {
         {"vtest ''", "backlog discover ipconfig sql sql_file monitor elf exec mail time sec-exec usb sslinit --server=\n"},
         {"vtest s", "sql sql_file sec-exec sslinit\n"}, {"vtest sql --", "--pairs --server= --stdin\n"},
-        {"vtest sql_file --p", "--pairs\n"}, {"vtest monitor --", "--server=\n"},
-        {"vtest monitor Hardware ''", "insert update delete\n"}, {"vtest exec --", "--server= --stdin --file\n"},
-        {"vtest mail --", "--user= --password= --debug\n"}, {"vtest time --", "--tz=\n"}, {"vtest usb r", "reset\n"},
-        {"vtest discover t", "tree\n"}, {"vtest sslinit -", "-altbase\n"}, {"vtest backlog --", "\n"},
+        {"vtest sql_file --p", "--pairs\n"}, {"vtest monitor Hardware ''", "insert update delete\n"},
+        {"vtest exec --", "--server= --stdin --file\n"}, {"vtest mail --", "--user= --password= --debug\n"},
+        {"vtest time --", "--tz=\n"}, {"vtest usb r", "reset\n"}, {"vtest discover t", "tree\n"},
+        {"vtest sslinit -", "-altbase\n"}, {"vtest backlog --", "\n"},
     };
-    for (const auto& [words, offered] : cases) EXPECT_EQ(Complete(words), offered) << words;
+    for (const auto& [words, offered] : cases) {
+        std::string script = "source '" VTEST_COMPLETION "'; COMP_WORDS=(" + std::string(words) +
+                             "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _vtest; echo \"${COMPREPLY[*]}\"";
+        RunResult r = RunProgram({"/bin/bash", "-c", script});
+        EXPECT_EQ(r.out + r.err, offered) << words;
+    }
 }
 
 }  // namespace

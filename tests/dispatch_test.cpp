@@ -1,7 +1,8 @@
-// The dispatch table: the fixed usage text for every word it does not know,
-// and the usb command's asymmetric argument errors.
+// The dispatch table: the fixed usage text for every word it does not know, and the usb command's asymmetric
+// argument errors.
 #include <gtest/gtest.h>
 
+#include <regex>
 #include <tuple>
 
 #include "process.h"
@@ -26,16 +27,9 @@ const char* const kUsage =
     "%s sec-exec <params>\n\tSecure exec (same as from daemon).\n"
     "%s usb reset <hub>\n\tReset USB hub.\n";
 
-std::string ExpectedUsage()
-{
-    std::string out = kUsage;
-    for (size_t at; (at = out.find("%s")) != std::string::npos;) out.replace(at, 2, VTEST_BINARY);
-    return out;
-}
-
 TEST(Dispatch, EachWordReachesItsHandlerOrTheUsageText)
 {
-    const std::string usage = ExpectedUsage();
+    const std::string usage = std::regex_replace(kUsage, std::regex("%s"), VTEST_BINARY);
     const struct { std::vector<std::string> args; int status; std::string out, err; } cases[] = {
         // -1: the self-test ran (any status but 255, no usage text)
         {{"FOO"}, 255, "", usage}, {{"SQL", "x"}, 255, "", usage}, {{"--server=1.2.3.4", "sql", "x"}, 255, "", usage},

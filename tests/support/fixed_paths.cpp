@@ -1,39 +1,25 @@
 #include "fixed_paths.h"
 
 #include <sched.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <fstream>
 #include <sstream>
 
 #include "process.h"
-
-namespace {
-
-// The whole file behind `fd`, from its start.
-std::string ReadFd(int fd)
-{
-    std::string text;
-    char buf[4096];
-    ssize_t n;
-    for (off_t at = 0; (n = pread(fd, buf, sizeof buf, at)) > 0; at += n) text.append(buf, static_cast<size_t>(n));
-    return text;
-}
-
-}  // namespace
+#include "wait.h"
 
 std::string RunInMountNamespace(const std::function<std::string()>& body)
 {
-    FILE* report = tmpfile();
-    int rv = report ? RunInNamespaces(CLONE_NEWNS, [&] {
+    int report = memfd_create("report", MFD_CLOEXEC);
+    int rv = report >= 0 ? RunInNamespaces(CLONE_NEWNS, [&] {
         std::string text = body();
-        return write(fileno(report), text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1;
+        return write(report, text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1;
     }) : -1;
-    std::string text = rv == 0 ? ReadFd(fileno(report)) : "namespace failed";
-    if (report) fclose(report);
+    std::string text = rv == 0 ? ReadFd(report) : "namespace failed";
+    if (report >= 0) close(report);
     return text;
 }
 
@@ -61,9 +47,7 @@ std::string ReadFile(const std::string& path)
 StderrCapture::StderrCapture()
 {
     fflush(stderr);
-    FILE* file = tmpfile();
-    m_file = file ? dup(fileno(file)) : -1;
-    if (file) fclose(file);
+    m_file = memfd_create("stderr", MFD_CLOEXEC);
     m_saved = dup(2);
     if (m_file >= 0) dup2(m_file, 2);
 }

@@ -1,16 +1,23 @@
 #include "process.h"
 
 #include <fcntl.h>
+#include <linux/if_ether.h>
+#include <netinet/in.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <sstream>
+#include <thread>
 
 #include "wait.h"
 
@@ -37,30 +44,13 @@ pid_t Spawn(const std::vector<std::string>& argv, int in, int out, int err, bool
     pid_t pid = fork();
     if (pid != 0) return pid;
     if (dieWithParent) prctl(PR_SET_PDEATHSIG, SIGKILL);
-    dup2(in, 0);
-    dup2(out, 1);
-    dup2(err, 2);
+    dup2(in, 0), dup2(out, 1), dup2(err, 2);
     execv(args[0], args.data());
     _exit(127);
 }
 
-// A program that exits before reading all its input must not kill the test
-// with SIGPIPE: block it around the write (this thread only) and drop a pending one.
-ssize_t WriteNoSigpipe(int fd, const void* data, size_t size)
-{
-    sigset_t pipeOnly, old;
-    sigemptyset(&pipeOnly);
-    sigaddset(&pipeOnly, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &pipeOnly, &old);
-    ssize_t n = write(fd, data, size);
-    timespec none = {0, 0};
-    if (n < 0 && errno == EPIPE) (void)sigtimedwait(&pipeOnly, nullptr, &none);
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    return n;
-}
-
-// In the new mount namespace: a tmpfs on /var/local, and /etc an overlay whose
-// writes land in a tmpfs on `scratch` (made and removed by the parent).
+// In the new mount namespace: a tmpfs on /var/local, and /etc an overlay whose writes land in a tmpfs on
+// `scratch` (made and removed by the parent).
 bool MakePrivatePaths(const std::string& scratch)
 {
     std::string up = scratch + "/up", work = scratch + "/work";
@@ -71,6 +61,32 @@ bool MakePrivatePaths(const std::string& scratch)
            mount("tmpfs", scratch.c_str(), "tmpfs", 0, "mode=0755") == 0 && mkdir(up.c_str(), 0755) == 0 &&
            mkdir(work.c_str(), 0755) == 0 && mount("overlay", "/etc", "overlay", 0, options.c_str()) == 0;
 }
+
+#ifdef VTEST_EMULATOR
+// qemu 7.2 passes these through, so a failure is the emulator's or the host's. Empty when the socket (and option) work.
+std::string SocketProbe(int family, int type, int protocol, int option = 0)
+{
+    int fd = socket(family, type, protocol), on = 1;
+    bool ok = fd >= 0 && (!option || setsockopt(fd, IPPROTO_IP, option, &on, sizeof on) == 0);
+    std::string why = ok ? "" : std::string(fd < 0 ? "socket" : "setsockopt") + " failed: " + strerror(errno);
+    if (fd >= 0) close(fd);
+    return why;
+}
+
+std::string EmulatedGap(EmulationGap gap)
+{
+    switch (gap) {
+    case EmulationGap::Namespaces: return NamespacesUnavailableReason(CLONE_NEWNS | CLONE_NEWNET);
+    case EmulationGap::PacketSockets: return SocketProbe(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL));
+    case EmulationGap::Ptrace: return "qemu-user does not implement ptrace(2) (ENOSYS)";
+    case EmulationGap::SetIdPrograms: return "qemu-user loads an ARM program as data, so its set-id bits never apply";
+    case EmulationGap::ProcSelfExe:
+        return "qemu-user fakes open(2) of /proc/self/exe but not stat(2), which sees the emulator";
+    case EmulationGap::Transparent: return SocketProbe(AF_INET, SOCK_DGRAM, 0, IP_TRANSPARENT);
+    }
+    return "unknown gap";
+}
+#endif
 
 }  // namespace
 
@@ -84,39 +100,57 @@ int ScaledMs(int ms)
 
 RunResult RunProgram(const std::vector<std::string>& argv, const std::string& input, int timeoutMs)
 {
+    // Input on a socket, so a program that stops reading early gives EPIPE, not SIGPIPE; outputs to files,
+    // so neither side ever waits on the other.
     RunResult result;
-    int in[2], out[2], err[2];
-    if (pipe2(in, O_CLOEXEC) || pipe2(out, O_CLOEXEC) || pipe2(err, O_CLOEXEC)) return result;
-    pid_t pid = Spawn(argv, in[0], out[1], err[1]);
-    for (int fd : {in[0], out[1], err[1]}) close(fd);
-    // Feeds input while draining both outputs, non-blocking, so a large input
-    // never waits on a program whose own output waits for us.
-    fcntl(in[1], F_SETFL, O_NONBLOCK);
-    size_t written = 0;
-    int live[3] = {out[0], err[0], in[1]};
-    std::string* text[2] = {&result.out, &result.err};
-    auto shut = [&](int i) { close(live[i]), live[i] = -1; };
-    auto start = std::chrono::steady_clock::now();
-    const int limit = ScaledMs(timeoutMs);
-    while ((live[0] >= 0 || live[1] >= 0) && MsSince(start) < limit) {
-        if (live[2] >= 0 && written == input.size()) shut(2);
-        pollfd fds[3] = {{live[0], POLLIN, 0}, {live[1], POLLIN, 0}, {live[2], POLLOUT, 0}};
-        if (poll(fds, 3, 50) <= 0) continue;
-        for (int i = 0; i < 2; i++)
-            if (fds[i].revents && ReadWithin(live[i], *text[i], 0) < 0) shut(i);
-        ssize_t n = fds[2].revents ? WriteNoSigpipe(live[2], input.data() + written, input.size() - written) : 0;
-        if (n > 0) written += static_cast<size_t>(n);
-        if (n < 0 && errno != EAGAIN) written = input.size();
+    int in[2] = {-1, -1};
+    int out = memfd_create("out", MFD_CLOEXEC), err = memfd_create("err", MFD_CLOEXEC);
+    if (out >= 0 && err >= 0 && socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, in) == 0) {
+        pid_t pid = Spawn(argv, in[0], out, err);
+        close(in[0]);
+        std::thread feed([&] {
+            ssize_t size = static_cast<ssize_t>(input.size()), at = 0, n;
+            while (at < size && (n = send(in[1], input.data() + at, size - at, MSG_NOSIGNAL)) > 0) at += n;
+            (void)shutdown(in[1], SHUT_WR);
+        });
+        result.status = WaitBounded(pid, ScaledMs(timeoutMs), result.timedOut);
+        (void)shutdown(in[1], SHUT_RDWR);  // ends a send that a surviving grandchild never reads
+        feed.join();
+        close(in[1]);
+        result.out = ReadFd(out);
+        result.err = ReadFd(err);
     }
-    for (int i = 0; i < 3; i++)
-        if (live[i] >= 0) shut(i);
-    result.status = WaitBounded(pid, static_cast<int>(std::max(1L, limit - MsSince(start))), result.timedOut);
+    for (int fd : {out, err})
+        if (fd >= 0) close(fd);
     return result;
 }
 
 RunResult RunVtest(const std::vector<std::string>& args, const std::string& input, int timeoutMs)
 {
     return RunProgram(TargetArgv(VTEST_BINARY, args), input, timeoutMs);
+}
+
+std::vector<std::string> TargetArgv(const std::string& binary, const std::vector<std::string>& args)
+{
+    std::vector<std::string> argv;
+#ifdef VTEST_EMULATOR
+    std::istringstream words(VTEST_EMULATOR);
+    for (std::string word; words >> word;) argv.push_back(word);
+#endif
+    argv.push_back(binary);
+    argv.insert(argv.end(), args.begin(), args.end());
+    return argv;
+}
+
+std::string EmulationSkipReason(EmulationGap gap)
+{
+#ifdef VTEST_EMULATOR
+    std::string why = EmulatedGap(gap);
+    return why.empty() ? "" : "under user-mode emulation: " + why;
+#else
+    (void)gap;
+    return "";
+#endif
 }
 
 size_t CountOf(const std::string& text, const std::string& what)
@@ -200,19 +234,6 @@ bool ChildProcess::WaitForOutput(const std::string& text, int timeoutMs)
     int got = 1;
     auto seen = [&] { return m_out.find(text) != std::string::npos || (got = ReadWithin(m_outFd, m_out, 20)) < 0; };
     return WaitUntil(seen, ScaledMs(timeoutMs)) && got >= 0;
-}
-
-bool ChildProcess::Write(const std::string& text)
-{
-    return write(m_in, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-}
-
-bool ChildProcess::Signal(int signal) { return m_pid > 0 && kill(m_pid, signal) == 0; }
-
-void ChildProcess::CloseInput()
-{
-    if (m_in >= 0) close(m_in);
-    m_in = -1;
 }
 
 int ChildProcess::Wait(int timeoutMs)

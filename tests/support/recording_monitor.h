@@ -1,5 +1,5 @@
-// A table monitor for tests: records its callbacks as "up", "down",
-// "event:<text>" and "refused:<text>", in order, for the test to wait on.
+// A table monitor for tests: records its callbacks as "up", "down", "event:<text>" and "refused:<text>",
+// in order, for the test to wait on.
 #pragma once
 
 #include <unistd.h>
@@ -19,8 +19,7 @@ public:
     {
         m_operations = operations;
     }
-    // Stops before this part goes: the thread must not call into it later.
-    ~RecordingMonitor() override { Stop(); }
+    ~RecordingMonitor() override { Stop(); }  // before this part goes: the thread must not call into it later
 
     void Event(const char* line) override
     {

@@ -6,11 +6,9 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <cerrno>
 
-#include "wait.h"
 
 namespace {
 
@@ -21,11 +19,11 @@ int listen_on(const SockAddr& addr, int backlog, SockAddr& bound)
 {
     int fd = socket(addr.GetAF(), SOCK_STREAM | SOCK_CLOEXEC, 0);
     bound = addr;
-    // The kernel refuses a Unix address longer than its own record.
-    socklen_t len = addr.GetAF() == AF_UNIX ? sizeof(sockaddr_un) : sizeof(sockaddr_all);
-    if (addr.GetAF() == AF_UNIX) (void)unlink(addr.Get().un.sun_path);
+    bool un = addr.GetAF() == AF_UNIX;
+    socklen_t len = un ? sizeof(sockaddr_un) : sizeof(sockaddr_all);  // the kernel refuses a longer Unix address
+    if (un) (void)unlink(addr.Get().un.sun_path);
     if (fd >= 0 && (bind(fd, &addr.Get().addr, len) != 0 || listen(fd, backlog) != 0 ||
-                    (addr.GetAF() != AF_UNIX && getsockname(fd, &bound.GetPrivate().addr, &len) != 0))) {
+                    (!un && getsockname(fd, &bound.GetPrivate().addr, &len) != 0))) {
         close(fd);
         return -1;
     }
@@ -53,7 +51,7 @@ ScriptedServer::ScriptedServer(std::vector<Script> scripts, const SockAddr& list
     : m_scripts(std::move(scripts)), m_stepTimeoutMs(stepTimeoutMs)
 {
     m_listenFd = listen_on(listen, 16, m_addr);
-    if (m_listenFd < 0 || pipe2(m_wakePipe, O_CLOEXEC) != 0 || pipe2(m_releasePipe, O_CLOEXEC) != 0)
+    if (m_listenFd < 0 || pipe2(m_wakePipe, O_CLOEXEC) != 0)
         Fail("cannot listen");
     else
         m_thread = std::thread(&ScriptedServer::Run, this);
@@ -61,35 +59,12 @@ ScriptedServer::ScriptedServer(std::vector<Script> scripts, const SockAddr& list
 
 ScriptedServer::~ScriptedServer()
 {
+    m_going = true;
     if (m_wakePipe[1] >= 0) (void)!write(m_wakePipe[1], "x", 1);
     if (m_thread.joinable()) m_thread.join();
-    for (int fd : {m_listenFd, m_wakePipe[0], m_wakePipe[1], m_releasePipe[0], m_releasePipe[1]})
+    for (int fd : {m_listenFd, m_wakePipe[0], m_wakePipe[1]})
         if (fd >= 0) close(fd);
     if (m_addr.GetAF() == AF_UNIX) (void)unlink(m_addr.Get().un.sun_path);
-}
-
-std::string ScriptedServer::Received(size_t index) const
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    return index < m_received.size() ? m_received[index] : std::string();
-}
-
-bool ScriptedServer::WaitScriptsDone(int timeoutMs) const
-{
-    return WaitUntil([&] { return m_scriptsDone == static_cast<int>(m_scripts.size()); }, timeoutMs);
-}
-
-bool ScriptedServer::WaitClosed(int count, int timeoutMs) const
-{
-    return WaitUntil([&] { return m_closed >= count; }, timeoutMs);
-}
-
-void ScriptedServer::Release() { (void)!write(m_releasePipe[1], "x", 1); }
-
-void ScriptedServer::Fail(const std::string& what)
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    m_failures.push_back(what);
 }
 
 void ScriptedServer::Run()
@@ -116,8 +91,7 @@ void ScriptedServer::Run()
     }
 }
 
-// Appends what arrives within timeoutMs; false when the peer closed, the
-// server is going or nothing came.
+// Appends what arrives within timeoutMs; false when the peer closed, the server is going or nothing came.
 bool ScriptedServer::ReadSome(int fd, size_t index, int timeoutMs)
 {
     pollfd fds[2] = {{fd, POLLIN, 0}, {m_wakePipe[0], POLLIN, 0}};
@@ -137,10 +111,8 @@ void ScriptedServer::Play(int fd, size_t index)
     // Reads until `has` holds for what came; false, the failure recorded, when nothing more comes.
     auto readUntil = [&](const std::string& want, auto has) {
         for (std::string got; !has(got = Received(index));)
-            if (!ReadSome(fd, index, m_stepTimeoutMs)) {
-                Fail(tag + "expected \"" + want + "\", got \"" + got.substr(seen) + "\"");
-                return false;
-            }
+            if (!ReadSome(fd, index, m_stepTimeoutMs))
+                return Fail(tag + "expected \"" + want + "\", got \"" + got.substr(seen) + "\""), false;
         return true;
     };
     for (const ScriptStep& step : m_scripts[index]) {
@@ -154,11 +126,11 @@ void ScriptedServer::Play(int fd, size_t index)
             if (send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size()))
                 Fail(tag + "send failed");
         } else if (hold || step.kind == ScriptStep::Wait) {
-            pollfd fds[2] = {{m_wakePipe[0], POLLIN, 0}, {hold ? m_releasePipe[0] : -1, POLLIN, 0}};
-            int ready = poll(fds, 2, hold ? m_stepTimeoutMs : step.ms);
-            char byte;
-            if (hold && ready == 0) Fail(tag + "never released");
-            if (fds[0].revents || (hold && (ready <= 0 || read(m_releasePipe[0], &byte, 1) != 1))) return;
+            int ms = hold ? m_stepTimeoutMs : step.ms;
+            bool woke = WaitUntil([&] { return m_going || (hold && m_released > 0); }, ms);
+            if (hold && !woke) Fail(tag + "never released");
+            if (m_going || (hold && !woke)) return;
+            if (hold) m_released--;
         } else if (step.kind == ScriptStep::ExpectUntil) {
             size_t found = std::string::npos;
             auto has = [&](const std::string& got) { return (found = got.find(bytes, seen)) != std::string::npos; };
@@ -186,21 +158,14 @@ SockAddr RefusedAddr()
 
 BlackHole::BlackHole()
 {
+    // A backlog-0 listener's queue holds one connection, later SYNs are dropped: fill it until a connect stays pending.
     m_fds.push_back(listen_on(loopback4(), 0, m_addr));
-    // A backlog-0 listener's queue holds one connection; later SYNs are
-    // dropped. Fill it until a connect stays pending.
     for (int i = 0; i < 8 && m_fds.back() >= 0; i++) {
         m_fds.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         (void)connect(m_fds.back(), &m_addr.Get().addr, sizeof(sockaddr_in));
         pollfd pfd = {m_fds.back(), POLLOUT, 0};
         if (poll(&pfd, 1, 200) == 0) return;
     }
-}
-
-BlackHole::~BlackHole()
-{
-    for (int fd : m_fds)
-        if (fd >= 0) close(fd);
 }
 
 ScriptedDatagramPeer::ScriptedDatagramPeer(std::vector<Script> scripts, unsigned short port)
@@ -218,12 +183,6 @@ ScriptedDatagramPeer::~ScriptedDatagramPeer()
     if (m_fd >= 0) close(m_fd);
 }
 
-std::vector<std::string> ScriptedDatagramPeer::Received() const
-{
-    std::lock_guard<std::mutex> guard(m_lock);
-    return m_received;
-}
-
 void ScriptedDatagramPeer::Run()
 {
     std::vector<char> buffer(65536);
@@ -231,9 +190,8 @@ void ScriptedDatagramPeer::Run()
         pollfd p = {m_fd, POLLIN, 0};
         sockaddr_in from = {};
         socklen_t len = sizeof from;
-        ssize_t n = poll(&p, 1, 20) > 0
-                        ? recvfrom(m_fd, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &len)
-                        : -1;
+        auto* to = reinterpret_cast<sockaddr*>(&from);
+        ssize_t n = poll(&p, 1, 20) > 0 ? recvfrom(m_fd, buffer.data(), buffer.size(), 0, to, &len) : -1;
         if (n < 0) continue;
         size_t index;
         {
@@ -245,6 +203,6 @@ void ScriptedDatagramPeer::Run()
             if (step.kind == ScriptStep::Wait)
                 WaitUntil([&] { return m_stop.load(); }, step.ms);
             else if (step.kind == ScriptStep::Send)
-                (void)sendto(m_fd, step.bytes.data(), step.bytes.size(), 0, reinterpret_cast<sockaddr*>(&from), len);
+                (void)sendto(m_fd, step.bytes.data(), step.bytes.size(), 0, to, len);
     }
 }

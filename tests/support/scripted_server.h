@@ -1,7 +1,6 @@
-// The one scripted peer of the tests: a loopback server (TCP over IPv4 or
-// IPv6, or a Unix socket) that plays byte-exact scripts, one per accepted
-// connection in order, and records what each connection received. Extra
-// connections are accepted and closed at once. Every wait is bounded.
+// The one scripted peer of the tests: a loopback server (TCP over IPv4 or IPv6, or a Unix socket) that plays
+// byte-exact scripts, one per accepted connection in order, and records what each received. Extra connections
+// are accepted and closed at once. Every wait is bounded.
 #pragma once
 
 #include <atomic>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "SockAddr.h"
+#include "wait.h"
 
 struct ScriptStep {
     enum Kind { Send, Expect, ExpectUntil, Close, Wait, Hold } kind;
@@ -23,15 +23,12 @@ using Script = std::vector<ScriptStep>;
 inline ScriptStep Send(std::string bytes) { return {ScriptStep::Send, std::move(bytes)}; }
 // Reads exactly these bytes; a difference is a failure.
 inline ScriptStep Expect(std::string bytes) { return {ScriptStep::Expect, std::move(bytes)}; }
-// Reads until what came since the last Expect holds `end` (variable text such
-// as a date, checked afterwards through Received()).
+// Reads until what came since the last Expect holds `end` (variable text, checked later through Received()).
 inline ScriptStep ExpectUntil(std::string end) { return {ScriptStep::ExpectUntil, std::move(end)}; }
-// Closes the connection. Without it the connection stays open, silent, until
-// the client closes it or the server goes.
+// Shuts the connection; without it the connection stays open and silent until the client or the server goes.
 inline ScriptStep Close() { return {ScriptStep::Close, ""}; }
 inline ScriptStep Wait(int ms) { return {ScriptStep::Wait, "", ms}; }
-// Reads nothing until the test calls Release() (a peer that stops reading for
-// as long as the client under test needs to notice).
+// Reads nothing until the test calls Release(): a peer that stops reading.
 inline ScriptStep Hold() { return {ScriptStep::Hold, ""}; }
 inline Script Then(Script script, const Script& more)
 {
@@ -54,15 +51,20 @@ public:
     int Accepted() const { return m_accepted; }
     std::vector<std::chrono::steady_clock::time_point> AcceptTimes() const { return Locked(m_acceptTimes); }
     // Everything connection `index` received (also after its script ended).
-    std::string Received(size_t index) const;
+    std::string Received(size_t index) const
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return index < m_received.size() ? m_received[index] : std::string();
+    }
     // Scripts played to their end or their Close (whose end-of-file is sent).
     int ScriptsDone() const { return m_scriptsDone; }
-    bool WaitScriptsDone(int timeoutMs) const;
-    // True once `count` connections are closed: at a Close step, a failed step,
-    // or after the script when the client closed (Received() then holds all).
-    bool WaitClosed(int count, int timeoutMs) const;
-    // Ends the current or next Hold step.
-    void Release();
+    bool WaitScriptsDone(int timeoutMs) const
+    {
+        return WaitUntil([&] { return m_scriptsDone == static_cast<int>(m_scripts.size()); }, timeoutMs);
+    }
+    // True once `count` connections are closed (at a Close, a failed step, or the client's close after the script).
+    bool WaitClosed(int count, int timeoutMs) const { return WaitUntil([&] { return m_closed >= count; }, timeoutMs); }
+    void Release() { m_released++; }
     // Mismatches and time-outs, one text each.
     std::vector<std::string> Failures() const { return Locked(m_failures); }
 
@@ -76,17 +78,19 @@ private:
     void Run();
     void Play(int fd, size_t index);
     bool ReadSome(int fd, size_t index, int timeoutMs);
-    void Fail(const std::string& what);
+    void Fail(const std::string& what)
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        m_failures.push_back(what);
+    }
 
     std::vector<Script> m_scripts;
     int m_stepTimeoutMs;
     int m_listenFd = -1;
     int m_wakePipe[2] = {-1, -1};
-    int m_releasePipe[2] = {-1, -1};
     SockAddr m_addr;
-    std::atomic<int> m_accepted{0};
-    std::atomic<int> m_scriptsDone{0};
-    std::atomic<int> m_closed{0};
+    std::atomic<int> m_accepted{0}, m_scriptsDone{0}, m_closed{0}, m_released{0};
+    std::atomic<bool> m_going{false};
     mutable std::mutex m_lock;
     std::vector<std::string> m_received;
     std::vector<std::chrono::steady_clock::time_point> m_acceptTimes;
@@ -97,12 +101,15 @@ private:
 // A loopback address (a port just free again) where nothing listens.
 SockAddr RefusedAddr();
 
-// A loopback address whose accept queue is full: a connect hangs (the SYN is
-// dropped) until the client's own time-out, as with a host that drops them.
+// A loopback address whose accept queue is full: a connect hangs (the SYN dropped) until the client gives up.
 class BlackHole {
 public:
     BlackHole();
-    ~BlackHole();
+    ~BlackHole()
+    {
+        for (int fd : m_fds)
+            if (fd >= 0) close(fd);
+    }
     BlackHole(const BlackHole&) = delete;
     BlackHole& operator=(const BlackHole&) = delete;
     SockAddr Addr() const { return m_addr; }
@@ -112,17 +119,20 @@ private:
     SockAddr m_addr;
 };
 
-// The datagram side, for discovery: a UDP socket on `port` of any address, in
-// the network namespace of the thread that makes it; it records each datagram
-// and answers the k-th with script k (Send steps go back to its sender, Wait
-// steps pause; others are ignored).
+// The datagram side, for discovery: a UDP socket on `port` of any address, in the network namespace of the
+// thread that makes it; it records each datagram and answers the k-th with script k (Send goes back to the
+// sender, Wait pauses, other steps are ignored).
 class ScriptedDatagramPeer {
 public:
     ScriptedDatagramPeer(std::vector<Script> scripts, unsigned short port);
     ~ScriptedDatagramPeer();
     ScriptedDatagramPeer(const ScriptedDatagramPeer&) = delete;
     ScriptedDatagramPeer& operator=(const ScriptedDatagramPeer&) = delete;
-    std::vector<std::string> Received() const;
+    std::vector<std::string> Received() const
+    {
+        std::lock_guard<std::mutex> guard(m_lock);
+        return m_received;
+    }
 
 private:
     void Run();

@@ -1,5 +1,5 @@
-// Network namespaces for the discovery tests (which must never broadcast on
-// the host's network): scripts/sim-lan.sh under a name of the test's own.
+// Network namespaces for the discovery tests (which must never broadcast on the host's network):
+// scripts/sim-lan.sh under a name of the test's own.
 #pragma once
 
 #include <sched.h>
@@ -35,14 +35,12 @@ private:
     std::string m_error;
 };
 
-// Runs `body` on a thread that joined network namespace `name` (its sockets
-// stay there). False when it could not join.
+// Runs `body` on a thread that joined network namespace `name` (its sockets stay there); false when it could not.
 bool RunInNetns(const std::string& name, const std::function<void()>& body);
 
 // Skips where network namespaces cannot be made (not root, or emulated).
-#define SKIP_WITHOUT_NETNS()                                               \
-    do {                                                                   \
-        SKIP_IF_EMULATED(EmulationGap::Namespaces);                        \
-        std::string netnsWhy_ = NamespacesUnavailableReason(CLONE_NEWNET); \
-        if (!netnsWhy_.empty()) GTEST_SKIP() << netnsWhy_;                 \
+#define SKIP_WITHOUT_NETNS()                                                                                \
+    do {                                                                                                    \
+        SKIP_IF_EMULATED(EmulationGap::Namespaces);                                                         \
+        if (std::string why_ = NamespacesUnavailableReason(CLONE_NEWNET); !why_.empty()) GTEST_SKIP() << why_; \
     } while (0)

@@ -1,6 +1,5 @@
 #include "sim_runner.h"
 
-#include <signal.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -10,9 +9,6 @@
 
 #include "SockAddr.h"
 #include "fixed_paths.h"
-#include "process.h"
-
-SimRunner::SimRunner() : SimRunner(Options()) {}
 
 SimRunner::SimRunner(const Options& options) : m_dir(MakeTempDir()), m_logPath(m_dir + "/sim.log")
 {
@@ -29,9 +25,9 @@ SimRunner::SimRunner(const Options& options) : m_dir(MakeTempDir()), m_logPath(m
     // Its one line on standard output, once it listens: "vantor-sim listening on <address>, database <path>".
     const std::string lead = "vantor-sim listening on ";
     const std::string& line = m_child->Output();
-    bool ready = m_child->WaitForOutput("\n", 30000) && line.compare(0, lead.size(), lead) == 0;
-    size_t end = line.find(", database ");
-    if (!ready || end == std::string::npos) {
+    size_t end = m_child->WaitForOutput("\n", 30000) && line.compare(0, lead.size(), lead) == 0
+                     ? line.find(", database ") : std::string::npos;
+    if (end == std::string::npos) {
         Stop();
         return;
     }
@@ -43,10 +39,8 @@ SimRunner::SimRunner(const Options& options) : m_dir(MakeTempDir()), m_logPath(m
 SimRunner::~SimRunner()
 {
     Stop();
-    if (!m_dir.empty() && system(("rm -rf '" + m_dir + "'").c_str()) != 0) return;
+    if (!m_dir.empty()) (void)!system(("rm -rf '" + m_dir + "'").c_str());
 }
-
-bool SimRunner::Running() const { return m_child && m_child->Running(); }
 
 std::string SimRunner::Log() const { return ReadFile(m_logPath); }
 
@@ -61,11 +55,4 @@ int SimRunner::Connect() const
         return -1;
     }
     return fd;
-}
-
-int SimRunner::Stop()
-{
-    if (!Running()) return -1;
-    m_child->Signal(SIGTERM);
-    return m_child->Wait(5000);
 }

@@ -15,8 +15,8 @@ struct SmtpTurn {
     std::string server;
 };
 
-// A mail from a@x to b@y, with login as "user" (password "pass" unless
-// another's base64 is given) when asked; commands end in `eol`.
+// A mail from a@x to b@y, with login as "user" (password "pass" unless another's base64 is given) when
+// asked; commands end in `eol`.
 inline std::vector<SmtpTurn> SmtpTurns(bool login, const std::string& eol = "\n",
                                        const std::string& password64 = "cGFzcw==")
 {
@@ -24,8 +24,7 @@ inline std::vector<SmtpTurn> SmtpTurns(bool login, const std::string& eol = "\n"
                                    {"EHLO brix_smtp_client" + eol, "250-mx\r\n250-AUTH PLAIN LOGIN\r\n250 8BITMIME\r\n"}};
     if (login)
         turns.insert(turns.end(), {{"AUTH LOGIN" + eol, "334 VXNlcm5hbWU6\r\n"},
-                                   {"dXNlcg==" + eol, "334 UGFzc3dvcmQ6\r\n"},
-                                   {password64 + eol, "235 welcome\r\n"}});
+                                   {"dXNlcg==" + eol, "334 UGFzc3dvcmQ6\r\n"}, {password64 + eol, "235 welcome\r\n"}});
     turns.insert(turns.end(), {{"MAIL FROM: <a@x>" + eol, "250 ok\r\n"}, {"RCPT TO: <b@y>" + eol, "250 ok\r\n"},
                                {"DATA" + eol, "354 go\r\n"}, {kSmtpDataEnd, "250 queued as 7\r\n"},
                                {"QUIT" + eol, "221 bye\r\n"}});

@@ -1,5 +1,5 @@
-// Scripts of a database shell server for the client tests: the greeting, the
-// set-up of SqlWrapper and the monitor subscription, as byte-exact steps.
+// Scripts of a database shell server for the client tests: the greeting, the set-up of SqlWrapper and the
+// monitor subscription, as byte-exact steps.
 #pragma once
 
 #include <unistd.h>
@@ -24,21 +24,18 @@ inline Script Greeting(const std::string& comment, const std::string& banner = "
 // How the server ends every answer: the marker, the prompt, a line end.
 const char kAnswerEnd[] = "\v#> \n";
 
-// A statement and its answer, the end of the answer added.
 inline Script Answer(const std::string& statement, const std::string& answer)
 {
     return {Expect(statement + "\r\n"), Send(answer + kAnswerEnd)};
 }
 
-// A SqlWrapper's set-up: greeting, "shell" and ".header on" (whose answers it
-// reads as a line then 1 and 8 bytes, and as 1, 8, 8 and 8 bytes).
+// A SqlWrapper's set-up: greeting, "shell" and ".header on" (whose answers it reads in fixed pieces).
 inline Script Prepared(const Script& more = {}, const std::string& comment = "SQL Wrapper")
 {
     return Then(Then(Greeting(comment), Then(Answer("shell \\ |", "OK\n"), Answer(".header on", "OK\n"))), more);
 }
 
-// For a client in another process (vtest), whose comment line carries its own
-// process id: the line is taken up to its end unchecked.
+// For a client in another process (vtest), whose comment line carries its own process id: taken unchecked.
 inline Script FromChild(Script script)
 {
     for (ScriptStep& step : script)

@@ -36,3 +36,13 @@ inline int ReadWithin(int fd, std::string& into, int waitMs)
     if (n > 0) into.append(chunk, static_cast<size_t>(n));
     return n > 0 ? 1 : -1;
 }
+
+// The whole file behind `fd`, from its start.
+inline std::string ReadFd(int fd)
+{
+    std::string text;
+    char buf[4096];
+    ssize_t n;
+    for (off_t at = 0; (n = pread(fd, buf, sizeof buf, at)) > 0; at += n) text.append(buf, static_cast<size_t>(n));
+    return text;
+}
