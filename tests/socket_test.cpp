@@ -251,7 +251,7 @@ TEST(Socket, FailuresAreRefusedAndLogged)
     EXPECT_EQ(closed.printf("x\n"), -EAGAIN);
     StderrCapture log;
     EXPECT_EQ(closed.File(), nullptr);
-    EXPECT_FALSE(name.Create() || refused.Connect() || refused.IsConnected());
+    EXPECT_FALSE(name.Create() || name.Connect() || refused.Connect() || refused.IsConnected());
     std::string lines = LogLines(log.Take());
     EXPECT_EQ(lines.find("warn Can't get FILE for 127.0.0.1:1, no FD, socket 0x"), 0u) << lines;
     EXPECT_NE(lines.find("Socket.cpp:"), std::string::npos) << lines;
