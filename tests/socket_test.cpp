@@ -131,7 +131,7 @@ TEST(Socket, ChecksumsAreSentCheckedAndStripped)
     EXPECT_TRUE(Socket::CheckChecksum(line, len) == -EINVAL && len == size_t(-22));
 }
 
-TEST(Socket, RefusesTextAtTheBufferLimit)
+TEST(Socket, RefusesTextAtTheBufferLimitAndWithoutRoom)
 {
     Pair p;
     const struct { bool checksum; size_t length; int rv; } cases[] = {
@@ -144,26 +144,8 @@ TEST(Socket, RefusesTextAtTheBufferLimit)
         const size_t sent = c.rv > 0 ? size_t(c.rv) : 0;
         EXPECT_EQ(p.Take(sent).size(), sent) << c.length;
     }
-}
-
-// The link-dead check runs when a read meets EAGAIN.
-TEST(Socket, SilentPeerIsDeclaredDead)
-{
-    Pair p;
-    ASSERT_TRUE(p.s->NonBlocking(true));
-    char c;
-    EXPECT_EQ(p.s->read(&c, 1, MSG_DONTWAIT), 0);
-    p.s->LinkDeadTimeout(0);  // dead after more than 0 whole seconds
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(p.s->read(&c, 1, 0), -EPIPE);
-    EXPECT_GE(MsSince(start), 1000);
-    EXPECT_EQ(p.s->ReadLine(), -ESPIPE);
-}
-
-TEST(Socket, SendFlagsWaitForRoomFirst)
-{
-    Pair p;
-    p.s->SendFlags(1);
+    p.s->Checksum(false);
+    p.s->SendFlags(1);  // wait for room first
     EXPECT_EQ(p.s->printf("ok\n"), 3);
     std::string block(65536, 'f');
     while (send(p.s->Fd(), block.data(), block.size(), MSG_DONTWAIT) > 0) {
@@ -206,8 +188,9 @@ TEST(Socket, ReadAheadIsInvisibleToCallers)
     EXPECT_STREQ(fgets(line, sizeof line, f), "e\n");
 }
 
-// Each wait of a read or write is bounded on its own and leaves the link up; Pending() looks without waiting.
-TEST(Socket, WaitsEndWithoutDroppingTheLinkAndPendingLooksAhead)
+// Each wait of a read or write is bounded on its own and leaves the link up, unless the link is dead;
+// Pending() looks without waiting.
+TEST(Socket, WaitsEndWithoutDroppingTheLinkUnlessItIsDead)
 {
     Pair p;
     char c[2];
@@ -224,22 +207,26 @@ TEST(Socket, WaitsEndWithoutDroppingTheLinkAndPendingLooksAhead)
     q.s->WaitTimeout(150);
     std::string big(64 << 20, 'x');
     EXPECT_EQ(q.s->write(big.data(), big.size()), -ETIMEDOUT);  // the peer takes nothing
+    Pair silent;  // the link-dead check runs when a read meets EAGAIN
+    ASSERT_TRUE(silent.s->NonBlocking(true));
+    EXPECT_EQ(silent.s->read(c, 1, MSG_DONTWAIT), 0);
+    silent.s->LinkDeadTimeout(0);  // dead after more than 0 whole seconds
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(silent.s->read(c, 1, 0), -EPIPE);
+    EXPECT_GE(MsSince(start), 1000);
+    EXPECT_EQ(silent.s->ReadLine(), -ESPIPE);
 }
 
-// A reconnection starts clean; a peer closing mid-line leaves the partial line.
-TEST(Socket, ReconnectDropsTheReadAheadAndACloseKeepsAPartialLine)
+// A reconnection starts clean: bytes read ahead on the old connection are gone.
+TEST(Socket, ReconnectDropsTheReadAhead)
 {
-    ScriptedServer server({{Send("a\nstale\n")}, {Send("fresh\nabc"), Close()}});
+    ScriptedServer server({{Send("a\nstale\n")}, {Send("fresh\n")}});
     Socket s(server.Addr());
     ASSERT_TRUE(s.Connect());
     EXPECT_EQ(Line(s), "a");
     s.Disconnect();
     ASSERT_TRUE(s.Connect());
     EXPECT_EQ(Line(s), "fresh");
-    bool complete = true;
-    EXPECT_EQ(s.ReadLine(complete), -EPIPE);
-    EXPECT_FALSE(complete);
-    EXPECT_STREQ(s.RxBuffer(), "abc");
 }
 
 TEST(Socket, FailuresAreRefusedAndLogged)
