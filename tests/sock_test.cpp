@@ -23,8 +23,6 @@ public:
     ~ScriptedSock() override { m_fd = -1; }
     void Disconnect() override { m_fd = -1; }
     bool NonBlocking(bool on) override { return m_nonBlocking = on, true; }
-    size_t ReadBuffered(char* buf, size_t len) override { return Sock::ReadBuffered(buf, len); }
-    int ProcessCompleteLine(char* line, int len) override { return Sock::ProcessCompleteLine(line, len); }
     ssize_t write(const void* buf, size_t len) override
     {
         m_sent.append(static_cast<const char*>(buf), len);

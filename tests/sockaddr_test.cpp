@@ -59,6 +59,7 @@ TEST(SockAddr, TextOfEveryFamilyParsesOrIsRefused)
         {AF_UNIX, "/tmp/x.sock", 0, "/tmp/x.sock"}, {AF_NAME, "eth0", 0, "eth0"}, {AF_NAME, "", -EINVAL, nullptr},
         {AF_MAC, "00:1A:2b:3c:4d:5e", 0, "00:1a:2b:3c:4d:5e"}, {AF_MAC, "00:11:22:33:44", -EINVAL, nullptr},
         {0, "x", -EINVAL, nullptr}, {7, "x", -EINVAL, nullptr}, {36, "x", -EINVAL, nullptr},
+        {AF_UNIX, nullptr, -EINVAL, nullptr},
         {AF_RS485, "7", 0, "7@ttyUSB0!19200/7/o/2"}, {AF_RS485, "3@ttyS1", 0, "3@ttyS1!19200/7/o/2"},
         {AF_RS485, "2@ttyS1!9600/8/e/1", 0, "2@ttyS1!9600/8/e/1"},
         {AF_RS485, "ttyS2!4800/8/n/1", 0, "ttyS2!4800/8/n/1"},
@@ -74,11 +75,9 @@ TEST(SockAddr, TextOfEveryFamilyParsesOrIsRefused)
     };
     for (const Case& c : cases) {
         const std::string label = std::string(SockAddr::Type(c.family)) + " " + (c.text ? c.text : "(null)");
-        SockAddr a(AF_INET, 0x7f000001u, 1), b = a;
+        SockAddr a(AF_INET, 0x7f000001u, 1);  // a failed lookup leaves nothing of it
         EXPECT_EQ(Lookup(a, c.family, c.text), c.rv) << label;
-        EXPECT_EQ(b.Parse(c.family, c.text), c.rv == 0) << label;
         EXPECT_EQ(Text(a), c.printed ? c.printed : "unknown") << label;
-        EXPECT_EQ(Text(b), Text(a)) << label;
         if (c.printed) { EXPECT_EQ(Text(Parsed(c.family, c.printed)), c.printed) << label; }
     }
     SockAddr::SetDefaultSerial(sockaddr_serial{});

