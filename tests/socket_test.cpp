@@ -57,14 +57,14 @@ TEST(Socket, AcceptsAndExchangesLinesInEveryFamily)
     const std::string dir = MakeTempDir(), path = dir + "/s.sock";
     for (const SockAddr& at : {Addr(AF_INET, "127.0.0.1"), Addr(AF_INET6, "::1|0"), Addr(AF_UNIX, path)}) {
         SCOPED_TRACE(at.GetAF());
-        const bool unix = at.GetAF() == AF_UNIX;
-        ASSERT_TRUE(!unix || WriteFile(path, ""));
+        const bool isUnix = at.GetAF() == AF_UNIX;
+        ASSERT_TRUE(!isUnix || WriteFile(path, ""));
         StderrCapture log;
         Socket server(at);
         ASSERT_TRUE(server.Create() && server.Bind() && server.Listen(5));
-        EXPECT_EQ(LogLines(log.Take()), unix ? "info Removing existing file at \"" + path + "\".\n" : "");
+        EXPECT_EQ(LogLines(log.Take()), isUnix ? "info Removing existing file at \"" + path + "\".\n" : "");
         SockAddr remote = at;
-        EXPECT_TRUE(unix || remote.GetSockname(server.Fd()) == 0);
+        EXPECT_TRUE(isUnix || remote.GetSockname(server.Fd()) == 0);
         Socket client(remote);
         ASSERT_TRUE(client.Connect());
         fd_set set;
@@ -87,7 +87,7 @@ TEST(Socket, AcceptsAndExchangesLinesInEveryFamily)
                                           {IPPROTO_TCP, TCP_KEEPCNT, 5}}) {
             int got = -1;
             socklen_t len = sizeof got;
-            if (unix && level == IPPROTO_TCP) continue;
+            if (isUnix && level == IPPROTO_TCP) continue;
             EXPECT_TRUE(getsockopt(client.Fd(), level, name, &got, &len) == 0 && got == value) << name;
         }
         timeval tv = {};
@@ -95,8 +95,8 @@ TEST(Socket, AcceptsAndExchangesLinesInEveryFamily)
         // An accepted end's blocked read wakes every 5 s to check the link.
         EXPECT_TRUE(getsockopt(accepted->Fd(), SOL_SOCKET, SO_RCVTIMEO, &tv, &tvLen) == 0 && tv.tv_sec == 5);
         accepted->Disconnect();
-        EXPECT_TRUE(!unix || std::filesystem::exists(path));
-        if (!unix) continue;
+        EXPECT_TRUE(!isUnix || std::filesystem::exists(path));
+        if (!isUnix) continue;
         EXPECT_EQ(client.printf("x\n"), -EPIPE);  // a Unix peer's close shows on the very next write
         EXPECT_FALSE(client.IsConnected());
         server.Disconnect();
@@ -222,6 +222,7 @@ TEST(Socket, ReconnectDropsTheReadAhead)
     Socket s(server.Addr());
     ASSERT_TRUE(s.Connect());
     EXPECT_EQ(Line(s), "a");
+    EXPECT_TRUE(WaitUntil([&] { return s.Pending() == 6; }, ScaledMs(5000)));  // "stale\n" read ahead
     s.Disconnect();
     ASSERT_TRUE(s.Connect());
     EXPECT_EQ(Line(s), "fresh");
