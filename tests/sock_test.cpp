@@ -23,6 +23,9 @@ public:
     ~ScriptedSock() override { m_fd = -1; }
     void Disconnect() override { m_fd = -1; }
     bool NonBlocking(bool on) override { return m_nonBlocking = on, true; }
+    // Sock's own hooks, as a connection without a read-ahead or checksums has them.
+    size_t ReadBuffered(char* buf, size_t len) override { return Sock::ReadBuffered(buf, len); }
+    int ProcessCompleteLine(char* line, int len) override { return Sock::ProcessCompleteLine(line, len); }
     ssize_t write(const void* buf, size_t len) override
     {
         m_sent.append(static_cast<const char*>(buf), len);
