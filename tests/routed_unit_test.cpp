@@ -1,19 +1,15 @@
-// A unit behind a router: the client and the unit each in a network
-// namespace of their own, on two subnets the test's namespace routes between.
+// A unit behind a router: client and unit each in a network namespace, on two subnets routed between.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <netinet/tcp.h>
 #include <sched.h>
 #include <unistd.h>
 
-#include "Socket.h"
 #include "process.h"
 #include "sim_runner.h"
 
 namespace {
 
-// n1 (the client) on 10.1.0.0/24, n2 (the unit) on 10.2.0.0/24; their names
-// live on a tmpfs of the private mount namespace, so nothing stays behind.
+// n1 (client) on 10.1.0.0/24, n2 (unit) on 10.2.0.0/24, named on a private tmpfs so nothing stays behind.
 const char kNetworks[] =
     "mkdir -p /run/netns && mount -t tmpfs vt /run/netns && echo 1 > /proc/sys/net/ipv4/ip_forward"
     " && for i in 1 2; do ip netns add n$i && ip link add r$i type veth peer name e$i netns n$i"
@@ -28,13 +24,6 @@ bool Enter(const char* path)
     return ok;
 }
 
-int Option(int fd, int level, int name)
-{
-    int value = -1;
-    socklen_t len = sizeof value;
-    return getsockopt(fd, level, name, &value, &len) == 0 ? value : -1;
-}
-
 int RoutedChecks()
 {
     if (system(kNetworks) != 0) return 2;
@@ -45,15 +34,11 @@ int RoutedChecks()
     CHILD_CHECK(sim.Running() && Enter("/run/netns/n1"));
     RunResult r = RunProgram(TargetArgv(VTEST_BINARY, {"sql", "--server=10.2.0.2", "SELECT 42 AS n;"}), "", 30000);
     CHILD_CHECK(r.status == 0 && r.out == "Connecting to 10.2.0.2:3543...\nLine #\t\"n\"\n1.\t\"42\"\t\n");
-    // No packet kept on the local subnet; keep-alive timing is TCP's 5/5/5.
-    Socket socket(SockAddr(AF_INET, 0x0A020002u, 3543));
-    CHILD_CHECK(socket.Connect() && Option(socket.Fd(), SOL_SOCKET, SO_DONTROUTE) == 0);
-    for (int name : {TCP_KEEPIDLE, TCP_KEEPINTVL, TCP_KEEPCNT})
-        CHILD_CHECK(Option(socket.Fd(), IPPROTO_TCP, name) == 5);
     return 0;
 }
 
-TEST(RoutedUnit, AnswersThroughARouterWithTcpKeepAlive)
+// A connection that kept its packets on the local subnet (don't-route) would never reach the unit.
+TEST(RoutedUnit, AnswersThroughARouter)
 {
     std::string why = NamespacesUnavailableReason(CLONE_NEWNS | CLONE_NEWNET);
     if (!why.empty()) GTEST_SKIP() << why;

@@ -1,11 +1,9 @@
-// Line assembly and the live list, over a scripted connection: the input
-// is a byte script whose gaps ('~' = nothing available once) and end (an
-// error, optionally a disconnect) are chosen per case.
+// Line assembly and the live lists over a scripted connection: gaps ('~' = nothing available once) and
+// the end (an error, optionally a disconnect) chosen per case.
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 #include <vector>
 
@@ -14,8 +12,7 @@
 
 namespace {
 
-// Socket with Sock's line handling and scripted reads and writes: its
-// descriptor is never touched.
+// A Socket whose reads and writes are scripted: its descriptor is never touched.
 class ScriptedSock : public Socket {
 public:
     explicit ScriptedSock(std::string input = "", ssize_t end = -EPIPE, bool dropAtEnd = true)
@@ -24,97 +21,74 @@ public:
         m_fd = 7;
     }
     ~ScriptedSock() override { m_fd = -1; }
-    std::string m_sent;
-
     void Disconnect() override { m_fd = -1; }
     bool NonBlocking(bool on) override { return m_nonBlocking = on, true; }
+    // Sock's own hooks, as a connection without a read-ahead or checksums has them.
     size_t ReadBuffered(char* buf, size_t len) override { return Sock::ReadBuffered(buf, len); }
     int ProcessCompleteLine(char* line, int len) override { return Sock::ProcessCompleteLine(line, len); }
     ssize_t write(const void* buf, size_t len) override
     {
         m_sent.append(static_cast<const char*>(buf), len);
-        return static_cast<ssize_t>(len);
+        return ssize_t(len);
     }
     ssize_t read(void* buf, size_t len, int) override
     {
         if (len != 1) return -EINVAL;
-        if (m_at >= m_input.size()) {
-            if (m_drop) Disconnect();
-            return m_end;
-        }
+        if (m_at >= m_input.size() && m_drop) Disconnect();
+        if (m_at >= m_input.size()) return m_end;
         char c = m_input[m_at++];
         if (c == '~') return 0;
         *static_cast<char*>(buf) = c;
         m_rxBytes++;
         return 1;
     }
-
-private:
-    std::string m_input;
+    std::string m_sent, m_input;
     size_t m_at = 0;
     ssize_t m_end;
     bool m_drop;
 };
 
-// Each read as "rv complete|text".
-std::vector<std::string> ReadAll(ScriptedSock& s, size_t count)
-{
-    std::vector<std::string> got;
-    for (bool complete = true; got.size() < count; complete = true) {
-        int rv = s.ReadLine(complete);
-        got.push_back(std::to_string(rv) + " " + std::to_string(complete) + "|" + s.RxBuffer());
-    }
-    return got;
-}
-
-TEST(Sock, LineAssemblyAcrossTerminators)
+// Each read as "rv complete|text"; a line longer than size - 1 comes in pieces, nothing written past them.
+TEST(Sock, LineAssemblyAcrossTerminatorsGapsAndEnds)
 {
     const std::string E = std::to_string(-ESPIPE);
     const struct {
+        const char* label;
         std::string input;
+        int size;
         std::vector<std::string> reads;
         ssize_t end = -EPIPE;
-        bool drop = true, nonBlocking = false;
+        bool drop = true, nonBlocking = false, exiting = false;
     } cases[] = {
-        {"abc\n", {"3 1|abc", E + " 0|"}},
-        {"\n\nabc\n", {"0 0|", "0 0|", "3 1|abc"}},
-        {"ab\r\ncd\n", {"2 1|ab", "0 0|", "2 1|cd"}},
-        {"a\vb\n", {"2 1|ab"}},
-        {"\vx\v\vy\r", {"0 0|", "2 1|xy"}},  // a leading "\v" reads as an empty line
-        {"a~b~\n", {"2 1|ab"}},  // nothing available: sleeps, then goes on
-        {"ab", {E + " 0|ab"}},  // the peer closes mid-line
-        {std::string("a\0b\n", 4), {"3 1|a"}},  // a NUL byte is line content
-        {"ab", {"-5 0|ab"}, -EIO, false},  // an error without a disconnect is passed on
-        {"ab~~c\n", {"2 0|ab", "2 0|ab", "3 1|abc"}, 0, false, true},  // non-blocking: partial lines, kept
+        {"one line", "abc\n", 9, {"3 1|abc", E + " 0|"}},
+        {"empty lines", "\n\nabc\n", 9, {"0 0|", "0 0|", "3 1|abc"}},
+        {"CR LF", "ab\r\ncd\n", 9, {"2 1|ab", "0 0|", "2 1|cd"}},
+        {"vertical tab dropped", "a\vb\n", 9, {"2 1|ab"}},
+        {"leading vertical tab: an empty line", "\vx\v\vy\r", 9, {"0 0|", "2 1|xy"}},
+        {"nothing available: sleeps, goes on", "a~b~\n", 9, {"2 1|ab"}},
+        {"peer closes mid-line", "ab", 9, {E + " 0|ab"}},
+        {"NUL is content", std::string("a\0b\n", 4), 9, {"3 1|a"}},
+        {"error without a disconnect passed on", "ab", 9, {"-5 0|ab"}, -EIO, false},
+        {"non-blocking: partial lines kept", "ab~~c\n", 9, {"2 0|ab", "2 0|ab", "3 1|abc"}, -EAGAIN, false, true},
+        {"exit flag stops assembly", "abc\n", 9, {"0 0|"}, -EPIPE, true, false, true},
+        {"pieces of size - 1", "abcdefg\n", 4, {"3 0|abc", "3 0|def", "1 1|g"}},
+        {"terminator after a full piece", "abc\nd\n", 4, {"3 0|abc", "0 0|", "1 1|d"}},
+        {"vertical tabs across pieces", "ab\v\vcde\n", 4, {"3 0|abc", "2 1|de"}},
     };
     for (const auto& c : cases) {
         ScriptedSock s(c.input, c.end, c.drop);
         s.NonBlocking(c.nonBlocking);
-        EXPECT_EQ(ReadAll(s, c.reads.size()), c.reads) << c.input;
-    }
-}
-
-// A line longer than size - 1 comes in pieces, and nothing is written
-// past the buffer: the bytes after it are a canary.
-TEST(Sock, LongLinesComeInPiecesWithinTheBuffer)
-{
-    const struct { const char* input; std::vector<std::string> reads; } cases[] = {
-        {"abcdefg\n", {"3 0|abc", "3 0|def", "1 1|g"}},
-        {"abc\nd\n", {"3 0|abc", "0 0|", "1 1|d"}},
-        {"ab\v\vcde\n", {"3 0|abc", "2 1|de"}},
-    };
-    for (const auto& c : cases) {
-        ScriptedSock s(c.input);
-        char area[4 + 8];
-        memset(area, '#', sizeof area);
+        daemon_should_exit = c.exiting;
+        std::string area(size_t(c.size) + 8, '#');
         int pos = 0;
         std::vector<std::string> got;
         for (bool complete; got.size() < c.reads.size();) {
-            int rv = s.ReadLine(area, 4, &pos, complete);
-            got.push_back(std::to_string(rv) + " " + std::to_string(complete) + "|" + area);
+            int rv = s.ReadLine(&area[0], c.size, &pos, complete);
+            got.push_back(std::to_string(rv) + " " + std::to_string(complete) + "|" + area.c_str());
         }
-        EXPECT_EQ(got, c.reads) << c.input;
-        EXPECT_EQ(std::string(area + 4, 8), "########") << c.input;
+        daemon_should_exit = false;
+        EXPECT_EQ(got, c.reads) << c.label;
+        EXPECT_EQ(area.substr(size_t(c.size)), "########") << c.label;
     }
 }
 
@@ -124,8 +98,7 @@ TEST(Sock, BadSizesAndPositionsAreRefusedUntouched)
     char buf[4] = {'x', 'x', 'x', 'x'};
     int pos = 4;
     bool complete = true;
-    EXPECT_EQ(s.ReadLine(buf, 4, &pos, complete), -EINVAL);
-    EXPECT_EQ(pos, 4);
+    EXPECT_TRUE(s.ReadLine(buf, 4, &pos, complete) == -EINVAL && pos == 4);
     EXPECT_EQ(s.ReadIncompleteLine(buf, 0, nullptr), -EINVAL);
     EXPECT_EQ(std::string(buf, 4), "xxxx");
     pos = 0;
@@ -134,29 +107,15 @@ TEST(Sock, BadSizesAndPositionsAreRefusedUntouched)
     EXPECT_EQ(s.RxBuffer()[3], '\n');
 }
 
-// The exit flag stops assembly; complete lines are counted twice.
-TEST(Sock, ExitFlagAndByteCount)
-{
-    ScriptedSock s("abc\n\n");
-    daemon_should_exit = true;
-    EXPECT_EQ(s.ReadLine(), 0);
-    daemon_should_exit = false;
-    EXPECT_EQ(ReadAll(s, 2), (std::vector<std::string>{"3 1|abc", "0 0|"}));
-    EXPECT_EQ(s.RxBytes(), 5u + 3u);
-}
-
-// The rows are Socket's own (descriptor, received, sent, address, name).
-TEST(Sock, StatusReportListsLiveConnectionsInCreationOrder)
+// Sock's rows are Socket's own (descriptor, received, sent, address, name), in creation order.
+TEST(Sock, StatusReportsListLiveConnectionsAndTheRegistry)
 {
     const std::string rule(85, '-'), row = " 127.0.0.1:3543 Sock 127.0.0.1:3543\n";
     const std::string header = "\nS o c k e t s\n" + rule + "\n FD  RX bytes  TX bytes  From, name\n" + rule + "\n";
     ScriptedSock out;
-    Sock::StatusReport(&out);
-    EXPECT_EQ(out.m_sent, header + "   7         0         0" + row);
     {
         ScriptedSock other("x\n");
         other.ReadLine();
-        out.m_sent.clear();
         Sock::StatusReport(&out);
         EXPECT_EQ(out.m_sent, header + "   7         0         0" + row + "   7         3         0" + row);
     }
@@ -165,21 +124,17 @@ TEST(Sock, StatusReportListsLiveConnectionsInCreationOrder)
     ScriptedSock later;  // a closed connection cannot take the listing
     Sock::StatusReport(&later);
     EXPECT_EQ(later.m_sent, header + "  -1         0         0" + row + "   7         0         0" + row);
-}
-
-TEST(Debuggable, StatusReportListsTheRegistry)
-{
-    ScriptedSock out;
+    later.m_sent.clear();
     Debuggable named("item %d", 2);
-    char row[64];
-    std::string expected = "\nD e b u g g a b l e ( 2 )\nPtr      Name\n" + std::string(56, '-') + "\n";
-    for (Debuggable* d : {static_cast<Debuggable*>(&out), &named}) {
-        snprintf(row, sizeof row, "%08x %s\n", static_cast<unsigned>(reinterpret_cast<uintptr_t>(d)),
-                 d == &named ? "item 2" : "Sock 127.0.0.1:3543");
-        expected += row;
+    std::string expected = "\nD e b u g g a b l e ( 3 )\nPtr      Name\n" + std::string(56, '-') + "\n";
+    char line[64];
+    for (Debuggable* d : {static_cast<Debuggable*>(&out), static_cast<Debuggable*>(&later), &named}) {
+        const char* name = d == &named ? "item 2" : "Sock 127.0.0.1:3543";
+        snprintf(line, sizeof line, "%08x %s\n", unsigned(uintptr_t(d)), name);
+        expected += line;
     }
-    Debuggable::StatusReport(&out);
-    EXPECT_EQ(out.m_sent, expected);
+    Debuggable::StatusReport(&later);
+    EXPECT_EQ(later.m_sent, expected);
 }
 
 }  // namespace

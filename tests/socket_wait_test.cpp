@@ -1,60 +1,19 @@
-// The bounded waits of Socket that Api does not show (a read wait that ends
-// without dropping the link, a write wait, Pending() on bytes not yet read
-// ahead), and the script-line reader and whole-file reader every command
-// reading files shares. Connect time-outs run through api_test, the kinds
-// of file through version_test.
+// The script-line reader and the whole-file reader that every command reading files shares.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "ScriptReader.h"
-#include "Socket.h"
 #include "fixed_paths.h"
 #include "process.h"
 #include "regular_file.h"
-#include "scripted_server.h"
-#include "wait.h"
 
 namespace {
 
-TEST(SocketWait, EachReadOrWriteWaitTimesOutWithoutDroppingTheLink)
-{
-    ScriptedServer server({{Send("a"), Wait(400), Send("b")}, {Wait(ScaledMs(10000))}});
-    Socket link(server.Addr()), stuck(server.Addr());
-    ASSERT_TRUE(link.Connect() && stuck.Connect());
-    link.LinkDeadTimeout(-1);
-    link.WaitTimeout(150);
-    char c[2];
-    EXPECT_EQ(link.read(c, 1, 0), 1);
-    EXPECT_EQ(link.read(c, 1, 0), -ETIMEDOUT);  // "b" comes 400 ms later
-    EXPECT_TRUE(link.IsConnected());
-    link.WaitTimeout(ScaledMs(5000));
-    EXPECT_EQ(link.read(c, 1, 0), 1);  // each wait counts from its own start
-    EXPECT_EQ(c[0], 'b');
-    stuck.WaitTimeout(200);  // the peer takes nothing
-    std::string big(64 << 20, 'x');
-    EXPECT_EQ(stuck.write(big.data(), big.size()), -ETIMEDOUT);
-}
-
-TEST(SocketWait, PendingTellsBytesFromTheCloseWithoutWaiting)
-{
-    ScriptedServer server({{Send("ab"), Wait(300), Close()}});
-    Socket link(server.Addr());
-    ASSERT_TRUE(link.Connect());
-    EXPECT_TRUE(WaitUntil([&] { return link.Pending() == 2; }, ScaledMs(5000)));
-    char c[2];
-    EXPECT_EQ(link.read(c, 2, 0), 2);  // the bytes looked at are still read
-    EXPECT_EQ(link.Pending(), 0);
-    EXPECT_TRUE(WaitUntil([&] { return link.Pending() == -EPIPE; }, ScaledMs(5000)));
-}
-
-// One entry per Next(): "L<n>:<text>", "R<n>:<reason>|<preview>", "E" end.
+// One entry per Next(): "L<n>:<text>", "R<n>:<reason>|<preview>", "E" end, "X<errno>".
 std::string Describe(ScriptReader& reader, ScriptReader::Result r)
 {
     const std::string n = std::to_string(reader.Number());
@@ -88,8 +47,7 @@ TEST(ScriptReader, SplitsCutsSkipsAndRefusesLines)
     for (const auto& c : cases) {
         int fds[2];
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        // Fed in small pieces so that lines and the mark straddle reads.
-        std::thread writer([&] {
+        std::thread writer([&] {  // small pieces, so that lines and the mark straddle reads
             for (size_t at = 0; at < c.input.size(); at += 2)
                 (void)!::write(fds[1], c.input.data() + at, std::min<size_t>(2, c.input.size() - at));
             close(fds[1]);
@@ -111,12 +69,10 @@ TEST(ScriptReader, SplitsCutsSkipsAndRefusesLines)
 
 TEST(RegularFile, ReadsWholeWithinTheCapOrLeavesTheOutputAlone)
 {
-    std::string dir = MakeTempDir(), text = "kept";
-    ASSERT_TRUE(WriteFile(dir + "/f", "12345"));
-    EXPECT_EQ(regular_file_read((dir + "/f").c_str(), 4, text), -EFBIG);
-    EXPECT_EQ(text, "kept");
-    EXPECT_EQ(regular_file_read((dir + "/f").c_str(), 5, text), 0);
-    EXPECT_EQ(text, "12345");
+    std::string dir = MakeTempDir(), path = dir + "/f", text = "kept";
+    ASSERT_TRUE(WriteFile(path, "12345"));
+    EXPECT_TRUE(regular_file_read(path.c_str(), 4, text) == -EFBIG && text == "kept");
+    EXPECT_TRUE(regular_file_read(path.c_str(), 5, text) == 0 && text == "12345");
     RunProgram({"/bin/rm", "-rf", dir});
 }
 
