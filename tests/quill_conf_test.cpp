@@ -62,7 +62,8 @@ TEST(ControllerConfFile, WriteKeepsABackupAndReportsFailures)
         std::string report = RunInMountNamespace([&] {
             StderrCapture capture;
             std::string text = std::to_string(c.setup());
-            text += (ControllerConfWrite(c.pairs) ? " written " : " failed ") + LogLines(capture.Take());
+            text += ControllerConfWrite(c.pairs) ? " written " : " failed ";
+            text += LogLines(capture.Take());
             Pairs read{{"untouched", "1"}};
             text += ReadFile(conf) + "|" + ReadFile(old) + (ControllerConfRead(read) ? "|ok " : "|failed ");
             for (const auto& [key, value] : read) text += key + "=" + value + ";";
