@@ -110,17 +110,17 @@ TEST_F(ConfigFile, ReadOnlyFileCountsAsMissing)
 // and is reloaded; each copy must be all of one file.
 TEST_F(ConfigFile, ReadersNeverSeeHalfALoadedFile)
 {
-    const char* const keys[] = {"k0", "k1", "k2", "k3", "k4", "k5", "k6", "k7", "k8", "k9"};
-    std::vector<Config::DefaultEntry> defaults;
     std::string files[2];
-    Pairs expected[2];
-    for (const char* key : keys) {
-        defaults.push_back({key, "default"});
-        for (int f = 0; f < 2; f++) files[f] += std::string(key) + " " + (expected[f][key] = f ? "two" : "one") + "\n";
-    }
-    defaults.push_back({nullptr, nullptr});
+    const Pairs defaults{{"a", "0"}, {"d", "dv"}};
+    Pairs expected[2] = {defaults, defaults};
+    for (int k = 0; k < 20; k++)
+        for (int f = 0; f < 2; f++) {
+            std::string key = "k" + std::to_string(k), value = f ? "two" : "one";
+            files[f] += key + " " + value + "\n";
+            expected[f][key] = value;
+        }
     ASSERT_TRUE(WriteFile(m_path, files[0]));
-    Config cfg(m_path.c_str(), defaults.data(), nullptr);
+    Config cfg(m_path.c_str(), kDefaults, nullptr);
     std::atomic<bool> stop{false};
     std::atomic<int> copies{0}, torn{0};
     std::vector<std::thread> readers;

@@ -2,6 +2,7 @@
 #include <glob.h>
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <spawn.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -77,22 +78,18 @@ TEST(SyslogSafe, DaemonModeSendsChunksMarkedAsContinued)
     EXPECT_EQ(RunInNamespaces(CLONE_NEWNS, CheckDaemonChunks), 0);
 }
 
-// The cause text is fixed: the general table is searched first and stops at its code-0 entry.
+// The dump test sees the common names, the code-0 cause and a demangled frame;
+// these are the edges: the general cause table ends every search, odd frames stay.
 TEST(CrashHandler, SignalNamesCauseTextAndDemangling)
 {
-    for (const auto& [sig, name] : {std::pair<int, const char*>{0, "UNKNOWN"}, {32, "UNKNOWN"}, {6, "SIGABRT/SIGIOT"},
-                                    {29, "SIGPOLL/SIGIO"}, {31, "SIGSYS"}})
+    for (const auto& [sig, name] : {std::pair<int, const char*>{0, "UNKNOWN"}, {32, "UNKNOWN"}, {6, "SIGABRT/SIGIOT"}})
         EXPECT_STREQ(dbg_sig2str(sig), name) << sig;
-    for (const auto& [sig, code] : {std::pair<int, int>{SIGSEGV, 1}, {SIGSEGV, -6}, {SIGUSR2, 5}})
-        EXPECT_STREQ(dbg_code2str(sig, code), "kill(2) or raise(3)") << sig << " " << code;
-    const std::pair<std::string, std::string> lines[] = {  // second empty: left as it is
-        {"./vtest(_Z8main_usbiPPc+0x50) [0x55]", "./vtest(main_usb(int, char**)+0x50) [0x55]"},
-        {"./vtest(main+0x71) [0x55]", ""}, {"/lib/libc.so.6(+0x3c050) [0x7f]", ""}, {"./vtest() [0x55]", ""},
-        {"no parenthesis here", ""}, {"./vtest(_Zbroken+0x1) [0x1]", ""}};
-    for (const auto& [in, out] : lines) {
-        std::string line = in;
+    EXPECT_STREQ(dbg_code2str(SIGSEGV, 1), "kill(2) or raise(3)");
+    for (std::string kept : {"./vtest(main+0x71) [0x55]", "/lib/libc.so.6(+0x3c050) [0x7f]", "./vtest() [0x55]",
+                             "no parenthesis here", "./vtest(_Zbroken+0x1) [0x1]", "./vtest(_Z1fv [0x1]"}) {
+        std::string line = kept;
         dbg_demangle(line);
-        EXPECT_EQ(line, out.empty() ? in : out);
+        EXPECT_EQ(line, kept);
     }
 }
 
@@ -100,17 +97,17 @@ TEST(CrashHandler, AddFileSplitsAtLineEndsAndCutsLongLines)
 {
     std::string dir = MakeTempDir(), path = dir + "/in";
     ASSERT_TRUE(WriteFile(path, "one\r\ntwo\vthree\n" + std::string(300, 'x') + "\n"));
-    FILE* dump = tmpfile();
+    char* written = nullptr;
+    size_t size = 0;
+    FILE* dump = open_memstream(&written, &size);
     StderrCapture capture;
     EXPECT_EQ(dbg_add_file(path.c_str(), dump, 1), 0);
     EXPECT_EQ(dbg_add_file((dir + "/missing").c_str(), dump, 1), -1);
     std::string log = LogLines(capture.Take());
-    rewind(dump);
-    std::string written(4096, '\0');
-    written.resize(fread(&written[0], 1, written.size(), dump));
     fclose(dump);
     EXPECT_EQ(written, "\n" + path + "\n-----------------------------------------\none\ntwo\nthree\n" +
                            std::string(255, 'x') + "\n" + std::string(45, 'x') + "\n");
+    free(written);
     EXPECT_NE(log.find("! ----------------------------------------------------\n"), std::string::npos);
     EXPECT_NE(log.find("err  Unable to open " + dir + "/missing (2).\n"), std::string::npos) << log;
     RunProgram({"/bin/rm", "-rf", dir});
@@ -124,18 +121,19 @@ pid_t StartBlockedVtest(const std::string& dir)
 {
     std::string fifo = dir + "/hub";
     if (mkfifo(fifo.c_str(), 0600) != 0) return -1;
-    pid_t pid = fork();
-    if (pid == 0) {
-        rlimit noCore = {0, 0};
-        setrlimit(RLIMIT_CORE, &noCore);
-        dup2(open((dir + "/stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), 2);
-        std::vector<std::string> argv = TargetArgv(VTEST_BINARY, {"usb", "reset", fifo});
-        std::vector<char*> args;
-        for (std::string& a : argv) args.push_back(a.data());
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
+    rlimit noCore = {0, 0};  // this is a RunInNamespaces child: the limit stays in it
+    setrlimit(RLIMIT_CORE, &noCore);
+    std::vector<std::string> argv = TargetArgv(VTEST_BINARY, {"usb", "reset", fifo});
+    std::vector<char*> args;
+    for (std::string& a : argv) args.push_back(a.data());
+    args.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 2, (dir + "/stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    pid_t pid = -1;
+    int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (spawned != 0) return -1;
     auto ready = [&] {
         std::ifstream status("/proc/" + std::to_string(pid) + "/status");
         std::string line, wchan;

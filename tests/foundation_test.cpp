@@ -59,7 +59,8 @@ TEST(GuardedAllocator, CountsBlocksAndLeaksAnOverrunBlock)
     q[4] = 'X';
     StderrCapture capture;
     safe_mem_free(q, "caller.cpp", 77);
-    EXPECT_EQ(LogLines(capture.Take()), "err  <safe_mem> caller.cpp:77: overrun past 4 bytes of block from alloc.cpp:5.\n");
+    EXPECT_EQ(LogLines(capture.Take()),
+              "err  <safe_mem> caller.cpp:77: overrun past 4 bytes of block from alloc.cpp:5.\n");
     EXPECT_EQ(safe_mem_live_blocks(), live + 1);
     q[4] = '\xFD';
     safe_mem_free(q, __FILE__, __LINE__);
@@ -70,6 +71,7 @@ TEST(Census, CountsObjectsAndChecksumIsAnUnsignedByteSum)
 {
     for (const char* event : {"Widget", "Widget", "~Widget"}) safe_mem_object("x.cpp", 1, event, nullptr);
     EXPECT_EQ(safe_mem_object_count("Widget"), 1);
+    EXPECT_EQ(safe_mem_object_count("Gadget"), 0);
     const unsigned char bytes[] = {0xff, 0xff, 0x01};
     EXPECT_EQ(checksum(bytes, 3), 0x1ffu);
 }
