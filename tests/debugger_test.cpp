@@ -165,10 +165,11 @@ int CheckDump(int sig, const std::string& name)
     CHILD_CHECK(sig == SIGUSR1 ? wentOn : WIFSIGNALED(status) && WTERMSIG(status) == sig);
     std::string err = ReadFile(errPath);
     RunProgram({"/bin/rm", "-rf", dir});
-    for (const std::string& line : std::vector<std::string>{"err  ! vtest ", "info ! Fatal signal received: " + name + "\n",
-                                    "info ! Signal code: 0 - kill(2) or raise(3)\n", "info ! Backtrace (PID ",
-                                    "main_usb(int, char**)", "info ! /proc/self/maps\n",
-                                    "info ! Debug info stored to /var/local/vtest-"})
+    const std::vector<std::string> logLines = {
+        "err  ! vtest ", "info ! Fatal signal received: " + name + "\n", "info ! Backtrace (PID ",
+        "info ! Signal code: 0 - kill(2) or raise(3)\n", "main_usb(int, char**)", "info ! /proc/self/maps\n",
+        "info ! Debug info stored to /var/local/vtest-"};
+    for (const std::string& line : logLines)
         CHILD_CHECK(err.find(line) != std::string::npos);
     CHILD_CHECK(sig != SIGUSR1 || err.find("Error in ioctl: Inappropriate ioctl for device\n") != std::string::npos);
     glob_t dumps;
@@ -178,9 +179,11 @@ int CheckDump(int sig, const std::string& name)
     CHILD_CHECK(std::regex_match(path, std::regex("/var/local/vtest-" + std::to_string(pid) +
                                                   R"(-\d{4}-\d\d-\d\d-\d{6}\.dbg)")));
     const std::string fault = sig == SIGSEGV ? "Fault address: 0x" : "\nBacktrace";  // only fault signals have one
-    CHILD_CHECK(dump.rfind("Signal code: 0 - kill(2) or raise(3)Fatal signal received: " + name + "\n" + fault, 0) == 0);
+    const std::string head = "Signal code: 0 - kill(2) or raise(3)Fatal signal received: " + name + "\n" + fault;
+    CHILD_CHECK(dump.rfind(head, 0) == 0);
     for (const char* section : {"\nBacktrace (PID ", "\n/proc/self/limits\n-----", "\n/proc/self/status\n-----",
-                                "\n/proc/self/maps\n-----", "\n/proc/self/net/tcp\n-----", "\n/proc/self/net/udp\n-----"})
+                                "\n/proc/self/maps\n-----", "\n/proc/self/net/tcp\n-----",
+                                "\n/proc/self/net/udp\n-----"})
         CHILD_CHECK(dump.find(section) != std::string::npos);
     return 0;
 }

@@ -29,7 +29,8 @@ TEST(SecExec, StatusesWordsStreamsEnvironmentAndUsage)
     setenv("VTEST_KEEP", "kept value", 1);
     setenv("VTEST_DROP", "dropped", 1);
     // A kept name holds its first place; PATH, when kept, its safe one.
-    const std::string keptEnv = "IFS= \t\n\nPATH=" + std::string(getenv("PATH")) + "\nTZ=Europe/Oslo\nVTEST_KEEP=kept value\n";
+    const std::string keptEnv =
+        "IFS= \t\n\nPATH=" + std::string(getenv("PATH")) + "\nTZ=Europe/Oslo\nVTEST_KEEP=kept value\n";
     const struct { std::vector<std::string> words; int status; std::string out, err, input = ""; } rows[] = {
         {{"/bin/true"}, 0, "", ""}, {{"/bin/sh", "-c", "'exit 1'"}, 1, "", ""},
         {{"/nonexistent"}, 127, "", "sec-exec: cannot execute /nonexistent: No such file or directory" + kNoPath},
@@ -39,8 +40,8 @@ TEST(SecExec, StatusesWordsStreamsEnvironmentAndUsage)
         {{"--", "/bin/true"}, 0, "", ""}, {{}, 255, "", kUsage},
         {{"--keep-env=", "/bin/true"}, 255, "", "sec-exec: unknown option '--keep-env='.\n" + kUsage},
         {{"--bogus", "/bin/true"}, 255, "", "sec-exec: unknown option '--bogus'.\n" + kUsage},
-        {{"--keep-env=VTEST_KEEP", "--keep-env=VTEST_UNSET", "--keep-env=PATH", "--keep-env=VTEST_KEEP", "/usr/bin/env"},
-         0, keptEnv, ""},
+        {{"--keep-env=VTEST_KEEP", "--keep-env=VTEST_UNSET", "--keep-env=PATH", "--keep-env=VTEST_KEEP",
+          "/usr/bin/env"}, 0, keptEnv, ""},
         {{"/bin/sh", "-c", script}, 0, out, err}, {{"/bin/cat"}, 0, input, "", input},
         {{"/bin/echo", "done"}, 0, "done\n", "", input},  // a child that never reads its input still ends
     };

@@ -44,23 +44,6 @@ std::string StreamOutput(const char* command)
     return out + "|" + std::to_string(r ? Secure::pclose(r) : -1);
 }
 
-// Runs `body` in a forked child with `vars` set and standard output on a
-// file; returns the child's status (128 + signal when killed) and what it wrote.
-std::pair<int, std::string> RunWithStdout(const std::vector<std::pair<const char*, const char*>>& vars,
-                                          const std::function<int()>& body)
-{
-    std::string dir = MakeTempDir(), path = dir + "/out";
-    fflush(stdout);
-    int rv = RunInNamespaces(0, [&] {
-        for (const auto& [name, value] : vars) setenv(name, value, 1);
-        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        return fd < 0 || dup2(fd, 1) != 1 ? 99 : body();
-    });
-    std::string text = ReadFile(path);
-    RunProgram({"/bin/rm", "-rf", dir});
-    return {rv, text};
-}
-
 // The exit status of pid, or -1 (the caller's RunInNamespaces bounds the wait).
 int WaitChild(pid_t pid)
 {
@@ -68,11 +51,22 @@ int WaitChild(pid_t pid)
     return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-int ExecEnv()
+// "status output" of /usr/bin/env started, with `vars` set, by a child in
+// which `start` returned 0 (a process given a pid waits for it).
+std::string EnvSeen(const std::vector<std::pair<const char*, const char*>>& vars, const std::function<pid_t()>& start)
 {
-    char* const argv[] = {const_cast<char*>("/usr/bin/env"), nullptr};
-    execv(argv[0], argv);
-    return 98;
+    std::string dir = MakeTempDir(), path = dir + "/out";
+    fflush(stdout);
+    int rv = RunInNamespaces(0, [&] {
+        for (const auto& [name, value] : vars) setenv(name, value, 1);
+        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        pid_t pid = fd < 0 || dup2(fd, 1) != 1 ? -1 : start();
+        if (pid == 0) execl("/usr/bin/env", "env", static_cast<char*>(nullptr));
+        return pid > 0 ? WaitChild(pid) : 99;
+    });
+    std::string text = std::to_string(rv) + " " + ReadFile(path);
+    RunProgram({"/bin/rm", "-rf", dir});
+    return text;
 }
 
 // Each command through system (output discarded) and through the stream form.
@@ -84,7 +78,8 @@ TEST(Secure, StatusesAndWhatTheChildSees)
         {"/bin/true", 0, ""}, {"/bin/false", 1, ""}, {"/nonexistent", 127, ""}, {"ls -l", 127, ""},  // no PATH search
         {"/bin/sh -c 'kill -9 $$'", 0, ""}, {"/bin/sh -c 'exit 255'", 255, ""}, {"", -1, ""},
         {"/usr/bin/head -c 1000000 /dev/zero", 0, std::string(1000000, '\0')},  // more than a pipe holds
-        {"/bin/echo hello there", 0, "hello there\n"}, {"/usr/bin/env", 0, ""}, {"/bin/ls /proc/self/fd", 0, "0\n1\n2\n3\n"},
+        {"/bin/echo hello there", 0, "hello there\n"}, {"/usr/bin/env", 0, ""},  // an empty environment
+        {"/bin/ls /proc/self/fd", 0, "0\n1\n2\n3\n"},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(Secure::system(row.command), row.status) << row.command;
@@ -105,19 +100,14 @@ TEST(Secure, StatusesAndWhatTheChildSees)
 // variables in the order named (sec-exec's test covers SafeEnvironment).
 TEST(Secure, EnvironmentIsTheSafeSetPlusWhatIsKept)
 {
-    auto forked = [] {
-        pid_t pid = Secure::fork();
-        return pid == 0 ? ExecEnv() : WaitChild(pid);
-    };
-    EXPECT_EQ(RunWithStdout({{"TZ", "UTC"}, {"VTEST_SECRET", "x"}}, forked), std::make_pair(0, kSafeEnv + "TZ=UTC\n"));
-    auto sanitized = [] {
+    EXPECT_EQ(EnvSeen({{"TZ", "UTC"}, {"VTEST_SECRET", "x"}}, Secure::fork), "0 " + kSafeEnv + "TZ=UTC\n");
+    auto sanitize = [] {
         char* names[] = {const_cast<char*>("VTEST_B"), const_cast<char*>("VTEST_UNSET"),
                          const_cast<char*>("VTEST_A"), nullptr, const_cast<char*>("HOME")};
         Secure::SanitizeEnvironment(5, names);
-        return ExecEnv();
+        return 0;
     };
-    EXPECT_EQ(RunWithStdout({{"VTEST_B", "b=2"}, {"VTEST_A", ""}}, sanitized),
-              std::make_pair(0, kSafeEnv + "VTEST_B=b=2\nVTEST_A=\n"));
+    EXPECT_EQ(EnvSeen({{"VTEST_B", "b=2"}, {"VTEST_A", ""}}, sanitize), "0 " + kSafeEnv + "VTEST_B=b=2\nVTEST_A=\n");
 }
 
 TEST(Secure, SanitizeFilesClosesAllButKeptAndReopensStandardOnes)
