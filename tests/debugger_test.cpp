@@ -86,7 +86,7 @@ TEST(CrashHandler, SignalNamesCauseTextAndDemangling)
         EXPECT_STREQ(dbg_sig2str(sig), name) << sig;
     EXPECT_STREQ(dbg_code2str(SIGSEGV, 1), "kill(2) or raise(3)");
     for (std::string kept : {"./vtest(main+0x71) [0x55]", "/lib/libc.so.6(+0x3c050) [0x7f]", "./vtest() [0x55]",
-                             "no parenthesis here", "./vtest(_Zbroken+0x1) [0x1]", "./vtest(_Z1fv [0x1]"}) {
+                             "no parenthesis here", "./vtest(_Zbroken+0x1) [0x1]", "./vtest(_Z1fv+0x1 [0x1]"}) {
         std::string line = kept;
         dbg_demangle(line);
         EXPECT_EQ(line, kept);
