@@ -8,22 +8,9 @@
 
 namespace {
 
-const std::string kSslLines =
-    "info SSL: Support not included.\n"
-    "info SSL: #################### Init check passed ####################\n";
-
-TEST(QuillSsl, InitLogsTwoInfoLinesAndPasses)
-{
-    Config cfg(nullptr, nullptr, static_cast<const char* const*>(nullptr));
-    QuillSsl ssl(cfg);
-    StderrCapture capture;
-    EXPECT_TRUE(ssl.Init());
-    EXPECT_EQ(LogLines(capture.Take()), kSslLines);
-}
-
 TEST(QuillSsl, AltbaseScanLastOneWins)
 {
-    const std::pair<std::vector<std::string>, const char*> cases[] = {
+    const std::pair<std::vector<const char*>, const char*> cases[] = {
         {{"-altbase", "/a"}, "/a"}, {{"-altbase", "/a", "-altbase", "/b"}, "/b"}, {{"x", "-altbase", "/a", "y"}, "/a"},
         {{"-altbase", "/a", "-altbase"}, "/a"},  // a last "-altbase" has no value
         {{"-altbase", "-altbase", "/b"}, "-altbase"},  // the value is skipped, even "-altbase"
@@ -33,32 +20,26 @@ TEST(QuillSsl, AltbaseScanLastOneWins)
         Bbs cfg("ssl");
         cfg.Set("Ssl.BaseDir", "/etc/ssl");
         std::vector<char*> argv;
-        std::string label;
-        for (const std::string& a : args) {
-            argv.push_back(const_cast<char*>(a.c_str()));
-            label += a + " ";
-        }
+        for (const char* a : args) argv.push_back(const_cast<char*>(a));
         ssl_scan_args(cfg, static_cast<int>(argv.size()), argv.data());
-        EXPECT_STREQ(cfg.GetStr("Ssl.BaseDir", "<none>"), baseDir) << label;
+        EXPECT_STREQ(cfg.GetStr("Ssl.BaseDir", "<none>"), baseDir) << args.size() << " words, first " << args[0];
     }
 }
 
-// The command reads the fixed file (its absence is only noted) and ends
-// with status 0, with or without arguments.
+// The command reads the fixed file (its absence is only noted), initialises
+// the SSL context and ends with status 0, whatever its arguments.
 TEST(SslInit, RunsOnTheFixedFileAndAlwaysExitsZero)
 {
     std::string reason = NamespacesUnavailableReason(CLONE_NEWNS);
     if (!reason.empty()) GTEST_SKIP() << reason;
     std::string report = RunInMountNamespace([] {
         std::string report = unlink("/etc/vantor.conf") == 0 || errno == ENOENT ? "" : "cannot remove ";
-        for (const auto& args : {std::vector<std::string>{"sslinit"}, {"sslinit", "x", "-altbase", "/a", "-altbase"}}) {
-            RunResult r = RunVtest(args);
-            report += std::to_string(r.status) + "|" + r.out + "|" + LogLines(r.err);
-        }
-        return report;
+        RunResult r = RunVtest({"sslinit", "x", "-altbase", "/a", "-altbase"});
+        return report + std::to_string(r.status) + "|" + r.out + "|" + LogLines(r.err);
     });
-    const std::string once = "0||info No configuration file \"/etc/vantor.conf\", using defaults.\n" + kSslLines;
-    EXPECT_EQ(report, once + once);
+    EXPECT_EQ(report, "0||info No configuration file \"/etc/vantor.conf\", using defaults.\n"
+                      "info SSL: Support not included.\n"
+                      "info SSL: #################### Init check passed ####################\n");
 }
 
 }  // namespace
