@@ -301,14 +301,13 @@ TEST(TimeZone, ZonesServeParallelThreads)
         int64_t back[2];
         LocalKind kind;
         for (int64_t t = 1600000000; t < 1600000000 + 4000 * 9973; t += 9973)
-            if (zone.ToLocal(t, l)) out += Show(zone, t) + " " + std::to_string(zone.FromLocal(l, back, &kind)) + ",";
+            if (zone.ToLocal(t, l)) out += Show(zone, t) + std::to_string(zone.FromLocal(l, back, &kind)) + ",";
     };
-    std::string alone[2], together[4];
-    run(zones[0], alone[0]), run(zones[1], alone[1]);
+    std::string seen[6];
+    run(zones[0], seen[4]), run(zones[1], seen[5]);
     std::vector<std::thread> threads;
-    for (int i = 0; i < 4; i++) threads.emplace_back(run, std::cref(zones[i % 2]), std::ref(together[i]));
-    for (std::thread& t : threads) t.join();
-    for (int i = 0; i < 4; i++) EXPECT_EQ(together[i], alone[i % 2]) << i;
+    for (int i = 0; i < 4; i++) threads.emplace_back(run, std::cref(zones[i % 2]), std::ref(seen[i]));
+    for (int i = 0; i < 4; i++) threads[i].join(), EXPECT_EQ(seen[i], seen[4 + i % 2]) << i;
 }
 
 }  // namespace
