@@ -307,7 +307,8 @@ TEST(TimeZone, ZonesServeParallelThreads)
     run(zones[0], seen[4]), run(zones[1], seen[5]);
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; i++) threads.emplace_back(run, std::cref(zones[i % 2]), std::ref(seen[i]));
-    for (int i = 0; i < 4; i++) threads[i].join(), EXPECT_EQ(seen[i], seen[4 + i % 2]) << i;
+    for (std::thread& t : threads) t.join();
+    for (int i = 0; i < 4; i++) EXPECT_EQ(seen[i], seen[4 + i % 2]) << i;
 }
 
 }  // namespace
