@@ -27,11 +27,12 @@ struct Image {
         for (uint64_t tag : tags) Put(bytes.size(), tag, w);
         note = Fields(bytes.size(), {{4, 4}, {4, 4}, {3, 4}});
         Add(note + 12, std::string("GNU\0\xde\xad\xbe\xef", 8));
-        names = Add(note + 20, std::string("\0.interp\0.dynstr\0.dynsym\0.dynamic\0.note.gnu.build-id\0.shstrtab\0", 63));
+        const char kNames[] = "\0.interp\0.dynstr\0.dynsym\0.dynamic\0.note.gnu.build-id\0.shstrtab";
+        names = Add(note + 20, std::string(kNames, sizeof kNames));
         shoff = (names + 63 + 7) / 8 * 8;
         bytes.resize(shoff + 7 * (is64 ? 64 : 40));
-        const uint64_t sections[6][8] = {  // name, type, offset, size, link, info, align, entry size
-            {1, 1, interp, 16, 0, 0, 1, 0}, {9, 3, dynstr, 28, 0, 0, 1, 0}, {17, 11, dynsym, 2 * symsize, 2, 1, w, symsize},
+        const uint64_t syms = 2 * symsize, sections[6][8] = {  // name, type, offset, size, link, info, align, entry size
+            {1, 1, interp, 16, 0, 0, 1, 0}, {9, 3, dynstr, 28, 0, 0, 1, 0}, {17, 11, dynsym, syms, 2, 1, w, symsize},
             {25, 6, dynamic, 12 * w, 2, 0, w, 2 * w}, {34, 7, note, 20, 0, 0, 4, 0}, {53, 3, names, 63, 0, 0, 1, 0}};
         for (int i = 0; i < 6; i++) {
             const uint64_t* s = sections[i];
@@ -169,8 +170,8 @@ TEST_F(ElfTest, ShowsEachDamageInItsBlock)
     struct Case {
         const char* label; std::function<void(Image&)> damage; std::string shows;
     } cases[] = {
-        {"cut in the section table", [&](Image& i) { i.bytes.resize(s0 + 100); }, "<damaged: 7 entries at 0x230" + kPast},
-        {"table offset that wraps", [](Image& i) { i.Put(kShoff, ~0ull - 8, 8); }, "7 entries at 0xfffffffffffffff7" + kPast},
+        {"cut in the section table", [&](Image& i) { i.bytes.resize(s0 + 100); }, "7 entries at 0x230" + kPast},
+        {"offset that wraps", [](Image& i) { i.Put(kShoff, ~0ull - 8, 8); }, "7 entries at 0xfffffffffffffff7" + kPast},
         {"wrong entry size", [](Image& i) { i.Put(kPhentsize, 40, 2); }, "  <damaged: entry size 40, expected 56>\n"},
         {"no program headers, garbage size and offset",
          [](Image& i) { i.Put(kPhnum, 0, 2), i.Put(kPhentsize, 0, 2), i.Put(kPhoff, 0xdead, 8); },
@@ -191,13 +192,13 @@ TEST_F(ElfTest, ShowsEachDamageInItsBlock)
         {"dynamic strings without NUL", [](Image& i) { i.Put(i.dynamic + 72, 27, 8); }, "runpath: [<corrupt>]\n"},
         {"symbols of the wrong size", [&](Image& i) { i.Put(s3 + kShEntsize, 7, 8); },
          "Symbol table '.dynsym' is damaged: entry size 7, expected 24\n"},
-        {"note past the end", [](Image& i) { i.Put(i.note + 4, 0x1000, 4); }, "<damaged: note at 0x1dc runs past the end>\n"},
+        {"note past the end", [](Image& i) { i.Put(i.note + 4, 0x1000, 4); }, "note at 0x1dc runs past the end>\n"},
         {"notes aligned to 16", [&](Image& i) { i.Put(s5 + kShAlign, 16, 8); }, "  <damaged: note alignment 16>\n"},
         {"notes outside the file", [&](Image& i) { i.Put(s5 + kShSize, 1ull << 40, 8); },
          "  <damaged: 0x10000000000 bytes at 0x1dc" + kPast},
         {"interpreter outside the file", [](Image& i) { i.Put(96, 1ull << 40, 8); }, "interpreter: <damaged>]\n"},
-        {"dynamic array cut", [](Image& i) { i.bytes.resize(i.dynamic + 40); }, "runs past the end of the file at 0x1a4>\n"},
-        {"odd, unescaped bytes in a name", [&](Image& i) { i.Add(i.names + 1, "in\\t p\xff"); }, "1 in\\\\t\\x20p\\xff\n"},
+        {"dynamic array cut", [](Image& i) { i.bytes.resize(i.dynamic + 40); }, "past the end of the file at 0x1a4>\n"},
+        {"odd bytes in a name", [&](Image& i) { i.Add(i.names + 1, "in\\t p\xff"); }, "1 in\\\\t\\x20p\\xff\n"},
         {"table at an odd offset", [&](Image& i) {
              i.Add(i.bytes.size() + 1, i.bytes.substr(s0, 7 * 64)), i.Put(kShoff, i.bytes.size() - 7 * 64, 8);
          }, "  [ 6] STRTAB          0x00000000000101f0 0x0001f0 0x00003f 0x00 0x2 0 0 1 .shstrtab\n"},
@@ -232,12 +233,12 @@ TEST_F(ElfTest, RefusesWhatIsNotAReadableElfFileWithOneWarning)
 {
     ASSERT_EQ(0, mkfifo((dir + "/fifo").c_str(), 0600));
     bool node = mknod((dir + "/null").c_str(), S_IFCHR | 0666, makedev(1, 3)) == 0;
-    const std::string elf32 = std::string("\177ELF\1\1\1", 7) + std::string(45, '\0'), kNotRegular = "not a regular file";
+    const std::string elf32 = std::string("\177ELF\1\1\1", 7) + std::string(45, '\0'), kNot = "not a regular file";
     const struct { std::string path, error; int err; } cases[] = {  // err: errno of a failed call, else 0
-        {dir + "/fifo", kNotRegular, 0}, {dir, kNotRegular, 0}, {node ? dir + "/null" : "/dev/null", kNotRegular, 0},
+        {dir + "/fifo", kNot, 0}, {dir, kNot, 0}, {node ? dir + "/null" : "/dev/null", kNot, 0},
         {dir + "/none", "No such file or directory", 2}, {"/sys/devices/system/cpu/online", "No such device", 19},
-        {Save("", "empty"), "empty", 0}, {Save("\177EL", "short"), "not ELF", 0}, {Save("MZ\x90\0", "exe"), "not ELF", 0},
-        {Save("\177ELF\3\1", "class"), "bad class 3", 0}, {Save(std::string("\177ELF\1\0", 6), "o"), "bad byte order 0", 0},
+        {Save("", "empty"), "empty", 0}, {Save("\177EL", "3"), "not ELF", 0}, {Save("#!/bin/sh\n", "s"), "not ELF", 0},
+        {Save("\177ELF\3\1", "c"), "bad class 3", 0}, {Save(std::string("\177ELF\1\0", 6), "o"), "bad byte order 0", 0},
         {Save(elf32.substr(0, 51), "cut"), "shorter than its header", 0}, {Save(elf32, "a b\\"), "", 0},
     };
     int watch = inotify_init1(IN_NONBLOCK);
@@ -258,17 +259,22 @@ TEST_F(ElfTest, RefusesWhatIsNotAReadableElfFileWithOneWarning)
     close(watch);
 }
 
-// A bare argv[0] was found through PATH: the tool reports itself, not ./vtest, and ignores its arguments. With a
-// path, scripts/elf-compare.py runs `vtest elf` on every file it checks (emulated too).
-TEST_F(ElfTest, ElfCommandWithABareNameReadsItself)
+// `vtest elf` reads the file argv[0] names and ignores its arguments; a bare name was found through PATH, so the
+// tool reads itself, not ./vtest. scripts/elf-compare.py runs `vtest elf` on each file it checks, emulated too.
+TEST_F(ElfTest, ElfCommandReadsArgv0)
 {
     SKIP_IF_EMULATED(EmulationGap::ProcSelfExe);
     Save(Image(false, false, 40).bytes, "vtest");
-    RunResult r = RunProgram({"/bin/bash", "-c", "cd \"$1\" && exec -a vtest \"$2\" elf ignored --server=x", "bash", dir,
-                              VTEST_BINARY});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, Report(VTEST_BINARY));
-    EXPECT_EQ(LogLines(r.err), "");
+    std::string junk = Save("#!/bin/sh\n", "junk");
+    const struct { std::string argv0, out, log; } cases[] = {
+        {"vtest", Report(VTEST_BINARY), ""}, {junk, "", "warn <Elf> Unable to read " + junk + ": not ELF.\n"}};
+    for (const auto& c : cases) {
+        std::string script = "cd \"$1\" && exec -a \"$2\" \"$3\" elf ignored --server=x";
+        RunResult r = RunProgram({"/bin/bash", "-c", script, "bash", dir, c.argv0, VTEST_BINARY});
+        EXPECT_EQ(r.status, 0) << c.argv0;
+        EXPECT_EQ(r.out, c.out) << c.argv0;
+        EXPECT_EQ(LogLines(r.err), c.log) << c.argv0;
+    }
 }
 
 TEST_F(ElfTest, VtestElfReportsEachFileAndFailsForAnyItCannotRead)
@@ -298,7 +304,8 @@ TEST_F(ElfTest, AgreesWithReadelf)
     argv.insert(argv.begin() + 2, {"--runner", VTEST_EMULATOR});
 #endif
     for (bool is64 : {false, true})
-        for (bool big : {false, true}) argv.push_back(Save(Image(is64, big, is64 ? 183 : 8).bytes, std::to_string(argv.size())));
+        for (bool big : {false, true})
+            argv.push_back(Save(Image(is64, big, is64 ? 183 : 8).bytes, std::to_string(argv.size())));
     RunResult r = RunProgram(argv, "", 120000);
     if (r.status == 77) GTEST_SKIP() << r.out;
     EXPECT_EQ(r.status, 0) << r.out << r.err;

@@ -114,7 +114,7 @@ TEST(TimeZoneFiles, RefusesDamagedFilesWithTheirReason)
         {"all-year in v2", [](Tzif& z) { z = Tzif::Rule("AAA-12BBB12,0/0,J365/24", 43200, "AAA"); }, nullptr, kV3},
         {"trailing", nullptr, [](std::string& b) { b += "x"; }, "1 bytes after the footer"},
         {"v1 tail", [](Tzif& z) { z.version = 0; }, [](std::string& b) { b += 'x'; }, "1 bytes after the data block"},
-        {"v1 counts", nullptr, [](std::string& b) { Put32(b, 32, ~0u); }, 
+        {"v1 counts", nullptr, [](std::string& b) { Put32(b, 32, ~0u); },
          "truncated version 1 data block (needs 21474836506 bytes, 176 left)"},
         {"second magic", nullptr, [&](std::string& b) { b[v2 - 20] = 'X'; }, "second header without \"TZif\""},
         {"second version", nullptr, [&](std::string& b) { b[v2 - 16] = '3'; }, "second header of another version"},
@@ -122,9 +122,6 @@ TEST(TimeZoneFiles, RefusesDamagedFilesWithTheirReason)
         {"timecnt cap", nullptr, [&](std::string& b) { Put32(b, v2 + 12, 50001); }, "timecnt 50001 (at most 50000)"},
         {"leapcnt cap", nullptr, [&](std::string& b) { Put32(b, v2 + 8, 1001); }, "leapcnt 1001 (at most 1000)"},
         {"charcnt cap", nullptr, [&](std::string& b) { Put32(b, v2 + 20, 4097); }, "charcnt 4097 (1 to 4096)"},
-        {"count past end", nullptr, [&](std::string& b) { Put32(b, v2 + 12, 40000); }, 
-         "truncated data block (needs 360031 bytes, 86 left)"},
-        {"cut", nullptr, [](std::string& b) { b.resize(100); }, "truncated second header (needs 44 bytes, 10 left)"},
         {"over 1 MiB", nullptr, [](std::string& b) { b.resize((1 << 20) + 1); }, "larger than 1048576 bytes"},
     };
     std::string dir = MakeTempDir(), path = dir + "/zone";

@@ -57,7 +57,8 @@ private:
     std::string Block(int timeBytes) const
     {
         std::string s = std::string("TZif") + version + std::string(15, '\0');
-        for (size_t n : {isut.size(), isstd.size(), leaps.size(), times.size(), types.size(), chars.size()}) Put(s, n, 4);
+        for (size_t n : {isut.size(), isstd.size(), leaps.size(), times.size(), types.size(), chars.size()})
+            Put(s, n, 4);
         for (int64_t t : times) Put(s, static_cast<uint64_t>(t), timeBytes);
         s.append(indices.begin(), indices.end());
         for (const auto& t : types)
