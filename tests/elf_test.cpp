@@ -31,7 +31,7 @@ struct Image {
         names = Add(note + 20, std::string(kNames, sizeof kNames));
         shoff = (names + 63 + 7) / 8 * 8;
         bytes.resize(shoff + 7 * (is64 ? 64 : 40));
-        const uint64_t syms = 2 * symsize, sections[6][8] = {  // name, type, offset, size, link, info, align, entry size
+        const uint64_t syms = 2 * symsize, sections[6][8] = {  // name, type, offset, size, link, info, align, entsize
             {1, 1, interp, 16, 0, 0, 1, 0}, {9, 3, dynstr, 28, 0, 0, 1, 0}, {17, 11, dynsym, syms, 2, 1, w, symsize},
             {25, 6, dynamic, 12 * w, 2, 0, w, 2 * w}, {34, 7, note, 20, 0, 0, 4, 0}, {53, 3, names, 63, 0, 0, 1, 0}};
         for (int i = 0; i < 6; i++) {
