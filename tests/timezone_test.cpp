@@ -258,7 +258,7 @@ TEST(TimeZoneLoad, NamesPathsRulesAndTheirErrors)
     const std::string rule = "not a POSIX TZ rule: expected an offset [+-]hh[:mm[:ss]], hours 0-24 at byte ";
     const std::pair<std::string, std::string> cases[] = {  // zone, shows at @0 or the error
         {"Test/Zone", file}, {":Test/Zone", file}, {dir + "/Test/Zone", file}, {"EST5", est},
-        {":EST5", "\"" + dir + "/EST5\": No such file or directory"}, {"Test", "\"" + dir + "/Test\": Is a directory"},
+        {"Test", "\"" + dir + "/Test\": Is a directory"},
         {":Test/../Zone", "after \":\" a zone name or a file path is needed"}, {"Test/../Test/Zone", rule + "5"},
         {"Nowhere/Zone", "no file \"" + dir + "/Nowhere/Zone\", and " + rule + "8"},
     };
