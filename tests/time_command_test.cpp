@@ -42,28 +42,18 @@ TEST(TimeCommand, ConvertsListsAndRefusesTimes)
         bad += text + std::string("\n"),
             badErr += "time: line " + std::to_string(++line) + ": \"" + text + "\": " + kNotATime;
     const Case cases[] = {
-        {{"time", kBerlin, "@1700000000"}, "", 0,
-         "@1700000000 2023-11-14T22:13:20Z 2023-11-14T23:13:20+01:00 CET isdst=0 gmtoff=3600\n", ""},
         {{"time", kBerlin, "2024-06-01T12:00:00+02:00", "2024-06-01 12:00+0200", "2024-06-01T10:00Z",
           "2024-06-01T12:00:00+02", "2024-06-01T06:30:00-03:30", "2024-06-01 12:00"},
          "", 0, kSummer + kSummer + kSummer + kSummer + kSummer + kSummer, ""},
         {{"time", kBerlin, "@-2422054409"}, "", 0,
          "@-2422054409 1893-03-31T23:06:31Z 1893-03-31T23:59:59+00:53:28 LMT isdst=0 gmtoff=3208\n", ""},
-        {{"time", kBerlin, "2024-10-27 02:30"}, "", 0, kFoldEarlier + kFoldLater, ""},
-        {{"time", "--pick=reject", kBerlin, "2024-10-27 02:30", "@1"}, "", 1, kAt1,
-         "time: \"2024-10-27 02:30\": occurs twice (refused by --pick=reject)\n"},
         {{"time", kBerlin, "2024-03-31T02:30"}, "", 1, "", "time: \"2024-03-31T02:30\": " + kGap},
-        {{"time", kBerlin, "--pick=reject", "2024-03-31T02:30"}, "", 1, "",
+        {{"time", "--pick=reject", kBerlin, "2024-10-27 02:30", "2024-03-31T02:30", "@1"}, "", 1, kAt1,
+         "time: \"2024-10-27 02:30\": occurs twice (refused by --pick=reject)\n"
          "time: \"2024-03-31T02:30\": skipped by a change of offset\n"},
-        {{"time", kBerlin, "--pick=earlier", "2024-03-31T02:30"}, "", 0,
-         "@1711845000 2024-03-31T00:30:00Z 2024-03-31T01:30:00+01:00 CET isdst=0 gmtoff=3600 gap=earlier\n", ""},
-        // A day whose midnight is skipped.
-        {{"time", "--tz=America/Santiago", "--pick=later", "2024-09-08"}, "", 0,
-         "@1725768000 2024-09-08T04:00:00Z 2024-09-08T01:00:00-03:00 -03 isdst=1 gmtoff=-10800 gap=later\n", ""},
-        {{"time", "--tz=<+0530>-5:30", "@-62135596800", "@253402300799", "@-62135596801", "0000-12-31",
-          "@99999999999999999999"}, "", 1,
+        {{"time", "--tz=<+0530>-5:30", "@-62135596800", "@253402300799", "0000-12-31", "@99999999999999999999"}, "", 1,
          "@-62135596800 0001-01-01T00:00:00Z 0001-01-01T05:30:00+05:30 +0530 isdst=0 gmtoff=19800\n",
-         "time: \"@253402300799\": outside the years 0001-9999\ntime: \"@-62135596801\": outside the years 0001-9999\n"
+         "time: \"@253402300799\": outside the years 0001-9999\n"
          "time: \"0000-12-31\": outside the years 0001-9999\n"
          "time: \"@99999999999999999999\": outside the years 0001-9999\n"},
         {{"time", kBerlin, "--stdin"}, bad, 1, "", badErr},
@@ -75,11 +65,6 @@ TEST(TimeCommand, ConvertsListsAndRefusesTimes)
         {{"time", "--tz=" + path, "--transitions"}, "", 0,
          "@-1 1969-12-31T23:59:59Z 1969-12-31T23:59:59+00:00 \"\" isdst=0 gmtoff=0\n"
          "@0 1970-01-01T00:00:00Z 1970-01-01T01:00:00+01:00 a\\x2fb\\x01 isdst=1 gmtoff=3600\n", ""},
-        {{"time", kBerlin, "--transitions=2024:2025"}, "", 0,
-         "@1711846799 2024-03-31T00:59:59Z 2024-03-31T01:59:59+01:00 CET isdst=0 gmtoff=3600\n"
-         "@1711846800 2024-03-31T01:00:00Z 2024-03-31T03:00:00+02:00 CEST isdst=1 gmtoff=7200\n"
-         "@1729990799 2024-10-27T00:59:59Z 2024-10-27T02:59:59+02:00 CEST isdst=1 gmtoff=7200\n"
-         "@1729990800 2024-10-27T01:00:00Z 2024-10-27T02:00:00+01:00 CET isdst=0 gmtoff=3600\n", ""},
         // A change whose second before lies locally in the year 0 is named, not dropped.
         {{"time", "--tz=<-01>1<+00>,J1/0,J365/23", "--transitions=1:2"}, "", 1,
          "@-62135593200 0001-01-01T01:00:00Z 0001-01-01T01:00:00+00:00 +00 isdst=1 gmtoff=0\n"
@@ -105,7 +90,6 @@ TEST(TimeCommand, CommandLineErrorsShowTheSynopsis)
         {{"time", "@1"}, "missing --tz=<timezone>."},
         {{"time", "--tz=", "@1"}, "empty --tz= value."},
         {{"time", kBerlin}, "give exactly one of <time>, --stdin and --transitions."},
-        {{"time", kBerlin, "--stdin", "@1"}, "give exactly one of <time>, --stdin and --transitions."},
         {{"time", kBerlin, "--pick=later", "--transitions"}, "--pick does not go with --transitions."},
         {{"time", kBerlin, "@1", kBerlin}, "option --tz given twice."},
         {{"time", kBerlin, "--transitions", "--transitions=1:2"}, "option --transitions given twice."},

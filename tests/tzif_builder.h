@@ -1,5 +1,4 @@
-// Hand-made TZif files for the time-zone tests: a description that tests
-// edit field by field (to damage it), written out in the RFC 9636 layout.
+// Hand-made TZif files (RFC 9636 layout) as descriptions that tests damage field by field.
 #pragma once
 
 #include <array>
@@ -18,28 +17,23 @@ struct Tzif {
     std::vector<uint8_t> isstd, isut;
     std::string footer;  // between the footer's newlines
 
-    // Version 1 data (times cut to 32 bits), then for later versions the
-    // 64-bit data and the footer.
+    // The version 1 block (times cut to 32 bits), then for later versions the 64-bit block and the footer.
     std::string Bytes() const { return version ? Block(4) + Block(8) + "\n" + footer + "\n" : Block(4); }
     // Where count `field` (0 isutcnt ... 5 charcnt) of the 64-bit header is.
     size_t CountAt(int field) const { return Block(4).size() + 20 + 4 * field; }
 
-    // Berlin in brief: LMT, then CET and CEST with two 2024 changes and the
-    // rule after them.
+    // Berlin in brief: LMT, then CET and CEST with the two 2024 changes, then the rule.
     static Tzif Berlin()
     {
         return {'2', {-2000000000, 1711846800, 1729990800}, {1, 2, 1}, {{{3208, 0, 0}}, {{3600, 0, 4}}, {{7200, 1, 8}}},
                 std::string("LMT\0CET\0CEST\0", 13), {}, {}, {}, "CET-1CEST,M3.5.0,M10.5.0/3"};
     }
-    // No transitions: one type, then the rule.
     static Tzif Rule(const std::string& rule, int32_t utoff, const std::string& abbr)
     {
         return {'2', {}, {}, {{{utoff, 0, 0}}}, abbr + '\0', {}, {}, {}, rule};
     }
-    // Every count at its cap: 50,000 transitions a minute apart over 256
-    // types (offset = number, abbreviation "T" and the number modulo 64, as
-    // an index is one byte), 1,000 leap seconds, 4,096 characters, a
-    // 255-byte footer.
+    // Every count at its cap: 50,000 changes a minute apart over 256 types (offset = number, abbreviation "T" and
+    // the number modulo 64, as an index is one byte), 1,000 leap seconds, 4,096 characters, a 255-byte footer.
     static Tzif AtTheCaps()
     {
         Tzif z;
