@@ -1,17 +1,14 @@
-// The simulated unit's command channel over real sockets: every command
-// read with Api's own reads (no byte left over, no read left waiting), the
-// first line telling the two kinds of connection apart on one port, and
+// The simulated unit's command channel over real sockets: every command read with Api's own reads (no byte
+// left over, no read left waiting), the first line telling the two kinds of connection apart on one port, and
 // the centrals file.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
-#include <fstream>
 #include <list>
 #include <string>
 #include <vector>
 
 #include "Api.h"
+#include "Centrals.h"
 #include "process.h"
 #include "shell_client.h"
 #include "sim_runner.h"
@@ -19,8 +16,8 @@
 
 namespace {
 
-// Api's reads on one connection: a command's lines, each followed by "|",
-// and "?<error>" unless the output ended at the prompt with no byte left.
+// Api's reads on one connection: a command's lines, each followed by "|", and "?<error>" unless the output
+// ended at the prompt with no byte left.
 struct Channel {
     explicit Channel(const SimRunner& sim) : api(SockAddr(AF_INET, 0x7F000001u, sim.Port()), strPrompt)
     {
@@ -55,7 +52,7 @@ TEST(SimCommands, AnswersEachCommandWithExactlyTheBytesApiReads)
         "|1    3      3     02:a0:7c:00:04:12  10.0.0.21        online       02:a0:7c:00:00:01  3.2.1     CE-7710-0412"
         "|2    4      7     02:a0:7c:00:04:13  10.0.0.22        online       02:a0:7c:00:00:02  3.2.1     CE-7710-0413|";
     const std::pair<std::string, std::string> rows[] = {  // a result ending in "*": only its start
-        {"", ""}, {"echo hello world", "hello world|"}, {"echo", "|"}, {"  echo   three blanks", "  three blanks|"},
+        {"", ""}, {"echo hello world", "hello world|"}, {"  echo   three blanks", "  three blanks|"},
         {"version", "vantor-sim *"}, {"uptime", "Up 0 days, 00:0*"}, {"status", "|S o c k e t s|----*"},
         {"help", "Commands:|  help *"}, {"sleep 50", ""}, {"sleep 3600001", "Error: Usage: sleep <ms> (0 to 3600000).|"},
         {"nope now", "Error: Unknown command 'nope'.|"}, {"comment x", "Error: Unknown command 'comment'.|"},
@@ -75,8 +72,7 @@ TEST(SimCommands, AnswersEachCommandWithExactlyTheBytesApiReads)
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 
-// One listener, one greeting: the first line decides whose a connection
-// is, and later lines never change it.
+// One listener, one greeting: the first line decides whose a connection is, and later lines never change it.
 TEST(SimCommands, FirstLineDecidesTheKindOfEachConnection)
 {
     SimRunner sim;
@@ -99,9 +95,8 @@ TEST(SimCommands, FirstLineDecidesTheKindOfEachConnection)
         std::string bytes, label = sent.substr(0, 20);
         ASSERT_TRUE(link.ReadUntil("#> ", bytes, 5000) && link.Send(sent)) << label;
         bytes.clear();
-        EXPECT_TRUE(link.ReadUntil(answer, bytes, 5000)) << label;
+        EXPECT_TRUE(link.ReadUntil(answer, bytes, 5000) && link.Quiet(50)) << label;
         EXPECT_EQ(answer, bytes) << label;
-        EXPECT_TRUE(link.Quiet(50)) << label;
     }
     std::vector<std::string> lines;  // the database client on the same port is undisturbed
     EXPECT_EQ(0, shell.Exec("SELECT HwID FROM Hardware LIMIT 2;", lines));
@@ -112,31 +107,24 @@ TEST(SimCommands, FirstLineDecidesTheKindOfEachConnection)
 TEST(SimCommands, CentralsFileIsTakenWholeOrRefusedWithItsLine)
 {
     const std::string mac = " 02:a0:7c:00:00:01 ", rest = " on 00:00:00:00:00:00 1.0 S1";
-    const std::pair<std::string, std::string> rows[] = {  // file ("" for none), last enum row or logged reason
+    const std::pair<std::string, std::string> rows[] = {  // file, last "serial enum" row or the reason
         {"# a comment\r\n\r\n  # indented\n7\t42 254 02:A0:7C:00:00:01 10.0.0.1 on-line 00:00:00:00:00:00 1.0 S-1\r\n",
-         "7    42     254   02:a0:7c:00:00:01  10.0.0.1         on-line      00:00:00:00:00:00  1.0       S-1|"},
+         "7    42     254   02:a0:7c:00:00:01  10.0.0.1         on-line      00:00:00:00:00:00  1.0       S-1\n"},
         {"1 2 3" + mac + "10.0.0.1 on 00:00:00:00:00:00 1.0", "line 1: expected 9 columns, found 8"},
         {"1 2 255" + mac + "10.0.0.1" + rest, "line 1: bad Addr '255'"},
         {"1 2 3" + mac + "10.0.0.256" + rest, "line 1: bad IPv4 '10.0.0.256'"},
         {"1 2 3" + mac + "10.0.0.1 on 00:00:00:00:00:00 Version2 S", "line 1: bad Version 'Version2'"},
         {"1 2 3" + mac + "10.0.0.1" + rest + "\n2 3 4" + mac + "10.0.0.2" + rest, "line 2: MAC 02:a0:7c:00:00:01 given twice"},
         {"1 2 3" + mac + "10.0.0.1" + rest + "\n2 3 3 02:a0:7c:00:00:02 10.0.0.2" + rest, "line 2: address 3 given twice"},
-        {"", "No such file or directory"},
     };
-    const std::string dir = MakeTempDir(), path = dir + "/centrals";
     for (const auto& [file, outcome] : rows) {
-        (void)unlink(path.c_str());
-        if (!file.empty()) std::ofstream(path) << file;
-        SimRunner sim(SimRunner::Options{false, 0, 0, {"--centrals=" + path}});
-        if (!sim.Running()) {
-            EXPECT_NE(std::string::npos, sim.Log().find("Centrals file " + path + ": " + outcome + ".")) << sim.Log();
-            continue;
-        }
-        std::string table = Channel(sim).Run("serial enum");
-        EXPECT_EQ(outcome, table.substr(table.rfind('|', table.size() - 2) + 1)) << outcome;
+        CentralTable centrals;
+        std::string error, listing = centrals.Parse(file, error) ? centrals.Enum() : "";
+        EXPECT_EQ(outcome, error.empty() ? listing.substr(listing.rfind('\n', listing.size() - 2) + 1) : error);
     }
-    (void)unlink(path.c_str());
-    (void)rmdir(dir.c_str());
+    SimRunner sim(SimRunner::Options{false, 0, 0, {"--centrals=/nonexistent/centrals"}});
+    EXPECT_FALSE(sim.Running());
+    EXPECT_NE(std::string::npos, sim.Log().find("Centrals file /nonexistent/centrals: No such file or directory.")) << sim.Log();
 }
 
 }  // namespace

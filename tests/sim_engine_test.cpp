@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <utility>
 
 #include "ShellSession.h"
 #include "SimDatabase.h"
@@ -13,15 +14,9 @@ namespace {
 
 // One session whose answers collect in a buffer that the scripted client reads from; the server's line
 // assembly sits in between, as on the wire.
-class EngineClient : public ShellTransport, public AnswerSink, public MonitorSink {
-public:
+struct EngineClient : ShellTransport, AnswerSink, MonitorSink {
     explicit EngineClient(ShellShared& shared) : session(shared, *this, *this, "test"), reads(*this) {}
-
-    bool Write(const char* data, size_t len) override
-    {
-        if (!peerGone) pending.append(data, len);
-        return !peerGone;
-    }
+    bool Write(const char* data, size_t len) override { return !peerGone && (pending.append(data, len), true); }
     void Push(const char* line, size_t len) override { pending.append(line, len); }
     int Get(char& c) override
     {
@@ -32,21 +27,18 @@ public:
     bool Send(const std::string& bytes) override
     {
         for (size_t at = 0; at < bytes.size();) {
-            LineAssembler::Result result;
-            at += lines.Feed(bytes.data() + at, bytes.size() - at, result);
-            if (result == LineAssembler::kLine) outcome = session.HandleLine(lines.Line());
-            if (result == LineAssembler::kTooLong) outcome = session.HandleTooLong();
+            LineAssembler::Result r;
+            at += lines.Feed(bytes.data() + at, bytes.size() - at, r);
+            if (r != LineAssembler::kNeedMore)
+                outcome = r == LineAssembler::kLine ? session.HandleLine(lines.Line()) : session.HandleTooLong();
         }
         return true;
     }
-    // The answer bytes of one request line, taken raw.
-    std::string Answer(const std::string& line)
+    std::string Answer(const std::string& line)  // the raw answer bytes of one request line
     {
         pending.clear();
         Send(line + "\r\n");
-        std::string bytes;
-        bytes.swap(pending);
-        return bytes;
+        return std::exchange(pending, "");
     }
 
     ShellSession session;
@@ -59,31 +51,18 @@ public:
 
 class Engine : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        dir = MakeTempDir();
-        shared.dbPath = dir + "/unit.db";
-        ASSERT_TRUE(sim_db_prepare(shared.dbPath, 0));
-    }
+    void SetUp() override { ASSERT_TRUE(sim_db_prepare(shared.dbPath = dir + "/unit.db", 0)); }
     void TearDown() override { EXPECT_EQ(0, system(("rm -rf " + dir).c_str())); }
-
-    // A client that has read the greeting, like a fresh connection.
-    std::unique_ptr<EngineClient> Connect()
+    // A client that has read the greeting, like a fresh connection; `prepared`: also the SQL client's set-up.
+    std::unique_ptr<EngineClient> Connect(bool prepared = false)
     {
         auto client = std::make_unique<EngineClient>(shared);
         EXPECT_TRUE(client->session.Start());
-        return client;
-    }
-    // A client through the greeting and the set-up reads of the SQL client.
-    std::unique_ptr<EngineClient> Prepared()
-    {
-        auto client = Connect();
-        EXPECT_TRUE(client->reads.Greet() && client->reads.Setup());
-        EXPECT_EQ("", client->pending);
+        EXPECT_TRUE(!prepared || (client->reads.Greet() && client->reads.Setup() && client->pending.empty()));
         return client;
     }
 
-    std::string dir;
+    const std::string dir = MakeTempDir();
     ShellShared shared;
 };
 
@@ -97,7 +76,8 @@ TEST_F(Engine, AnswersEveryRequestWithExactBytes)
               client->pending);
     const std::string usageShell =
         "\vError: usage: shell <escape> <separator> (two different printable characters)\n\v#> \n";
-    const std::vector<std::pair<std::string, std::string>> cases = {
+    const auto syntax = [](const char* near) { return "\vError: near \"" + std::string(near) + "\": syntax error\n\v#> \n"; };
+    const std::pair<std::string, std::string> cases[] = {
         {".header on", "OK\n\v#> \n"},
         {"SELECT HwID FROM Hardware LIMIT 3;", "HwID\n1\n2\n3\n\v#> \n"},
         {"SELECT HwID, HwName FROM Hardware WHERE HwID = 99;", "HwID|HwName\n\v#> \n"},
@@ -105,11 +85,9 @@ TEST_F(Engine, AnswersEveryRequestWithExactBytes)
         {"SELECT 'a' || char(13, 10, 11) || 'b' AS t, NULL AS n, x'01ff' AS b, 1.5 AS r;",
          "t|n|b|r\na   b||X'01FF'|1.5\n\v#> \n"},
         {"SELECT 1 AS one; SELECT 2 AS two;", "one\n1\ntwo\n2\n\v#> \n"},
-        {std::string("\0SELECT 1;", 10), "\v#> \n"},
         {std::string("SELECT 1 AS one;\0SELECT 2;", 26), "one\n1\n\v#> \n"},
         {"UPDATE Hardware SET HwName = \"renamed\" WHERE HwID = 7;", "\v#> \n"},
-        {"SELECT HwName FROM Hardware WHERE HwID = 7;", "HwName\nrenamed\n\v#> \n"},
-        {"SELEC 1;", "\vError: near \"SELEC\": syntax error\n\v#> \n"},
+        {"SELEC 1;", syntax("SELEC")}, {"shellfish;", syntax("shellfish")}, {"commentary;", syntax("commentary")},
         {"SELECT 1 AS a; SELECT x FROM Nowhere;", "a\n1\n\vError: no such table: Nowhere\n\v#> \n"},
         {"INSERT INTO Hardware (HwID, HwName, HwType) VALUES (1, 'x', 'y');",
          "\vError: UNIQUE constraint failed: Hardware.HwID\n\v#> \n"},
@@ -118,16 +96,16 @@ TEST_F(Engine, AnswersEveryRequestWithExactBytes)
         {"SELECT '" + std::string(kShellMaxLine, 'x') + "';", "\vError: line longer than 65535 bytes\n\v#> \n"},
         {"SELECT 1;", "1\n\v#> \n"},
         {"comment [pid=812] SQL Wrapper", "#> "},
-        {"comment [pid=812]", "#> "},
-        {"shell \\ |", "OK\n\v#> \n"},
+        {"  shell  # ;", "OK\n\v#> \n"}, {"SELECT 'a;b|#', 2;", "a#;b|##;2\n\v#> \n"}, {"shell \\ |", "OK\n\v#> \n"},
         {"shell x", usageShell},
         {"shell | |", usageShell},
         {".header maybe", "\vError: usage: .header on|off\n\v#> \n"},
         {".tables", "\vError: unknown command: .tables\n\v#> \n"},
         {"monitor", "\vError: usage: monitor <table> [select] [insert] [update] [delete]\n\v#> \n"},
+        {"monitor " + std::string(kShellMaxTableName + 1, 't'),
+         "\vError: usage: monitor <table> [select] [insert] [update] [delete]\n\v#> \n"},
         {"monitor Events truncate", "\vError: unknown monitor operation: truncate\n\v#> \n"},
-        {"   ", "\v#> \n"},
-        {"-- only a comment", "\v#> \n"},
+        {"-- only a comment", "\v#> \n"}, {"monitoring", syntax("monitoring")},
         {"monitor Nowhere", "\vError: no such table: Nowhere\n\v#> \n"},
         {"monitor events", "#> "},
     };
@@ -143,69 +121,45 @@ TEST_F(Engine, NotReadyForTheFirstShellDirectivesOnlyAndTheSessionsEnd)
     EXPECT_TRUE(first->reads.NotReady());
     EXPECT_EQ("\v#> \n", first->pending);
     EXPECT_EQ("\vError: DB not ready\n\v#> \n", first->Answer("SELECT 1;"));
-    EXPECT_FALSE(Prepared()->reads.NotReady());
-    // ".quit" and a lost peer close the session.
-    first->Answer(".quit");
-    EXPECT_EQ(ShellSession::kClose, first->outcome);
-    auto gone = Connect();
-    gone->peerGone = true;
-    gone->Answer("SELECT 1;");
-    EXPECT_EQ(ShellSession::kClose, gone->outcome);
+    EXPECT_FALSE(Connect(true)->reads.NotReady());
+    for (auto [line, peerGone] : {std::pair<const char*, bool>{".quit", false}, {" .exit now", false}, {"SELECT 1;", true}}) {
+        auto client = Connect();
+        client->peerGone = peerGone;
+        client->Answer(line);
+        EXPECT_EQ(ShellSession::kClose, client->outcome) << line;
+    }
 }
 
-// Subscription to all of a table's changes from another session is also run over real sockets; these pin the
-// narrowing words, commits and bytes.
-class Monitor : public Engine {
-protected:
-    void SetUp() override
-    {
-        Engine::SetUp();
-        writer = Prepared();
-        watcher = Connect();
-        ASSERT_TRUE(watcher->reads.Greet("[pid=2] SQL monitor"));
-    }
-    // Runs statements on the writer; each must give `result`.
-    void Run(std::initializer_list<const char*> statements, int result = 0)
-    {
+// Words narrow a subscription, in any case; only committed changes are sent, and the first line after each
+// subscription carries the lead.
+TEST_F(Engine, MonitorSendsTheCommittedChangesOfItsTableAndWords)
+{
+    auto writer = Connect(true), watcher = Connect(), narrow = Connect();
+    ASSERT_TRUE(watcher->reads.Greet("[pid=2] SQL monitor") && watcher->reads.Subscribe("Events"));
+    ASSERT_TRUE(narrow->reads.Greet("[pid=3] SQL monitor") && narrow->reads.Subscribe("events update delete"));
+    const auto run = [&](const char* statement, int result) {
         std::vector<std::string> rows;
-        for (const char* statement : statements)
-            EXPECT_EQ(result, writer->reads.Exec(statement, rows)) << statement << ": " << writer->reads.LastError();
-    }
-    // Every change line the watcher has been pushed, as its client delivers them.
-    std::vector<std::string> Events()
-    {
-        std::vector<std::string> events;
-        std::string event;
-        while (!watcher->pending.empty() && watcher->reads.NextEvent(event)) events.push_back(event);
-        EXPECT_EQ("", watcher->pending);
-        return events;
-    }
-
-    std::unique_ptr<EngineClient> writer, watcher;
-};
-
-TEST_F(Monitor, WordsNarrowTheSubscriptionAndCaseDoesNotMatter)
-{
-    ASSERT_TRUE(watcher->reads.Subscribe("events update delete"));
-    Run({"INSERT INTO Events (EvntDscID) VALUES (1);", "INSERT INTO Hardware (HwName, HwType) VALUES ('h', 'unit');",
-         "UPDATE Events SET EvntDscID = 2 WHERE EvntID = 3;", "DELETE FROM Hardware WHERE HwID = 7;",
-         "DELETE FROM Events WHERE EvntID > 9;"});
-    EXPECT_EQ((std::vector<std::string>{"update Events 3", "delete Events 10", "delete Events 11"}), Events());
-}
-
-// The first line after each subscription carries the lead; a rolled-back or failed change is never sent.
-TEST_F(Monitor, OnlyCommittedChangesAreSentAndTheFirstLineCarriesTheLead)
-{
-    ASSERT_TRUE(watcher->reads.Subscribe("Events"));
-    Run({"BEGIN;", "INSERT INTO Events (EvntDscID) VALUES (1);"});
+        EXPECT_EQ(result, writer->reads.Exec(statement, rows)) << statement << ": " << writer->reads.LastError();
+    };
+    run("BEGIN;", 0);
+    run("INSERT INTO Events (EvntDscID) VALUES (1);", 0);
     EXPECT_EQ("", watcher->pending);
-    Run({"ROLLBACK;", "BEGIN; INSERT INTO Events (EvntDscID) VALUES (2), (3); COMMIT;"});
-    Run({"INSERT INTO Events (EvntID) VALUES (13), (1);"}, -5);
-    EXPECT_EQ("event insert Events 11;\ninsert Events 12;\n", watcher->pending);
+    run("ROLLBACK;", 0);
+    run("BEGIN; INSERT INTO Events (EvntDscID) VALUES (2), (3); COMMIT;", 0);
+    run("INSERT INTO Events (EvntID) VALUES (13), (1);", -5);
+    for (const char* statement : {"UPDATE Events SET EvntDscID = 2 WHERE EvntID = 3;", "DELETE FROM Hardware WHERE HwID = 7;",
+                                  "DELETE FROM Events WHERE EvntID > 10;"})
+        run(statement, 0);
+    EXPECT_EQ("event insert Events 11;\ninsert Events 12;\nupdate Events 3;\ndelete Events 11;\ndelete Events 12;\n",
+              watcher->pending);
+    std::vector<std::string> events;  // as the monitor client delivers them
+    for (std::string event; !narrow->pending.empty() && narrow->reads.NextEvent(event);) events.push_back(event);
+    EXPECT_EQ((std::vector<std::string>{"update Events 3", "delete Events 11", "delete Events 12"}), events);
+    EXPECT_EQ("", narrow->pending);
     watcher->pending.clear();
     ASSERT_TRUE(watcher->reads.Subscribe("Hardware"));
-    Run({"DELETE FROM Hardware WHERE HwID = 7;"});
-    EXPECT_EQ((std::vector<std::string>{"delete Hardware 7"}), Events());
+    run("DELETE FROM Hardware WHERE HwID = 6;", 0);
+    EXPECT_EQ("event delete Hardware 6;\n", watcher->pending);
 }
 
 }  // namespace
