@@ -16,39 +16,28 @@
 
 namespace {
 
-// Api's reads on one connection: a command's lines, each followed by "|", and "?<error>" unless the output
-// ended at the prompt with no byte left.
-struct Channel {
-    explicit Channel(const SimRunner& sim) : api(SockAddr(AF_INET, 0x7F000001u, sim.Port()), strPrompt)
-    {
-        api.Timeout(ScaledMs(10000) / 1000);
-    }
-    std::string Run(const std::string& command)
-    {
-        std::list<std::string> lines;
-        bool sent = api.Exec(command.c_str(), lines);
-        std::string joined;
-        for (const std::string& line : lines) joined += line + "|";
-        if (!sent || api.LastError() || api.Pending()) joined += "?" + std::to_string(api.LastError());
-        return joined;
-    }
-    Api api;
-};
-
-// The third sample central's row, with its address cell.
-std::string Third(const std::string& address)
-{
-    return "3    8      " + address + "02:a0:7c:00:05:01  0.0.0.0          unaddressed  00:00:00:00:00:00  3.1.0     CE-7710-0501|";
-}
-
 TEST(SimCommands, AnswersEachCommandWithExactlyTheBytesApiReads)
 {
     SimRunner sim;
     ASSERT_TRUE(sim.Running()) << sim.Log();
-    Channel channel(sim);
+    Api api(SockAddr(AF_INET, 0x7F000001u, sim.Port()), strPrompt);
+    api.Timeout(ScaledMs(10000) / 1000);
+    // A command's lines as Api reads them, each followed by "|", and "?<error>" unless the output ended at the
+    // prompt with no byte left.
+    const auto run = [&](const std::string& command) {
+        std::list<std::string> lines;
+        bool sent = api.Exec(command.c_str(), lines);
+        std::string joined;
+        for (const std::string& line : lines) joined += line + "|";
+        return joined + (!sent || api.LastError() || api.Pending() ? "?" + std::to_string(api.LastError()) : "");
+    };
+    const auto third = [](const std::string& address) {  // the third sample central's row
+        return "3    8      " + address + "02:a0:7c:00:05:01  0.0.0.0          unaddressed  00:00:00:00:00:00  3.1.0"
+               "     CE-7710-0501|";
+    };
     const std::string table =
-        "/dev/ttyS1|Idx  HwID   Addr  MAC                IPv4             State        Master             Version   Serial|" +
-        std::string(102, '-') +
+        "/dev/ttyS1|Idx  HwID   Addr  MAC                IPv4             State        Master             Version"
+        "   Serial|" + std::string(102, '-') +
         "|1    3      3     02:a0:7c:00:04:12  10.0.0.21        online       02:a0:7c:00:00:01  3.2.1     CE-7710-0412"
         "|2    4      7     02:a0:7c:00:04:13  10.0.0.22        online       02:a0:7c:00:00:02  3.2.1     CE-7710-0413|";
     const std::pair<std::string, std::string> rows[] = {  // a result ending in "*": only its start
@@ -56,18 +45,18 @@ TEST(SimCommands, AnswersEachCommandWithExactlyTheBytesApiReads)
         {"version", "vantor-sim *"}, {"uptime", "Up 0 days, 00:0*"}, {"status", "|S o c k e t s|----*"},
         {"help", "Commands:|  help *"}, {"sleep 50", ""}, {"sleep 3600001", "Error: Usage: sleep <ms> (0 to 3600000).|"},
         {"nope now", "Error: Unknown command 'nope'.|"}, {"comment x", "Error: Unknown command 'comment'.|"},
-        {"serial enum", table + Third("none  ")},
+        {"serial enum", table + third("none  ")},
         {"serial set 02:A0:7C:00:05:01 9", "Central 02:a0:7c:00:05:01 address none -> 9.|"},
         {"serial set 02:a0:7c:00:05:01 7", "Error: RS-485 address 7 is taken by 02:a0:7c:00:04:13.|"},
         {"serial set 02:a0:7c:00:05:01 09", "Error: Invalid RS-485 address '09' (1 to 254).|"},
         {"serial set 02:a0:7c:00:05 5", "Error: Invalid MAC address '02:a0:7c:00:05'.|"},
         {"serial set 02:a0:7c:00:09:09 5", "Error: No central with MAC 02:a0:7c:00:09:09.|"},
         {"serial set 02:a0:7c:00:05:01", "Error: Usage: serial enum | serial set <mac> <addr>.|"},
-        {"serial enum", table + Third("9     ")}, {"quit", "Bye.|?-32"},
+        {"serial enum", table + third("9     ")}, {"quit", "Bye.|?-32"},
     };
     for (const auto& [command, result] : rows) {
         size_t exact = result.back() == '*' ? result.size() - 1 : std::string::npos;
-        EXPECT_EQ(result.substr(0, exact), channel.Run(command).substr(0, exact)) << command;
+        EXPECT_EQ(result.substr(0, exact), run(command).substr(0, exact)) << command;
     }
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }

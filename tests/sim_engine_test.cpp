@@ -74,40 +74,33 @@ TEST_F(Engine, AnswersEveryRequestWithExactBytes)
     EXPECT_EQ("vantor-sim database shell, SQLite " SQLITE_VERSION "\n"
               "Enter SQL statements terminated with a \";\"\n#> ",
               client->pending);
-    const std::string usageShell =
-        "\vError: usage: shell <escape> <separator> (two different printable characters)\n\v#> \n";
-    const auto syntax = [](const char* near) { return "\vError: near \"" + std::string(near) + "\": syntax error\n\v#> \n"; };
+    const std::string end = "\v#> \n", ok = "OK\n" + end;
+    const std::string usageMonitor = "usage: monitor <table> [select] [insert] [update] [delete]";
+    const auto error = [&](const std::string& text) { return "\vError: " + text + "\n" + end; };
+    const auto syntax = [&](const std::string& near) { return error("near \"" + near + "\": syntax error"); };
+    const std::string usageShell = error("usage: shell <escape> <separator> (two different printable characters)");
     const std::pair<std::string, std::string> cases[] = {
-        {".header on", "OK\n\v#> \n"},
-        {"SELECT HwID FROM Hardware LIMIT 3;", "HwID\n1\n2\n3\n\v#> \n"},
-        {"SELECT HwID, HwName FROM Hardware WHERE HwID = 99;", "HwID|HwName\n\v#> \n"},
-        {"SELECT 'a|b\\c' AS \"x|y\";", "x\\|y\na\\|b\\\\c\n\v#> \n"},
-        {"SELECT 'a' || char(13, 10, 11) || 'b' AS t, NULL AS n, x'01ff' AS b, 1.5 AS r;",
-         "t|n|b|r\na   b||X'01FF'|1.5\n\v#> \n"},
-        {"SELECT 1 AS one; SELECT 2 AS two;", "one\n1\ntwo\n2\n\v#> \n"},
-        {std::string("SELECT 1 AS one;\0SELECT 2;", 26), "one\n1\n\v#> \n"},
-        {"UPDATE Hardware SET HwName = \"renamed\" WHERE HwID = 7;", "\v#> \n"},
+        {".header on", ok}, {"SELECT HwID FROM Hardware LIMIT 3;", "HwID\n1\n2\n3\n" + end},
+        {"SELECT HwID, HwName FROM Hardware WHERE HwID = 99;", "HwID|HwName\n" + end},
+        {"SELECT 'a|b\\c' AS \"x|y\";", "x\\|y\na\\|b\\\\c\n" + end},
+        {"SELECT 'a'||char(13,10,11)||'b' t, NULL n, x'01ff' b, 1.5 r;", "t|n|b|r\na   b||X'01FF'|1.5\n" + end},
+        {"SELECT 1 AS one; SELECT 2 AS two;", "one\n1\ntwo\n2\n" + end},
+        {std::string("SELECT 1 AS one;\0SELECT 2;", 26), "one\n1\n" + end},
+        {"UPDATE Hardware SET HwName = \"renamed\" WHERE HwID = 7;", end}, {"-- only a comment", end},
         {"SELEC 1;", syntax("SELEC")}, {"shellfish;", syntax("shellfish")}, {"commentary;", syntax("commentary")},
-        {"SELECT 1 AS a; SELECT x FROM Nowhere;", "a\n1\n\vError: no such table: Nowhere\n\v#> \n"},
-        {"INSERT INTO Hardware (HwID, HwName, HwType) VALUES (1, 'x', 'y');",
-         "\vError: UNIQUE constraint failed: Hardware.HwID\n\v#> \n"},
-        {".header off", "OK\n\v#> \n"},
-        {"SELECT 1;", "1\n\v#> \n"},
-        {"SELECT '" + std::string(kShellMaxLine, 'x') + "';", "\vError: line longer than 65535 bytes\n\v#> \n"},
-        {"SELECT 1;", "1\n\v#> \n"},
+        {"SELECT 1 AS a; SELECT x FROM Nowhere;", "a\n1\n" + error("no such table: Nowhere")},
+        {"INSERT INTO Hardware (HwID) VALUES (1);", error("NOT NULL constraint failed: Hardware.HwName")},
+        {".header off", ok}, {"SELECT 1;", "1\n" + end},
+        {"SELECT '" + std::string(kShellMaxLine, 'x') + "';", error("line longer than 65535 bytes")},
+        {"SELECT 1;", "1\n" + end},
         {"comment [pid=812] SQL Wrapper", "#> "},
-        {"  shell  # ;", "OK\n\v#> \n"}, {"SELECT 'a;b|#', 2;", "a#;b|##;2\n\v#> \n"}, {"shell \\ |", "OK\n\v#> \n"},
-        {"shell x", usageShell},
-        {"shell | |", usageShell},
-        {".header maybe", "\vError: usage: .header on|off\n\v#> \n"},
-        {".tables", "\vError: unknown command: .tables\n\v#> \n"},
-        {"monitor", "\vError: usage: monitor <table> [select] [insert] [update] [delete]\n\v#> \n"},
-        {"monitor " + std::string(kShellMaxTableName + 1, 't'),
-         "\vError: usage: monitor <table> [select] [insert] [update] [delete]\n\v#> \n"},
-        {"monitor Events truncate", "\vError: unknown monitor operation: truncate\n\v#> \n"},
-        {"-- only a comment", "\v#> \n"}, {"monitoring", syntax("monitoring")},
-        {"monitor Nowhere", "\vError: no such table: Nowhere\n\v#> \n"},
-        {"monitor events", "#> "},
+        {"  shell  # ;", ok}, {"SELECT 'a;b|#', 2;", "a#;b|##;2\n" + end}, {"shell \\ |", ok},
+        {"shell x", usageShell}, {"shell | |", usageShell}, {".header maybe", error("usage: .header on|off")},
+        {".tables", error("unknown command: .tables")}, {"monitor", error(usageMonitor)},
+        {"monitoring", syntax("monitoring")},
+        {"monitor " + std::string(kShellMaxTableName + 1, 't'), error(usageMonitor)},
+        {"monitor Events truncate", error("unknown monitor operation: truncate")},
+        {"monitor Nowhere", error("no such table: Nowhere")}, {"monitor events", "#> "},
     };
     for (const auto& c : cases) EXPECT_EQ(c.second, client->Answer(c.first)) << c.first.substr(0, 80);
 }
@@ -116,15 +109,14 @@ TEST_F(Engine, NotReadyForTheFirstShellDirectivesOnlyAndTheSessionsEnd)
 {
     shared.notReadyLeft = 1;
     auto first = Connect();
-    ASSERT_TRUE(first->reads.Greet());
-    EXPECT_FALSE(first->reads.Setup());
-    EXPECT_TRUE(first->reads.NotReady());
+    ASSERT_TRUE(first->reads.Greet() && !first->reads.Setup() && first->reads.NotReady());
     EXPECT_EQ("\v#> \n", first->pending);
     EXPECT_EQ("\vError: DB not ready\n\v#> \n", first->Answer("SELECT 1;"));
     EXPECT_FALSE(Connect(true)->reads.NotReady());
-    for (auto [line, peerGone] : {std::pair<const char*, bool>{".quit", false}, {" .exit now", false}, {"SELECT 1;", true}}) {
+    const std::pair<const char*, bool> ends[] = {{".quit", false}, {" .exit now", false}, {"SELECT 1;", true}};
+    for (auto [line, gone] : ends) {
         auto client = Connect();
-        client->peerGone = peerGone;
+        client->peerGone = gone;
         client->Answer(line);
         EXPECT_EQ(ShellSession::kClose, client->outcome) << line;
     }
@@ -137,19 +129,17 @@ TEST_F(Engine, MonitorSendsTheCommittedChangesOfItsTableAndWords)
     auto writer = Connect(true), watcher = Connect(), narrow = Connect();
     ASSERT_TRUE(watcher->reads.Greet("[pid=2] SQL monitor") && watcher->reads.Subscribe("Events"));
     ASSERT_TRUE(narrow->reads.Greet("[pid=3] SQL monitor") && narrow->reads.Subscribe("events update delete"));
-    const auto run = [&](const char* statement, int result) {
+    const auto run = [&](std::initializer_list<const char*> statements, int result = 0) {
         std::vector<std::string> rows;
-        EXPECT_EQ(result, writer->reads.Exec(statement, rows)) << statement << ": " << writer->reads.LastError();
+        for (const char* statement : statements)
+            EXPECT_EQ(result, writer->reads.Exec(statement, rows)) << statement << ": " << writer->reads.LastError();
     };
-    run("BEGIN;", 0);
-    run("INSERT INTO Events (EvntDscID) VALUES (1);", 0);
+    run({"BEGIN;", "INSERT INTO Events (EvntDscID) VALUES (1);"});
     EXPECT_EQ("", watcher->pending);
-    run("ROLLBACK;", 0);
-    run("BEGIN; INSERT INTO Events (EvntDscID) VALUES (2), (3); COMMIT;", 0);
-    run("INSERT INTO Events (EvntID) VALUES (13), (1);", -5);
-    for (const char* statement : {"UPDATE Events SET EvntDscID = 2 WHERE EvntID = 3;", "DELETE FROM Hardware WHERE HwID = 7;",
-                                  "DELETE FROM Events WHERE EvntID > 10;"})
-        run(statement, 0);
+    run({"ROLLBACK;", "BEGIN; INSERT INTO Events (EvntDscID) VALUES (2), (3); COMMIT;"});
+    run({"INSERT INTO Events (EvntID) VALUES (13), (1);"}, -5);
+    run({"UPDATE Events SET EvntDscID = 2 WHERE EvntID = 3;", "DELETE FROM Hardware WHERE HwID = 7;",
+         "DELETE FROM Events WHERE EvntID > 10;"});
     EXPECT_EQ("event insert Events 11;\ninsert Events 12;\nupdate Events 3;\ndelete Events 11;\ndelete Events 12;\n",
               watcher->pending);
     std::vector<std::string> events;  // as the monitor client delivers them
@@ -158,7 +148,7 @@ TEST_F(Engine, MonitorSendsTheCommittedChangesOfItsTableAndWords)
     EXPECT_EQ("", narrow->pending);
     watcher->pending.clear();
     ASSERT_TRUE(watcher->reads.Subscribe("Hardware"));
-    run("DELETE FROM Hardware WHERE HwID = 6;", 0);
+    run({"DELETE FROM Hardware WHERE HwID = 6;"});
     EXPECT_EQ("event delete Hardware 6;\n", watcher->pending);
 }
 

@@ -25,57 +25,45 @@ TEST(LineAssembler, SplitsAtCrOrLfSkippingEmptyLinesInAnyChunking)
     }
 }
 
-std::string ListenText(const SimListen& l)
+// The listen address as parsed; "refused" when the parser refused the one argument and named it, else its error.
+std::string Parsed(std::vector<std::string> args, SimOptions& o)
 {
-    char text[INET6_ADDRSTRLEN] = "";
+    args.insert(args.begin(), "vantor-sim");
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(&a[0]);
+    std::string error;
+    if (!sim_parse_options(static_cast<int>(argv.size()), argv.data(), o, error))
+        return args.size() == 2 && error.find(args[1]) != std::string::npos ? "refused" : error;
+    const SimListen& l = o.listen;
     if (l.family == AF_UNIX) return std::string("unix ") + l.un.sun_path;
-    bool v6 = l.family == AF_INET6;
+    char text[INET6_ADDRSTRLEN] = "";
+    const bool v6 = l.family == AF_INET6;
     inet_ntop(l.family, v6 ? static_cast<const void*>(&l.in6.sin6_addr) : &l.in4.sin_addr, text, sizeof text);
     return std::string(v6 ? "ipv6 " : "ipv4 ") + text + " " + std::to_string(ntohs(v6 ? l.in6.sin6_port : l.in4.sin_port));
 }
 
-TEST(SimOptions, ParsesListenAddressesStrictly)
-{
-    const std::pair<std::string, std::string> cases[] = {  // "" for refused
-        {"127.0.0.1:3543", "ipv4 127.0.0.1 3543"}, {"0.0.0.0:0", "ipv4 0.0.0.0 0"}, {"::1|65535", "ipv6 ::1 65535"},
-        {"/tmp/sim.sock", "unix /tmp/sim.sock"}, {"./sim.sock", "unix ./sim.sock"}, {"127.0.0.1", ""},
-        {"127.0.0.1:", ""}, {"127.0.0.1:65536", ""}, {"127.0.0.1:+1", ""}, {"127.0.0.1:01", ""}, {"127.0.0.1: 1", ""},
-        {"127.0.0.1:1x", ""}, {"300.1.1.1:1", ""}, {"::1:80", ""}, {"::1|", ""}, {"host:80", ""}, {"", ""},
-        {"/tmp/" + std::string(120, 'p'), ""},
-    };
-    for (const auto& [text, parsed] : cases) {
-        SimListen l;
-        l.in4.sin_port = 9999;
-        std::string got = sim_parse_listen(text, l) ? ListenText(l) : "refused, port " + std::to_string(l.in4.sin_port);
-        EXPECT_EQ(parsed.empty() ? "refused, port 9999" : parsed, got) << text;
-    }
-}
-
-TEST(SimOptions, TakesValuesInRangeAndNamesTheRefusedOption)
+// Ports are decimal 0..65535 without sign or leading zero, numbers stay in their ranges, and a refusal leaves
+// the options as they were.
+TEST(SimOptions, ParseStrictlyAndNameTheRefusedOption)
 {
     SimOptions o;
-    std::string error;
-    const auto parse = [&](std::vector<std::string> args) {
-        args.insert(args.begin(), "vantor-sim");
-        std::vector<char*> argv;
-        for (std::string& a : args) argv.push_back(&a[0]);
-        return sim_parse_options(static_cast<int>(argv.size()), argv.data(), o, error);
-    };
-    ASSERT_TRUE(parse({}));
-    EXPECT_EQ("ipv4 127.0.0.1 3543", ListenText(o.listen));
-    ASSERT_TRUE(parse({"--db=/tmp/x.db", "--events=10000000", "--not-ready=2", "--replicas=3,2", "--replica-stall=3",
-                       "--max-clients=1"}));
+    ASSERT_EQ("ipv4 127.0.0.1 3543", Parsed({"--db=/tmp/x.db", "--events=10000000", "--not-ready=2", "--replicas=3,2",
+                                             "--replica-stall=3", "--max-clients=1"}, o));
     EXPECT_TRUE(o.db == "/tmp/x.db" && o.events == 10000000 && o.notReady == 2 && o.maxClients == 1);
     EXPECT_TRUE(o.replicas.enabled && o.replicas.count == 3 && o.replicas.lag == 2 && o.replicas.stall == 3);
-    EXPECT_FALSE(parse({"--replicas=2", "--replica-stall=3"}));
-    for (const char* bad : {"--events=10000001", "--events=-1", "--not-ready=1000001", "--max-clients=0",
-                            "--max-clients=4097", "--db=", "--listen=x", "--verbose", "--events=1e3",
-                            "--replicas=3,", "--replicas=,2", "--replicas=4097", "--replicas=1,-1",
-                            "--replica-stall=0", "--version-dir="}) {
-        EXPECT_FALSE(parse({bad})) << bad;
-        EXPECT_EQ(1, o.maxClients) << bad;
-        EXPECT_NE(std::string::npos, error.find(bad)) << error;
-    }
+    EXPECT_EQ("--replica-stall names no peer of --replicas", Parsed({"--replicas=2", "--replica-stall=3"}, o));
+    const std::string bad[] = {"--listen=127.0.0.1", "--listen=127.0.0.1:", "--listen=127.0.0.1:65536",
+        "--listen=127.0.0.1:+1", "--listen=127.0.0.1:01", "--listen=127.0.0.1: 1", "--listen=127.0.0.1:1x",
+        "--listen=300.1.1.1:1", "--listen=::1:80", "--listen=::1|", "--listen=host:80", "--listen=",
+        "--listen=/tmp/" + std::string(120, 'p'), "--events=10000001", "--events=-1", "--not-ready=1000001",
+        "--max-clients=0", "--max-clients=4097", "--db=", "--verbose", "--events=1e3", "--replicas=3,",
+        "--replicas=,2", "--replicas=4097", "--replicas=1,-1", "--replica-stall=0", "--version-dir="};
+    for (const std::string& arg : bad) EXPECT_EQ("refused", Parsed({arg}, o)) << arg;
+    EXPECT_EQ(1, o.maxClients);
+    const std::pair<std::string, std::string> listens[] = {
+        {"127.0.0.1:3543", "ipv4 127.0.0.1 3543"}, {"0.0.0.0:0", "ipv4 0.0.0.0 0"}, {"::1|65535", "ipv6 ::1 65535"},
+        {"/tmp/sim.sock", "unix /tmp/sim.sock"}, {"./sim.sock", "unix ./sim.sock"}};
+    for (const auto& [text, parsed] : listens) EXPECT_EQ(parsed, Parsed({"--listen=" + text}, o)) << text;
 }
 
 }  // namespace

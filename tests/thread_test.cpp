@@ -16,11 +16,7 @@ namespace {
 // Loops until asked to stop; with obeyStop false only `release` ends it.
 struct LoopThread : Thread {
     explicit LoopThread(const char* name, bool obey = true) : Thread(name), obeyStop(obey) {}
-    ~LoopThread() override
-    {
-        release = true;
-        Stop();
-    }
+    ~LoopThread() override { release = true; Stop(); }
     void* ThreadMain() override
     {
         while (!release && (!obeyStop || KeepRunning()))
@@ -98,29 +94,23 @@ TEST(Thread, FiniStopsEveryThreadAndReportsThoseStillListed)
 }
 
 // The kernel keeps 15 characters of the name; the stat line's fields count from its last ')', so blanks and
-// ')' in the name do not shift them.
-TEST(Thread, KernelNameAndRunningTime)
+// ')' in the name do not shift them. A priority is the policy's lowest, highest or their midpoint.
+TEST(Thread, KernelNameRunningTimeAndPriority)
 {
     LoopThread thread("a) 1 2 3 456789XYZ");
     long kernel = 9, user = 9;
     thread.RunningTime(kernel, user);
-    EXPECT_EQ(std::make_pair(kernel, user), std::make_pair(0L, 0L)) << "zero before the start";
+    EXPECT_TRUE(kernel == 0 && user == 0) << "zero before the start";
     thread.spin = true;
     ASSERT_TRUE(thread.Start());
     const std::string comm = "/proc/self/task/" + std::to_string(thread.Tid()) + "/comm";
     EXPECT_TRUE(WaitUntil([&] { return ReadFile(comm) == "a) 1 2 3 456789\n"; }, ScaledMs(5000))) << ReadFile(comm);
     EXPECT_TRUE(WaitUntil([&] { return thread.RunningTime(kernel, user), user > 0; }, ScaledMs(10000)));
+    thread.spin = false;
     tms process;  // a thread's ticks are part of the process's (each sum rounded apart)
     times(&process);
     EXPECT_LE(user + kernel, process.tms_utime + process.tms_stime + 2);
-}
-
-TEST(Thread, SetPriorityPicksLowestHighestOrMidpoint)
-{
-    LoopThread thread("prio");
-    ASSERT_TRUE(thread.Start());
-    sched_param param{};
-    param.sched_priority = 1;
+    sched_param param{1};
     if (pthread_setschedparam(thread.ThreadId(), SCHED_RR, &param) != 0) GTEST_SKIP() << "no real-time rights";
     for (auto [level, priority] : {std::pair<int, int>{5, 50}, {INT_MAX, 99}, {INT_MIN, 1}}) {
         thread.SetPriority(level);
