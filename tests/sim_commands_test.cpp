@@ -16,10 +16,13 @@
 
 namespace {
 
-TEST(SimCommands, AnswersEachCommandWithExactlyTheBytesApiReads)
+TEST(SimCommands, AnswersEachCommandWithExactlyTheBytesApiReadsBesideTheDatabaseShell)
 {
     SimRunner sim;
     ASSERT_TRUE(sim.Running()) << sim.Log();
+    FdShellTransport database(sim.Connect());
+    ScriptedShellClient shell(database);
+    ASSERT_TRUE(shell.Greet() && shell.Setup());
     Api api(SockAddr(AF_INET, 0x7F000001u, sim.Port()), strPrompt);
     api.Timeout(ScaledMs(10000) / 1000);
     // A command's lines as Api reads them, each followed by "|", and "?<error>" unless the output ended at the
@@ -58,18 +61,8 @@ TEST(SimCommands, AnswersEachCommandWithExactlyTheBytesApiReads)
         size_t exact = result.back() == '*' ? result.size() - 1 : std::string::npos;
         EXPECT_EQ(result.substr(0, exact), run(command).substr(0, exact)) << command;
     }
-    EXPECT_EQ(0, sim.Stop()) << sim.Log();
-}
-
-// One listener, one greeting: the first line decides whose a connection is, and later lines never change it.
-TEST(SimCommands, FirstLineDecidesTheKindOfEachConnection)
-{
-    SimRunner sim;
-    ASSERT_TRUE(sim.Running()) << sim.Log();
-    FdShellTransport database(sim.Connect());
-    ScriptedShellClient shell(database);
-    ASSERT_TRUE(shell.Greet() && shell.Setup());
-    const std::pair<std::string, std::string> rows[] = {  // sent after the greeting, answer
+    // One listener, one greeting: the first line decides whose a connection is, and later lines never change it.
+    const std::pair<std::string, std::string> firsts[] = {  // sent after the greeting, answer
         {"echo a\r\ncomment x\n", "a\n#> Error: Unknown command 'comment'.\n#> "},
         {"echo a\rb\necho c\r\n\r\n", "a\rb\n#> c\n#> #> "},  // a lone CR is text, an empty line a command
         {"\nshell \\ |\n", "#> Error: Unknown command 'shell'.\n#> "},
@@ -79,7 +72,7 @@ TEST(SimCommands, FirstLineDecidesTheKindOfEachConnection)
          std::string(7995, 'x') + "\n#> Error: line longer than 8000 bytes.\n#> "},
         {std::string(70000, 'z') + "\n", "Error: line longer than 8000 bytes.\n#> "},
     };
-    for (const auto& [sent, answer] : rows) {
+    for (const auto& [sent, answer] : firsts) {
         FdShellTransport link(sim.Connect());
         std::string bytes, label = sent.substr(0, 20);
         ASSERT_TRUE(link.ReadUntil("#> ", bytes, 5000) && link.Send(sent)) << label;
