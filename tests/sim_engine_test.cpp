@@ -1,5 +1,5 @@
-// The protocol engine without sockets: exact answer bytes, the client's fixed reads over them, and the monitor
-// fan-out between sessions.
+// The protocol engine without sockets: exact answer bytes and the monitor fan-out between sessions (the SQL
+// client's reads over them run over real sockets in sim_server_test and sql_sim_test).
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -8,36 +8,25 @@
 #include "ShellSession.h"
 #include "SimDatabase.h"
 #include "process.h"
-#include "shell_client.h"
 
 namespace {
 
-// One session whose answers collect in a buffer that the scripted client reads from; the server's line
-// assembly sits in between, as on the wire.
-struct EngineClient : ShellTransport, AnswerSink, MonitorSink {
-    explicit EngineClient(ShellShared& shared) : session(shared, *this, *this, "test"), reads(*this) {}
+// One session whose answers and pushed change lines collect in a buffer; the server's line assembly sits in
+// between, as on the wire.
+struct EngineClient : AnswerSink, MonitorSink {
+    explicit EngineClient(ShellShared& shared) : session(shared, *this, *this, "test") {}
     bool Write(const char* data, size_t len) override { return !peerGone && (pending.append(data, len), true); }
     void Push(const char* line, size_t len) override { pending.append(line, len); }
-    int Get(char& c) override
+    std::string Answer(const std::string& line)  // the raw answer bytes of one request line
     {
-        if (pending.empty()) return 0;
-        c = pending[0], pending.erase(0, 1);
-        return 1;
-    }
-    bool Send(const std::string& bytes) override
-    {
+        pending.clear();
+        const std::string bytes = line + "\r\n";
         for (size_t at = 0; at < bytes.size();) {
             LineAssembler::Result r;
             at += lines.Feed(bytes.data() + at, bytes.size() - at, r);
             if (r != LineAssembler::kNeedMore)
                 outcome = r == LineAssembler::kLine ? session.HandleLine(lines.Line()) : session.HandleTooLong();
         }
-        return true;
-    }
-    std::string Answer(const std::string& line)  // the raw answer bytes of one request line
-    {
-        pending.clear();
-        Send(line + "\r\n");
         return std::exchange(pending, "");
     }
 
@@ -46,19 +35,16 @@ struct EngineClient : ShellTransport, AnswerSink, MonitorSink {
     std::string pending;
     ShellSession::Outcome outcome = ShellSession::kContinue;
     bool peerGone = false;
-    ScriptedShellClient reads;  // the SQL client's fixed reads on this session
 };
 
 class Engine : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(sim_db_prepare(shared.dbPath = dir + "/unit.db", 0)); }
     void TearDown() override { EXPECT_EQ(0, system(("rm -rf " + dir).c_str())); }
-    // A client that has read the greeting, like a fresh connection; `prepared`: also the SQL client's set-up.
-    std::unique_ptr<EngineClient> Connect(bool prepared = false)
+    std::unique_ptr<EngineClient> Connect()  // past the greeting, like a fresh connection
     {
         auto client = std::make_unique<EngineClient>(shared);
         EXPECT_TRUE(client->session.Start());
-        EXPECT_TRUE(!prepared || (client->reads.Greet() && client->reads.Setup() && client->pending.empty()));
         return client;
     }
 
@@ -109,12 +95,11 @@ TEST_F(Engine, NotReadyForTheFirstShellDirectivesOnlyAndTheSessionsEnd)
 {
     shared.notReadyLeft = 1;
     auto first = Connect();
-    ASSERT_TRUE(first->reads.Greet() && !first->reads.Setup() && first->reads.NotReady());
-    EXPECT_EQ("\v#> \n", first->pending);
+    EXPECT_EQ("DB not ready\n\v#> \n", first->Answer("shell \\ |"));
     EXPECT_EQ("\vError: DB not ready\n\v#> \n", first->Answer("SELECT 1;"));
-    EXPECT_FALSE(Connect(true)->reads.NotReady());
+    EXPECT_EQ("OK\n\v#> \n", Connect()->Answer("shell \\ |"));
     const std::pair<const char*, bool> ends[] = {{".quit", false}, {" .exit now", false}, {"SELECT 1;", true}};
-    for (auto [line, gone] : ends) {
+    for (auto [line, gone] : ends) {  // with the peer gone or not
         auto client = Connect();
         client->peerGone = gone;
         client->Answer(line);
@@ -126,28 +111,21 @@ TEST_F(Engine, NotReadyForTheFirstShellDirectivesOnlyAndTheSessionsEnd)
 // subscription carries the lead.
 TEST_F(Engine, MonitorSendsTheCommittedChangesOfItsTableAndWords)
 {
-    auto writer = Connect(true), watcher = Connect(), narrow = Connect();
-    ASSERT_TRUE(watcher->reads.Greet("[pid=2] SQL monitor") && watcher->reads.Subscribe("Events"));
-    ASSERT_TRUE(narrow->reads.Greet("[pid=3] SQL monitor") && narrow->reads.Subscribe("events update delete"));
-    const auto run = [&](std::initializer_list<const char*> statements, int result = 0) {
-        std::vector<std::string> rows;
-        for (const char* statement : statements)
-            EXPECT_EQ(result, writer->reads.Exec(statement, rows)) << statement << ": " << writer->reads.LastError();
+    auto writer = Connect(), watcher = Connect(), narrow = Connect();
+    EXPECT_TRUE(watcher->Answer("monitor Events") == "#> " && narrow->Answer("monitor events update delete") == "#> ");
+    const auto run = [&](std::initializer_list<const char*> statements, const std::string& answer = "\v#> \n") {
+        for (const char* statement : statements) EXPECT_EQ(answer, writer->Answer(statement)) << statement;
     };
     run({"BEGIN;", "INSERT INTO Events (EvntDscID) VALUES (1);"});
     EXPECT_EQ("", watcher->pending);
     run({"ROLLBACK;", "BEGIN; INSERT INTO Events (EvntDscID) VALUES (2), (3); COMMIT;"});
-    run({"INSERT INTO Events (EvntID) VALUES (13), (1);"}, -5);
+    run({"INSERT INTO Events (EvntID) VALUES (13), (1);"}, "\vError: UNIQUE constraint failed: Events.EvntID\n\v#> \n");
     run({"UPDATE Events SET EvntDscID = 2 WHERE EvntID = 3;", "DELETE FROM Hardware WHERE HwID = 7;",
          "DELETE FROM Events WHERE EvntID > 10;"});
     EXPECT_EQ("event insert Events 11;\ninsert Events 12;\nupdate Events 3;\ndelete Events 11;\ndelete Events 12;\n",
               watcher->pending);
-    std::vector<std::string> events;  // as the monitor client delivers them
-    for (std::string event; !narrow->pending.empty() && narrow->reads.NextEvent(event);) events.push_back(event);
-    EXPECT_EQ((std::vector<std::string>{"update Events 3", "delete Events 11", "delete Events 12"}), events);
-    EXPECT_EQ("", narrow->pending);
-    watcher->pending.clear();
-    ASSERT_TRUE(watcher->reads.Subscribe("Hardware"));
+    EXPECT_EQ("event update Events 3;\ndelete Events 11;\ndelete Events 12;\n", narrow->pending);
+    EXPECT_EQ("#> ", watcher->Answer("monitor Hardware"));
     run({"DELETE FROM Hardware WHERE HwID = 6;"});
     EXPECT_EQ("event delete Hardware 6;\n", watcher->pending);
 }

@@ -111,8 +111,7 @@ TEST(SimServer, SubscriberThatNeverReadsIsCutOffAlone)
     int small = 4096;
     ASSERT_EQ(0, setsockopt(hoarder.link.Fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small));
     ASSERT_TRUE(writer.Prepare());
-    // Long change lines: 60,000 of them are about 13 MB, far more than the queue and socket buffers hold.
-    const std::string table = "T" + std::string(200, 'x');
+    const std::string table = "T" + std::string(200, 'x');  // 60,000 change lines of it far outgrow every buffer
     writer.Run("CREATE TABLE " + table + " (v);");
     ASSERT_TRUE(hoarder.reads.Greet() && hoarder.reads.Subscribe(table));
     writer.Run("WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n WHERE x < 60000) "
