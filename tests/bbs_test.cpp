@@ -11,8 +11,7 @@ void Store(Bbs& board, const char* key, const char* text)
     else board.Remove(key);
 }
 
-// "<int> <short> <bool>" as the board reads key "k", "-" for a refusal, which must leave the value alone; the
-// defaulting getters must agree.
+// "<int> <short> <bool>" as read from "k": "-" a refusal (value untouched); the defaulting getters agree.
 std::string Read(const Bbs& board)
 {
     int i = 9999;
@@ -26,8 +25,7 @@ std::string Read(const Bbs& board)
     return asInt + " " + asShort + " " + asBool;
 }
 
-// Numbers scan like scanf's "%10d" and "%5d" fields (the sign counts, a short is narrowed to 16 bits); truth
-// words are exact.
+// Numbers scan like scanf's "%10d" and "%5d" (the sign counts, a short narrowed to 16 bits); words are exact.
 TEST(Bbs, TypedGettersReadTheseValues)
 {
     const std::pair<const char*, const char*> cases[] = {

@@ -11,8 +11,7 @@
 
 namespace {
 
-// A lock pthread refuses (an error-checking mutex taken again by its holder) is not held, and the guard
-// leaves the unlock out: the holder's own unlock still works.
+// A lock pthread refuses (an error-checking mutex taken again) is not held, and the guard leaves it alone.
 TEST(Mutex, RefusedLockIsNotHeldAndTheGuardDoesNotUnlock)
 {
     Mutex m(false);
@@ -32,8 +31,7 @@ TEST(Mutex, RefusedLockIsNotHeldAndTheGuardDoesNotUnlock)
     EXPECT_EQ(CountOf(log, "dbg  DBG Mutex.hpp:142 Lock() Lock from unknown location.\n"), 1u) << log;
 }
 
-// A waiter reports every m_reportSeconds (here 1) the holder's first position, its id (cleared at every
-// unlock, even a recursive one) and its latest step; try and timed locks refuse meanwhile.
+// Reports name the holder's first position, its id (cleared at every unlock, even a nested one), its last step.
 TEST(Mutex, BlockedWaiterReportsHolderAndLatestStep)
 {
     StderrCapture err;

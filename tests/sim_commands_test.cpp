@@ -1,6 +1,4 @@
-// The simulated unit's command channel over real sockets: every command read with Api's own reads (no byte
-// left over, no read left waiting), the first line telling the two kinds of connection apart on one port, and
-// the centrals file.
+// The command channel over real sockets, read with Api's own reads: no byte left over, no read left waiting.
 #include <gtest/gtest.h>
 
 #include <list>
@@ -25,8 +23,7 @@ TEST(SimCommands, AnswersEachCommandWithExactlyTheBytesApiReadsBesideTheDatabase
     ASSERT_TRUE(shell.Greet() && shell.Setup());
     Api api(SockAddr(AF_INET, 0x7F000001u, sim.Port()), strPrompt);
     api.Timeout(ScaledMs(10000) / 1000);
-    // A command's lines as Api reads them, each followed by "|", and "?<error>" unless the output ended at the
-    // prompt with no byte left.
+    // Lines each followed by "|", then "?<error>" unless the output ended at the prompt with no byte left.
     const auto run = [&](const std::string& command) {
         std::list<std::string> lines;
         bool sent = api.Exec(command.c_str(), lines);
@@ -104,9 +101,9 @@ TEST(SimCommands, CentralsFileIsTakenWholeOrRefusedWithItsLine)
         std::string error, listing = centrals.Parse(file, error) ? centrals.Enum() : "";
         EXPECT_EQ(outcome, error.empty() ? listing.substr(listing.rfind('\n', listing.size() - 2) + 1) : error);
     }
-    SimRunner sim(SimRunner::Options{false, 0, 0, {"--centrals=/nonexistent/centrals"}});
+    SimRunner sim(SimRunner::Options{false, 0, 0, {"--centrals=/none"}});
     EXPECT_FALSE(sim.Running());
-    EXPECT_NE(std::string::npos, sim.Log().find("Centrals file /nonexistent/centrals: No such file or directory.")) << sim.Log();
+    EXPECT_NE(std::string::npos, sim.Log().find("Centrals file /none: No such file or directory.")) << sim.Log();
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
-// The protocol engine without sockets: exact answer bytes and the monitor fan-out between sessions (the SQL
-// client's reads over them run over real sockets in sim_server_test and sql_sim_test).
+// The protocol engine without sockets (the SQL client's reads over it run in sim_server_test, sql_sim_test).
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -11,8 +10,7 @@
 
 namespace {
 
-// One session whose answers and pushed change lines collect in a buffer; the server's line assembly sits in
-// between, as on the wire.
+// Answers and pushed change lines collect in `pending`, through the server's line assembly as on the wire.
 struct EngineClient : AnswerSink, MonitorSink {
     explicit EngineClient(ShellShared& shared) : session(shared, *this, *this, "test") {}
     bool Write(const char* data, size_t len) override { return !peerGone && (pending.append(data, len), true); }
@@ -52,8 +50,7 @@ protected:
     ShellShared shared;
 };
 
-// One session through every answer type, in order: header on, statements, header off, an over-long line, then
-// the directives and their usage errors.
+// One session, in order: rows and errors with the header on, then off, an over-long line, the directives.
 TEST_F(Engine, AnswersEveryRequestWithExactBytes)
 {
     auto client = Connect();
@@ -107,8 +104,7 @@ TEST_F(Engine, NotReadyForTheFirstShellDirectivesOnlyAndTheSessionsEnd)
     }
 }
 
-// Words narrow a subscription, in any case; only committed changes are sent, and the first line after each
-// subscription carries the lead.
+// Words narrow a subscription, in any case; only commits are sent; the first line after a subscription leads.
 TEST_F(Engine, MonitorSendsTheCommittedChangesOfItsTableAndWords)
 {
     auto writer = Connect(), watcher = Connect(), narrow = Connect();

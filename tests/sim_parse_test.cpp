@@ -1,5 +1,4 @@
-// The simulator's parsers of outside input: request line assembly and the command-line options (requests are
-// classified in sim_engine_test, through their answers).
+// Request lines are classified in sim_engine_test, through their answers.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -12,14 +11,14 @@ namespace {
 TEST(LineAssembler, SplitsAtCrOrLfSkippingEmptyLinesInAnyChunking)
 {
     const std::string input = "comment x\r\n\r\nSELECT 1;\nab\rabcdefghij\r\nz\n\v\x01\xff\nSELECT";  // last one unfinished
-    const std::vector<std::string> expected = {"L:comment x", "L:SELECT 1;", "L:ab", "TOO-LONG", "L:z", "L:\v\x01\xff"};
+    const std::vector<std::string> expected = {"comment x", "SELECT 1;", "ab", "TOO-LONG", "z", "\v\x01\xff"};
     for (size_t chunk : {1, 2, 3, 7, 100}) {
         LineAssembler lines(9);
-        std::vector<std::string> events;  // "L:<line>" or "TOO-LONG"
+        std::vector<std::string> events;
         for (size_t at = 0; at < input.size();) {
             LineAssembler::Result r;
             at += lines.Feed(input.data() + at, std::min(input.size(), (at / chunk + 1) * chunk) - at, r);
-            if (r != LineAssembler::kNeedMore) events.push_back(r == LineAssembler::kLine ? "L:" + lines.Line() : "TOO-LONG");
+            if (r != LineAssembler::kNeedMore) events.push_back(r == LineAssembler::kLine ? lines.Line() : "TOO-LONG");
         }
         EXPECT_EQ(expected, events) << chunk;
     }
@@ -42,8 +41,7 @@ std::string Parsed(std::vector<std::string> args, SimOptions& o)
     return std::string(v6 ? "ipv6 " : "ipv4 ") + text + " " + std::to_string(ntohs(v6 ? l.in6.sin6_port : l.in4.sin_port));
 }
 
-// Ports are decimal 0..65535 without sign or leading zero, numbers stay in their ranges, and a refusal leaves
-// the options as they were.
+// Ports are decimal 0..65535 without sign or leading zero; a refusal leaves the options as they were.
 TEST(SimOptions, ParseStrictlyAndNameTheRefusedOption)
 {
     SimOptions o;

@@ -1,5 +1,4 @@
-// vantor-sim over real sockets (answer bytes are pinned in sim_engine_test). Each test ends with a clean stop:
-// status 0 also means no sanitizer report and no thread left hanging.
+// vantor-sim over real sockets; a clean stop (status 0) also means no sanitizer report and no thread left.
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
@@ -18,10 +17,8 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// One connection with the scripted client's reads on it.
 struct Client {
     explicit Client(const SimRunner& sim, int waitMs = 15000) : link(sim.Connect(), waitMs), reads(link) {}
-    // Greeting and set-up as the SQL client does them.
     bool Prepare() { return link.Fd() >= 0 && reads.Greet() && reads.Setup() && link.Quiet(); }
     Lines Run(const std::string& statement)
     {
@@ -39,8 +36,7 @@ struct Client {
     ScriptedShellClient reads;
 };
 
-// Connections past the limit are closed at accept; a silent client is dropped after --idle-timeout, which frees
-// its place, while a subscriber, silent too, stays and hears every change of its table.
+// A silent client is dropped after --idle-timeout, freeing its place; a subscriber, silent too, stays.
 TEST(SimServer, LimitAndIdleTimeOutSpareSubscribers)
 {
     SimRunner sim({false, 0, 0, {"--max-clients=2", "--idle-timeout=1"}});
@@ -61,8 +57,7 @@ TEST(SimServer, LimitAndIdleTimeOutSpareSubscribers)
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 
-// Many clients at once lose nothing, and misbehaving ones around them disturb nobody: a full 100,000-row stream
-// still arrives whole, and the simulator stops cleanly while the rude ones are still connected.
+// A full 100,000-row stream still arrives whole, and the stop is clean, while the rude ones are connected.
 TEST(SimServer, ManyClientsAtOnceAndRudeOnesLoseNothing)
 {
     SimRunner sim({false, 100000, 0, {}});

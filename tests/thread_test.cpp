@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <climits>
-#include <fstream>
 
 #include "Thread.h"
 #include "fixed_paths.h"
@@ -27,11 +26,10 @@ struct LoopThread : Thread {
     std::atomic<bool> release{false}, spin{false};
 };
 
-// Stops of threads never started, or asked not to wait, are silent; a thread that outstays MaxWaitTime gets each
-// second's wait counted.
+// Stops of threads never started, detached or not waited for are silent; a stubborn one's waits are counted.
 TEST(Thread, StartsOnceAndStopsSilentlyUntilAThreadOutstaysTheWait)
 {
-    LoopThread thread("worker"), stubborn("stubborn", false);
+    LoopThread thread("worker"), stubborn("stubborn", false), detached("detached");
     ASSERT_TRUE(thread.Start());
     EXPECT_TRUE(thread.IsRunning()) << "running when Start returns";
     EXPECT_FALSE(thread.Start(true)) << "a running thread";
@@ -40,6 +38,10 @@ TEST(Thread, StartsOnceAndStopsSilentlyUntilAThreadOutstaysTheWait)
     StderrCapture err;
     EXPECT_TRUE(thread.Stop()) << "a second stop after the join";
     EXPECT_TRUE(LoopThread("idle").Stop()) << "an unstarted thread";
+    ASSERT_TRUE(detached.Start());
+    detached.Detach();
+    detached.Detach();
+    EXPECT_TRUE(detached.Stop() && WaitUntil([&] { return !detached.IsRunning(); }, ScaledMs(5000)));
     ASSERT_TRUE(stubborn.Start(true));
     EXPECT_FALSE(stubborn.Start()) << "a no-wait start counts as started";
     EXPECT_TRUE(stubborn.Stop(true) && stubborn.ShouldStop()) << "a no-wait stop returns at once";
@@ -57,16 +59,9 @@ TEST(Thread, StartsOnceAndStopsSilentlyUntilAThreadOutstaysTheWait)
     EXPECT_TRUE(stubborn.Stop()) << "a later stop still joins";
 }
 
-TEST(Thread, DetachedOrSelfDeletingThreadIsNotJoined)
+// A self-deleting thread is not joined; Fini stops every thread, then names those whose objects are still alive.
+TEST(Thread, SelfDeletingThreadsLeaveAndFiniReportsThoseStillListed)
 {
-    {
-        LoopThread detached("detached");
-        ASSERT_TRUE(detached.Start());
-        detached.Detach();
-        detached.Detach();
-        EXPECT_TRUE(detached.Stop());
-        EXPECT_TRUE(WaitUntil([&] { return !detached.IsRunning(); }, ScaledMs(5000)));
-    }
     const long objects = safe_mem_object_count("Thread");
     for (bool byFini : {false, true}) {
         auto* thread = new LoopThread("self");
@@ -79,11 +74,6 @@ TEST(Thread, DetachedOrSelfDeletingThreadIsNotJoined)
             return safe_mem_object_count("Thread") == objects;
         }, ScaledMs(5000))) << byFini;
     }
-}
-
-// Fini stops every thread, then names those whose objects are still alive.
-TEST(Thread, FiniStopsEveryThreadAndReportsThoseStillListed)
-{
     StderrCapture err;
     LoopThread a("lingering"), b("other");
     ASSERT_TRUE(a.Start() && b.Start());
@@ -93,8 +83,7 @@ TEST(Thread, FiniStopsEveryThreadAndReportsThoseStillListed)
                                         "warn Thread [" + std::to_string(b.Tid()) + "] other still alive.\n");
 }
 
-// The kernel keeps 15 characters of the name; the stat line's fields count from its last ')', so blanks and
-// ')' in the name do not shift them. A priority is the policy's lowest, highest or their midpoint.
+// The stat line's fields count from its last ')', so blanks and ')' in the name do not shift them.
 TEST(Thread, KernelNameRunningTimeAndPriority)
 {
     LoopThread thread("a) 1 2 3 456789XYZ");
