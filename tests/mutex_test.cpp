@@ -22,7 +22,7 @@ TEST(Mutex, RefusedLockIsNotHeldAndTheGuardDoesNotUnlock)
     StderrCapture err;
     EXPECT_FALSE(m.Lock("again.cpp", 1));
     { MutexGuard guard(m, "guard.cpp", 2); }
-    EXPECT_TRUE(m.Recursed() == 0 && m.LockFile() == nullptr);
+    EXPECT_TRUE(m.Recursed() == 0 && m.LockFile() == nullptr && m.LockTid() == 0);
     EXPECT_EQ(pthread_mutex_unlock(m.PthreadMutex()), 0);
     EXPECT_TRUE(m.Lock(nullptr, 0));
     m.Unlock();

@@ -1,6 +1,7 @@
 // The command channel over real sockets, read with Api's own reads: no byte left over, no read left waiting.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <list>
 #include <string>
 #include <vector>
@@ -101,9 +102,22 @@ TEST(SimCommands, CentralsFileIsTakenWholeOrRefusedWithItsLine)
         std::string error, listing = centrals.Parse(file, error) ? centrals.Enum() : "";
         EXPECT_EQ(outcome, error.empty() ? listing.substr(listing.rfind('\n', listing.size() - 2) + 1) : error);
     }
-    SimRunner sim(SimRunner::Options{false, 0, 0, {"--centrals=/none"}});
-    EXPECT_FALSE(sim.Running());
-    EXPECT_NE(std::string::npos, sim.Log().find("Centrals file /none: No such file or directory.")) << sim.Log();
+    // The simulator serves a good file; for a bad or missing one it names the file and the reason, and stops.
+    const std::string dir = MakeTempDir();
+    const std::pair<std::string, std::string> runs[] = {  // file ("" for none), what the simulator says
+        {rows[0].first, rows[0].second + "#> "}, {rows[1].first, ": " + rows[1].second + "."},
+        {"", ": No such file or directory."}};
+    for (const auto& [file, says] : runs) {
+        const std::string path = dir + (file.empty() ? "/none" : "/centrals");
+        if (!file.empty()) std::ofstream(path) << file;
+        SimRunner sim(SimRunner::Options{false, 0, 0, {"--centrals=" + path}});
+        std::string seen = sim.Log(), expected = says[0] == ':' ? "Centrals file " + path + says : says;
+        FdShellTransport link(sim.Running() ? sim.Connect() : -1);
+        EXPECT_TRUE(!sim.Running() || (link.ReadUntil("#> ", seen, 5000) && link.Send("serial enum\n") &&
+                                       link.ReadUntil(expected, seen, 5000)));
+        EXPECT_NE(std::string::npos, seen.find(expected)) << seen;
+    }
+    EXPECT_EQ(0, system(("rm -rf " + dir).c_str()));
 }
 
 }  // namespace

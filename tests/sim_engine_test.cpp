@@ -69,7 +69,7 @@ TEST_F(Engine, AnswersEveryRequestWithExactBytes)
         {"SELECT 'a'||char(13,10,11)||'b' t, NULL n, x'01ff' b, 1.5 r;", "t|n|b|r\na   b||X'01FF'|1.5\n" + end},
         {"SELECT 1 AS one; SELECT 2 AS two;", "one\n1\ntwo\n2\n" + end},
         {std::string("SELECT 1 AS one;\0SELECT 2;", 26), "one\n1\n" + end},
-        {"UPDATE Hardware SET HwName = \"renamed\" WHERE HwID = 7;", end}, {"-- only a comment", end},
+        {"UPDATE Hardware SET HwName = \"renamed\" WHERE HwID = 7;", end}, {"-- only a comment", end}, {"  \t ", end},
         {"SELEC 1;", syntax("SELEC")}, {"shellfish;", syntax("shellfish")}, {"commentary;", syntax("commentary")},
         {"SELECT 1 AS a; SELECT x FROM Nowhere;", "a\n1\n" + error("no such table: Nowhere")},
         {"INSERT INTO Hardware (HwID) VALUES (1);", error("NOT NULL constraint failed: Hardware.HwName")},
@@ -80,7 +80,7 @@ TEST_F(Engine, AnswersEveryRequestWithExactBytes)
         {"  shell  # ;", ok}, {"SELECT 'a;b|#', 2;", "a#;b|##;2\n" + end}, {"shell \\ |", ok},
         {"shell x", usageShell}, {"shell | |", usageShell}, {".header maybe", error("usage: .header on|off")},
         {".tables", error("unknown command: .tables")}, {"monitor", error(usageMonitor)},
-        {"monitoring", syntax("monitoring")},
+        {"monitoring", syntax("monitoring")}, {"monitor Events select update", "#> "},
         {"monitor " + std::string(kShellMaxTableName + 1, 't'), error(usageMonitor)},
         {"monitor Events truncate", error("unknown monitor operation: truncate")},
         {"monitor Nowhere", error("no such table: Nowhere")}, {"monitor events", "#> "},
@@ -108,7 +108,7 @@ TEST_F(Engine, NotReadyForTheFirstShellDirectivesOnlyAndTheSessionsEnd)
 TEST_F(Engine, MonitorSendsTheCommittedChangesOfItsTableAndWords)
 {
     auto writer = Connect(), watcher = Connect(), narrow = Connect();
-    EXPECT_TRUE(watcher->Answer("monitor Events") == "#> " && narrow->Answer("monitor events update delete") == "#> ");
+    EXPECT_TRUE(watcher->Answer("monitor Events") == "#> " && narrow->Answer("monitor events insert delete") == "#> ");
     const auto run = [&](std::initializer_list<const char*> statements, const std::string& answer = "\v#> \n") {
         for (const char* statement : statements) EXPECT_EQ(answer, writer->Answer(statement)) << statement;
     };
@@ -120,7 +120,7 @@ TEST_F(Engine, MonitorSendsTheCommittedChangesOfItsTableAndWords)
          "DELETE FROM Events WHERE EvntID > 10;"});
     EXPECT_EQ("event insert Events 11;\ninsert Events 12;\nupdate Events 3;\ndelete Events 11;\ndelete Events 12;\n",
               watcher->pending);
-    EXPECT_EQ("event update Events 3;\ndelete Events 11;\ndelete Events 12;\n", narrow->pending);
+    EXPECT_EQ("event insert Events 11;\ninsert Events 12;\ndelete Events 11;\ndelete Events 12;\n", narrow->pending);
     EXPECT_EQ("#> ", watcher->Answer("monitor Hardware"));
     run({"DELETE FROM Hardware WHERE HwID = 6;"});
     EXPECT_EQ("event delete Hardware 6;\n", watcher->pending);

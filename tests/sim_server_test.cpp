@@ -62,12 +62,15 @@ TEST(SimServer, ManyClientsAtOnceAndRudeOnesLoseNothing)
 {
     SimRunner sim({false, 100000, 0, {}});
     ASSERT_TRUE(sim.Running()) << sim.Log();
-    Client steady(sim), watcher(sim), sleeper(sim);
+    Client steady(sim), watcher(sim), sleeper(sim), longLine(sim);
     ASSERT_TRUE(steady.Prepare() && watcher.reads.Greet() && watcher.reads.Subscribe("Events"));
     std::string garbage;
     for (int i = 0; i < 20000; ++i) garbage.push_back(static_cast<char>((i * 7919) & 0xff));
     for (const std::string& junk : {garbage, std::string(70000, 'x') + "\n", std::string("\v\0\r\n", 4)})
         EXPECT_TRUE(Client(sim).link.Send(junk));
+    std::string answer;
+    ASSERT_TRUE(longLine.reads.Greet() && longLine.link.Send(std::string(70000, 'y') + "\r\n"));
+    EXPECT_TRUE(longLine.link.ReadUntil("\vError: line longer than 65535 bytes\n\v#> \n", answer, 3000)) << answer;
     {  // asks for 100,000 rows and leaves at once
         Client quitter(sim);
         ASSERT_TRUE(quitter.Prepare() && quitter.link.Send("SELECT * FROM Events;\r\n"));
