@@ -57,10 +57,7 @@ TEST(BacklogJudge, TakesTheFirstStateThatAppliesAndRoundsAgesDown)
     for (const auto& [seconds, text] : ages) EXPECT_EQ(backlog_age_text(seconds), text) << seconds;
 }
 
-struct File {
-    std::string name, content;  // content "<dir>" and "<fifo>" make those
-    long age = 1800;            // seconds
-};
+struct File { std::string name, content; long ageSeconds = 1800; };  // content "<dir>" and "<fifo>" make those
 
 void MakeFiles(const std::string& dir, const std::vector<File>& files)
 {
@@ -69,7 +66,7 @@ void MakeFiles(const std::string& dir, const std::vector<File>& files)
         if (f.content == "<dir>") ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
         else if (f.content == "<fifo>") ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
         else ASSERT_TRUE(WriteFile(path, f.content));
-        timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) - f.age, 0}};
+        timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) - f.ageSeconds, 0}};
         ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
     }
 }
@@ -78,8 +75,9 @@ void MakeFiles(const std::string& dir, const std::vector<File>& files)
 std::string ParseJson(const std::string& json)
 {
     const char* script = "import json, sys\nd = json.load(sys.stdin)\n"
-                         "print(d['status'], d.get('reason'), d.get('unit', {}).get('version'), [(p['peer'], p['version'],"
-                         " p['backlog'], p['state'], p['reason'], p.get('rate', '')) for p in d.get('peers', [])])\n";
+                         "print(d['status'], d.get('reason'), d.get('unit', {}).get('version'), [(p['peer'], "
+                         "p['version'], p['backlog'], p['state'], p['reason'], p.get('rate', '')) "
+                         "for p in d.get('peers', [])])\n";
     RunResult r = RunProgram({"/usr/bin/python3", "-c", script}, json);
     return r.out + r.err;
 }
@@ -131,24 +129,24 @@ TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
          "ignoring files that are not peers: vantor.ver.\\x0a, vantor.ver.-1, vantor.ver.007, vantor.ver.2147483648, "
          "vantor.ver.tmp\n",
          2},
-        {"summary OK", {unit, {"vantor.ver.1", "1200"}, {"vantor.ver.3", "1195"}, {"vantor.ver.7", "1188"}},
-         {"--summary", "--warn=100", "--crit=1000"},
-         "BACKLOG OK - 3 peers, largest backlog 12 (peer 7) | peer1=0;100;1000;0 peer3=5;100;1000;0 peer7=12;100;1000;0\n",
-         "", 0},
-        {"summary, one peer ahead", {unit, {"vantor.ver.4", "1201"}}, {"--summary"},
-         "BACKLOG WARNING - 1 peer, largest backlog 0 (peer 4), 1 ahead | peer4=0;;;0\n", "", 1},
-        {"summary, malformed", {unit, {"vantor.ver.4", ""}}, {"--summary", "--warn=3"},
-         "BACKLOG WARNING - 1 peer, 1 malformed | peer4=U;3;;0\n", "", 1},
+        {"summary, one peer", {unit, {"vantor.ver.7", "1188"}}, {"--summary", "--warn=100", "--crit=1000"},
+         "BACKLOG OK - 1 peer, largest backlog 12 (peer 7) | peer7=12;100;1000;0\n", "", 0},
+        {"summary, malformed and ahead",
+         {unit, {"vantor.ver.4", ""}, {"vantor.ver.5", "1201"}, {"vantor.ver.6", "1198"}}, {"--summary", "--warn=3"},
+         "BACKLOG WARNING - 3 peers, largest backlog 2 (peer 6), 1 malformed, 1 ahead | "
+         "peer4=U;3;;0 peer5=0;3;;0 peer6=2;3;;0\n", "", 1},
         {"summary, no peers", {unit}, {"--summary"}, "BACKLOG OK - no peers\n", "", 0},
         {"summary, unit missing", {}, {"--summary"}, "BACKLOG UNKNOWN - " + missing + "\n", missing + "\n", 3},
-        {"json, as a parser reads it", {{"vantor.ver", "18446744073709551615"}, {"vantor.ver.1", "0"}, {"vantor.ver.2", "<dir>"}},
+        {"json, as a parser reads it",
+         {{"vantor.ver", "18446744073709551615"}, {"vantor.ver.1", "0"}, {"vantor.ver.2", "<dir>"}},
          {"--json", "--warn=5"}, "WARNING None 18446744073709551615 [(1, 0, 18446744073709551615, 'behind', None, ''), "
          "(2, None, None, 'malformed', 'a directory', '')]\n", "", 1},
         {"json, a later --dir not UTF-8", {}, {"--json", "--dir=" + m_dir + "/\xff"},
          "UNKNOWN " + m_dir + "/\ufffd/vantor.ver: missing None []\n", m_dir + "/\xff/vantor.ver: missing\n", 3},
         {"unit malformed", {{"vantor.ver", "-5\n"}}, {}, "", m_dir + "/vantor.ver: not a version number\n", 3},
         {"--crit below --warn", {unit}, {"--warn=10", "--crit=9"}, "", "Error: --crit is below --warn.\n", 255},
-        {"--json with --summary", {unit}, {"--json", "--summary"}, "", "Error: --json and --summary exclude each other.\n", 255},
+        {"--json with --summary", {unit}, {"--json", "--summary"}, "",
+         "Error: --json and --summary exclude each other.\n", 255},
         {"interval too short", {unit}, {"--interval=0.09"}, "",
          "Error: invalid value in '--interval=0.09': expected seconds from 0.1 to 3600.\n", 255},
         {"stray word", {unit}, {"all"}, "", "Error: unexpected argument 'all'.\n", 255},
@@ -172,17 +170,15 @@ TEST(BacklogFixedPath, ReadsVarLocalByDefaultAndAtMost4096Peers)
     if (!reason.empty()) GTEST_SKIP() << reason;
     std::string seen = RunInMountNamespace([] {
         MakeFiles("/var/local", {{"vantor.ver", "20\n"}, {"vantor.ver.3", "8\n"}});
-        RunResult r = RunVtest({"backlog", "--warn=11"});
-        std::string seen = r.out + r.err + std::to_string(r.status) + "\n";
         for (int id = 4; id <= 4098; id++) WriteFile("/var/local/vantor.ver." + std::to_string(id), "20");
-        r = RunVtest({"backlog", "--summary"});
-        seen += r.out.substr(0, r.out.find(" |")) + r.err + std::to_string(r.status) + "\n";
+        RunResult r = RunVtest({"backlog", "--summary"});
+        std::string seen = r.out.substr(0, r.out.find(" |")) + r.err + std::to_string(r.status) + "\n";
         WriteFile("/var/local/vantor.ver.1", "20");
         r = RunVtest({"backlog"});
         return seen + r.out + r.err + std::to_string(r.status);
     });
-    EXPECT_EQ(seen, "unit 20 updated 30m ago\npeer  version  backlog  age  state\n3     8        12       30m  behind\n1\n"
-                    "BACKLOG OK - 4096 peers, largest backlog 12 (peer 3)0\nmore than 4096 peer files in /var/local\n3");
+    EXPECT_EQ(seen, "BACKLOG OK - 4096 peers, largest backlog 12 (peer 3)0\n"
+                    "more than 4096 peer files in /var/local\n3");
 }
 
 // One peer advances and one stalls between the readings; the signal ends an hour's wait at once, and rates
@@ -193,7 +189,8 @@ TEST_F(BacklogRun, IntervalEndsEarlyOnSignalWithRates)
         Files({{"vantor.ver", "100"}, {"vantor.ver.1", "90"}, {"vantor.ver.2", "80"}});
         int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
         ASSERT_GE(inotify_add_watch(watch, m_dir.c_str(), IN_CLOSE_NOWRITE), 0);
-        ChildProcess child(TargetArgv(VTEST_BINARY, {"backlog", "--dir=" + m_dir, "--interval=3600", "--warn=5", "--json"}));
+        ChildProcess child(
+            TargetArgv(VTEST_BINARY, {"backlog", "--dir=" + m_dir, "--interval=3600", "--warn=5", "--json"}));
         std::set<std::string> unread = {"vantor.ver", "vantor.ver.1", "vantor.ver.2"};
         alignas(inotify_event) char buf[4096];
         ASSERT_TRUE(WaitUntil([&] {
@@ -232,7 +229,10 @@ TEST_F(BacklogRun, SimulatedReplicasFollowCommittedChanges)
         EXPECT_EQ(r.status, 0) << sql << r.err;
         EXPECT_EQ(ReadFile(m_dir + "/vantor.ver"), unit) << sql;
     }
-    auto peers = [&] { return ReadFile(m_dir + "/vantor.ver.1") + ReadFile(m_dir + "/vantor.ver.2") + ReadFile(m_dir + "/vantor.ver.3"); };
+    auto peers = [&] {
+        const std::string at = m_dir + "/vantor.ver.";
+        return ReadFile(at + "1") + ReadFile(at + "2") + ReadFile(at + "3");
+    };
     EXPECT_TRUE(WaitUntil([&] { return peers() == "14\n14\n0\n"; }, ScaledMs(5000))) << peers();
 }
 

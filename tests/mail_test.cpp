@@ -1,5 +1,4 @@
-// vtest mail against the scripted peer (exact bytes, a refusal and a close at every step, odd servers) and
-// against Debian's aiosmtpd (delivery as received).
+// vtest mail against the scripted peer (exact bytes, odd servers, every step failing) and Debian's aiosmtpd.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -37,10 +36,7 @@ std::string Sent(const std::vector<SmtpTurn>& turns, const std::string& data)
 
 // err: the operator's lines of standard error; sentEnd: how what the client sent ends (masked), all its QUITs in it.
 struct Case {
-    std::string label;
-    std::vector<std::string> options;
-    Script script;
-    int status;
+    std::string label; std::vector<std::string> options; Script script; int status;
     std::string err, sentEnd, body = "m", server = "127.0.0.1:%d", subject = "Hi";
 };
 

@@ -1,5 +1,5 @@
-// Version: the strict text form, and version files read whole or not at all. The accepted file forms and
-// the reasons a peer file is refused show end to end in backlog_test.
+// Version: the strict text form, and version files read whole or not at all (the reasons a peer file is
+// refused show end to end in backlog_test).
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -14,20 +14,6 @@
 namespace {
 
 const uint64_t kUntouched = 9999;  // preset; what a refused input must leave
-
-TEST(Version, ParsesOnlyCanonicalDecimals)
-{
-    const std::pair<const char*, uint64_t> cases[] = {
-        {"0", 0}, {"18446744073709551615", UINT64_MAX}, {"18446744073709551616", kUntouched}, {"", kUntouched},
-        {"99999999999999999999", kUntouched}, {"+1", kUntouched}, {"01", kUntouched}, {"1\n", kUntouched},
-        {"0x10", kUntouched}, {nullptr, kUntouched},
-    };
-    for (const auto& [text, value] : cases) {
-        Version v(kUntouched);
-        EXPECT_EQ(v.Parse(text), value != kUntouched) << (text ? text : "null");
-        EXPECT_EQ(v.Value(), value) << (text ? text : "null");
-    }
-}
 
 class VersionFile : public ::testing::Test {
 protected:
@@ -44,13 +30,24 @@ protected:
     std::string m_dir = MakeTempDir(), m_path = m_dir + "/vantor.ver";
 };
 
-TEST_F(VersionFile, RefusesAllButOneNumberAndOneLineEnd)
+// Each text parsed, then read as a whole file: one LF or CR LF may end a file, never a text.
+TEST_F(VersionFile, TakesOnlyCanonicalDecimals)
 {
-    const std::string cases[] = {"\n", "1200\r", "1200\n\n", std::string("12\0", 3), "1" + std::string(64, '0')};
-    for (const std::string& content : cases) {
-        ASSERT_TRUE(WriteFile(m_path, content));
-        EXPECT_EQ(Read(m_path), std::make_pair(-EBADMSG, kUntouched)) << content;
+    const uint64_t x = kUntouched;
+    const struct { std::string text; uint64_t parsed, read; } cases[] = {
+        {"0", 0, 0}, {"18446744073709551615", UINT64_MAX, UINT64_MAX}, {"1\n", x, 1}, {"1\r\n", x, 1},
+        {std::string("12\0", 3), 12, x}, {"18446744073709551616", x, x}, {"99999999999999999999", x, x},
+        {"", x, x}, {"+1", x, x}, {"01", x, x}, {"0x10", x, x}, {"\n", x, x}, {"1200\r", x, x}, {"1200\n\n", x, x},
+        {"1" + std::string(64, '0'), x, x},
+    };
+    for (const auto& c : cases) {
+        Version v(kUntouched);
+        EXPECT_EQ(v.Parse(c.text.c_str()), c.parsed != x) << c.text;
+        EXPECT_EQ(v.Value(), c.parsed) << c.text;
+        ASSERT_TRUE(WriteFile(m_path, c.text));
+        EXPECT_EQ(Read(m_path), std::make_pair(c.read == x ? -EBADMSG : 0, c.read)) << c.text;
     }
+    EXPECT_FALSE(Version().Parse(nullptr));
     EXPECT_EQ(Read("/dev/null"), std::make_pair(-EINVAL, kUntouched));  // a device is never opened
 }
 
