@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <cstring>
+#include <filesystem>
 
 #include "Backlog.h"
 #include "fixed_paths.h"
