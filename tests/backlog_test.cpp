@@ -9,8 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
-#include <set>
 
 #include "Backlog.h"
 #include "fixed_paths.h"
@@ -20,10 +20,10 @@
 
 namespace {
 
-TEST(BacklogJudge, TakesTheFirstStateThatAppliesWithItsStatus)
+// The unit is at 1000; before -1: no earlier reading. The plain thresholds are in the end-to-end table.
+TEST(BacklogJudge, TakesTheFirstStateThatAppliesAndRoundsAgesDown)
 {
     const timespec now = {1000000, 0};
-    // The unit is at 1000; before -1: no earlier reading. The plain thresholds are in the end-to-end table.
     const struct {
         const char* label; uint64_t peer; long long before; double elapsed; BacklogLimits limits; long long age;
         PeerState state; BacklogStatus status;
@@ -35,7 +35,6 @@ TEST(BacklogJudge, TakesTheFirstStateThatAppliesWithItsStatus)
         {"future time counts as 0", 999, -1, 0, {{}, {}, 1}, -5, PeerState::kOk, kBacklogOk},
         {"stalled, no --warn", 900, 900, 1, {}, 0, PeerState::kStalled, kBacklogWarning},
         {"stalled at --warn", 990, 990, 1, {10, {}, {}}, 0, PeerState::kStalled, kBacklogWarning},
-        {"stalled above --warn", 989, 989, 1, {10, {}, {}}, 0, PeerState::kStalled, kBacklogCritical},
         {"went back", 900, 950, 1, {}, 0, PeerState::kStalled, kBacklogWarning},
         {"moving above --crit alone", 800, 790, 1, {{}, 100, {}}, 0, PeerState::kMoving, kBacklogWarning},
         {"advancing within --warn", 995, 990, 1, {10, {}, {}}, 0, PeerState::kOk, kBacklogOk},
@@ -53,19 +52,12 @@ TEST(BacklogJudge, TakesTheFirstStateThatAppliesWithItsStatus)
     PeerReading later{1, 0, Version(990), now}, earlier{1, 0, Version(980), now};
     PeerReport rated = backlog_judge(Version(1000), later, &earlier, 2, {}, now);
     EXPECT_TRUE(rated.rate == 5 && rated.hasEta && rated.eta == 2);  // 10 changes in 2 s, 10 to go
+    const std::pair<double, const char*> ages[] = {{119.9, "119s"}, {120, "2m"}, {7199, "119m"}, {7200, "2h"},
+                                                   {172799, "47h"}, {172800, "2d"}, {1e22, "115740740740740736d"}};
+    for (const auto& [seconds, text] : ages) EXPECT_EQ(backlog_age_text(seconds), text) << seconds;
 }
 
-TEST(BacklogJudge, AgesRoundDown)
-{
-    const std::pair<double, const char*> cases[] = {{0, "0s"}, {119.9, "119s"}, {120, "2m"}, {7199, "119m"}, {7200, "2h"},
-                                                    {172799, "47h"}, {172800, "2d"}, {1e22, "115740740740740736d"}};
-    for (const auto& c : cases) EXPECT_EQ(backlog_age_text(c.first), c.second) << c.first;
-}
-
-struct File {
-    std::string name, content;  // content "<dir>" and "<fifo>" make those
-    long age = 1800;            // seconds
-};
+struct File { std::string name, content; long ageSeconds = 1800; };  // content "<dir>" and "<fifo>" make those
 
 void MakeFiles(const std::string& dir, const std::vector<File>& files)
 {
@@ -74,35 +66,25 @@ void MakeFiles(const std::string& dir, const std::vector<File>& files)
         if (f.content == "<dir>") ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
         else if (f.content == "<fifo>") ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
         else ASSERT_TRUE(WriteFile(path, f.content));
-        timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) - f.age, 0}};
+        timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) - f.ageSeconds, 0}};
         ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
     }
 }
 
-const std::string kSynopsis = std::string("Usage: ") + VTEST_BINARY +
-    " backlog [--warn=N] [--crit=N] [--stale=SECONDS] [--interval=SECONDS] [--json | --summary] [--dir=DIR]\n";
-
 // Numbers as a JSON parser reads them: exact up to 2^64 - 1.
 std::string ParseJson(const std::string& json)
 {
-    const char* script =
-        "import json, sys\n"
-        "d = json.load(sys.stdin)\n"
-        "print(d['status'], d.get('reason'), d.get('unit', {}).get('version'),\n"
-        "      [(p['peer'], p['version'], p['backlog'], p['state'], p['reason'], p.get('rate', '')) for p in d.get('peers', [])])\n";
+    const char* script = "import json, sys\nd = json.load(sys.stdin)\n"
+                         "print(d['status'], d.get('reason'), d.get('unit', {}).get('version'), [(p['peer'], "
+                         "p['version'], p['backlog'], p['state'], p['reason'], p.get('rate', '')) "
+                         "for p in d.get('peers', [])])\n";
     RunResult r = RunProgram({"/usr/bin/python3", "-c", script}, json);
     return r.out + r.err;
 }
 
 class BacklogRun : public ::testing::Test {
 protected:
-    void SetUp() override { m_dir = MakeTempDir(); }
     void TearDown() override { std::filesystem::remove_all(m_dir); }
-    RunResult Run(std::vector<std::string> args) const
-    {
-        args.insert(args.begin(), {"backlog", "--dir=" + m_dir});
-        return RunVtest(args);
-    }
     // Empties the directory, then makes `files` there.
     void Files(const std::vector<File>& files) const
     {
@@ -110,16 +92,18 @@ protected:
         ASSERT_EQ(mkdir(m_dir.c_str(), 0700), 0);
         MakeFiles(m_dir, files);
     }
-    std::string m_dir;
+    const std::string m_dir = MakeTempDir();
 };
 
 TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
 {
     const File unit = {"vantor.ver", "1200\n"};
     const std::string missing = m_dir + "/vantor.ver: missing";
-    const struct {
+    const std::string synopsis = std::string("Usage: ") + VTEST_BINARY + " backlog [--warn=N] [--crit=N] "
+                                 "[--stale=SECONDS] [--interval=SECONDS] [--json | --summary] [--dir=DIR]\n";
+    const struct {  // --json output as ParseJson reads it
         const char* label; std::vector<File> files; std::vector<std::string> args; std::string out, err; int status;
-    } cases[] = {  // --json output as ParseJson reads it
+    } cases[] = {
         {"no peers", {unit}, {}, "unit 1200 updated 30m ago\nno peers\n", "", 0},
         {"every state, odd names",
          {unit, {"vantor.ver.1", "1200"}, {"vantor.ver.2", "1300"}, {"vantor.ver.3", "1190\r\n"},
@@ -145,41 +129,37 @@ TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
          "ignoring files that are not peers: vantor.ver.\\x0a, vantor.ver.-1, vantor.ver.007, vantor.ver.2147483648, "
          "vantor.ver.tmp\n",
          2},
-        {"summary OK", {unit, {"vantor.ver.1", "1200"}, {"vantor.ver.3", "1195"}, {"vantor.ver.7", "1188"}},
-         {"--summary", "--warn=100", "--crit=1000"},
-         "BACKLOG OK - 3 peers, largest backlog 12 (peer 7) | peer1=0;100;1000;0 peer3=5;100;1000;0 peer7=12;100;1000;0\n", "", 0},
-        {"summary, one peer ahead", {unit, {"vantor.ver.4", "1201"}}, {"--summary"},
-         "BACKLOG WARNING - 1 peer, largest backlog 0 (peer 4), 1 ahead | peer4=0;;;0\n", "", 1},
-        {"summary, malformed", {unit, {"vantor.ver.4", ""}}, {"--summary", "--warn=3"},
-         "BACKLOG WARNING - 1 peer, 1 malformed | peer4=U;3;;0\n", "", 1},
+        {"summary, one peer, malformed", {unit, {"vantor.ver.4", ""}}, {"--summary"},
+         "BACKLOG WARNING - 1 peer, 1 malformed | peer4=U;;;0\n", "", 1},
+        {"summary, malformed and ahead", {unit, {"vantor.ver.4", ""}, {"vantor.ver.5", "1201"}, {"vantor.ver.6", "98"}},
+         {"--summary", "--warn=3", "--crit=9"}, "BACKLOG CRITICAL - 3 peers, largest backlog 1102 (peer 6), "
+         "1 malformed, 1 critical, 1 ahead | peer4=U;3;9;0 peer5=0;3;9;0 peer6=1102;3;9;0\n", "", 2},
         {"summary, no peers", {unit}, {"--summary"}, "BACKLOG OK - no peers\n", "", 0},
         {"summary, unit missing", {}, {"--summary"}, "BACKLOG UNKNOWN - " + missing + "\n", missing + "\n", 3},
-        {"json, as a parser reads it", {{"vantor.ver", "18446744073709551615"}, {"vantor.ver.1", "0"}, {"vantor.ver.2", "<dir>"}},
+        {"json, as a parser reads it",
+         {{"vantor.ver", "18446744073709551615"}, {"vantor.ver.1", "0"}, {"vantor.ver.2", "<dir>"}},
          {"--json", "--warn=5"}, "WARNING None 18446744073709551615 [(1, 0, 18446744073709551615, 'behind', None, ''), "
          "(2, None, None, 'malformed', 'a directory', '')]\n", "", 1},
-        {"json, unit missing", {}, {"--json"}, "UNKNOWN " + missing + " None []\n", missing + "\n", 3},
+        {"json, a later --dir not UTF-8", {}, {"--json", "--dir=" + m_dir + "/\xff"},
+         "UNKNOWN " + m_dir + "/\ufffd/vantor.ver: missing None []\n", m_dir + "/\xff/vantor.ver: missing\n", 3},
         {"unit malformed", {{"vantor.ver", "-5\n"}}, {}, "", m_dir + "/vantor.ver: not a version number\n", 3},
         {"--crit below --warn", {unit}, {"--warn=10", "--crit=9"}, "", "Error: --crit is below --warn.\n", 255},
-        {"--json with --summary", {unit}, {"--json", "--summary"}, "", "Error: --json and --summary exclude each other.\n", 255},
+        {"--json with --summary", {unit}, {"--json", "--summary"}, "",
+         "Error: --json and --summary exclude each other.\n", 255},
         {"interval too short", {unit}, {"--interval=0.09"}, "",
          "Error: invalid value in '--interval=0.09': expected seconds from 0.1 to 3600.\n", 255},
         {"stray word", {unit}, {"all"}, "", "Error: unexpected argument 'all'.\n", 255},
     };
     for (const auto& c : cases) {
         Files(c.files);
-        RunResult r = Run(c.args);
+        std::vector<std::string> args = c.args;
+        args.insert(args.begin(), {"backlog", "--dir=" + m_dir});
+        RunResult r = RunVtest(args);
         bool json = c.status != 255 && std::find(c.args.begin(), c.args.end(), "--json") != c.args.end();
         EXPECT_EQ(json ? ParseJson(r.out) : r.out, c.out) << c.label;
-        EXPECT_EQ(r.err, c.err + (c.status == 255 ? kSynopsis : "")) << c.label;
+        EXPECT_EQ(r.err, c.err + (c.status == 255 ? synopsis : "")) << c.label;
         EXPECT_EQ(r.status, c.status) << c.label;
     }
-}
-
-// A --dir whose name is not UTF-8 still gives JSON a strict parser reads.
-TEST_F(BacklogRun, JsonOfANameThatIsNotUtf8)
-{
-    RunResult bad = RunVtest({"backlog", "--dir=" + m_dir + "/\xff", "--json"});
-    EXPECT_EQ(ParseJson(bad.out), "UNKNOWN " + m_dir + "/\ufffd/vantor.ver: missing None []\n");
 }
 
 // In /var/local of a private mount namespace (a tmpfs, where 4097 files are made quickly).
@@ -189,50 +169,42 @@ TEST(BacklogFixedPath, ReadsVarLocalByDefaultAndAtMost4096Peers)
     if (!reason.empty()) GTEST_SKIP() << reason;
     std::string seen = RunInMountNamespace([] {
         MakeFiles("/var/local", {{"vantor.ver", "20\n"}, {"vantor.ver.3", "8\n"}});
-        RunResult r = RunVtest({"backlog", "--warn=11"});
-        std::string seen = r.out + r.err + std::to_string(r.status) + "\n";
         for (int id = 4; id <= 4098; id++) WriteFile("/var/local/vantor.ver." + std::to_string(id), "20");
-        r = RunVtest({"backlog", "--summary"});
-        seen += r.out.substr(0, r.out.find(" |")) + r.err + std::to_string(r.status) + "\n";
+        RunResult r = RunVtest({"backlog", "--summary"});
+        std::string seen = r.out.substr(0, r.out.find(" |")) + r.err + std::to_string(r.status) + "\n";
         WriteFile("/var/local/vantor.ver.1", "20");
         r = RunVtest({"backlog"});
         return seen + r.out + r.err + std::to_string(r.status);
     });
-    EXPECT_EQ(seen,
-              "unit 20 updated 30m ago\npeer  version  backlog  age  state\n3     8        12       30m  behind\n1\n"
-              "BACKLOG OK - 4096 peers, largest backlog 12 (peer 3)0\n"
-              "more than 4096 peer files in /var/local\n3");
-}
-
-// Waits (bounded) until each of `names` in the watched directory was closed after reading.
-bool AwaitReads(int watch, std::set<std::string> names)
-{
-    alignas(inotify_event) char buf[4096];
-    return WaitUntil([&] {
-        const inotify_event* e;
-        for (ssize_t at = 0, n = read(watch, buf, sizeof buf); at < n; at += sizeof *e + e->len)
-            if ((e = reinterpret_cast<const inotify_event*>(buf + at))->len > 0) names.erase(e->name);
-        return names.empty();
-    }, ScaledMs(10000));
+    EXPECT_EQ(seen, "BACKLOG OK - 4096 peers, largest backlog 12 (peer 3)0\n"
+                    "more than 4096 peer files in /var/local\n3");
 }
 
 // One peer advances and one stalls between the readings; the signal ends an hour's wait at once, and rates
-// use the time that really passed.
+// use the time that really passed. inotify tells when the first reading is done.
 TEST_F(BacklogRun, IntervalEndsEarlyOnSignalWithRates)
 {
     for (int signal : {SIGINT, SIGTERM}) {
         Files({{"vantor.ver", "100"}, {"vantor.ver.1", "90"}, {"vantor.ver.2", "80"}});
         int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
         ASSERT_GE(inotify_add_watch(watch, m_dir.c_str(), IN_CLOSE_NOWRITE), 0);
-        ChildProcess child(TargetArgv(VTEST_BINARY, {"backlog", "--dir=" + m_dir, "--interval=3600", "--warn=5", "--json"}));
-        ASSERT_TRUE(AwaitReads(watch, {"vantor.ver", "vantor.ver.1", "vantor.ver.2"}));
+        ChildProcess child(
+            TargetArgv(VTEST_BINARY, {"backlog", "--dir=" + m_dir, "--interval=3600", "--warn=5", "--json"}));
+        alignas(inotify_event) char buf[4096];
+        ASSERT_TRUE(WaitUntil([&] {  // the highest peer is read last
+            const inotify_event* e;
+            for (ssize_t at = 0, n = read(watch, buf, sizeof buf); at < n; at += sizeof *e + e->len)
+                if ((e = reinterpret_cast<const inotify_event*>(buf + at))->len > 0 && !strcmp(e->name, "vantor.ver.2"))
+                    return true;
+            return false;
+        }, ScaledMs(10000)));
+        close(watch);
         auto firstReading = std::chrono::steady_clock::now();
         ASSERT_EQ(Version(93).WriteFile((m_dir + "/vantor.ver.1").c_str()), 0);
         WaitUntil([&] { return MsSince(firstReading) >= 200; }, 1000);
         ASSERT_TRUE(child.Signal(signal));
         EXPECT_TRUE(child.WaitForOutput("]}\n", 10000)) << signal;
         EXPECT_EQ(child.Wait(10000), 2) << signal;
-        close(watch);
         std::string parsed = ParseJson(child.Output());
         EXPECT_EQ(parsed.substr(0, parsed.find(" [")), "CRITICAL None 100") << parsed;
         EXPECT_TRUE(parsed.find("(1, 93, 7, 'moving', None, ") != std::string::npos) << parsed;
@@ -240,6 +212,7 @@ TEST_F(BacklogRun, IntervalEndsEarlyOnSignalWithRates)
     }
 }
 
+// Peers 1 and 2 trail by two committed changes, peer 3 stalls from the start.
 TEST_F(BacklogRun, SimulatedReplicasFollowCommittedChanges)
 {
     SimRunner sim({false, 0, 0, {"--replicas=3,2", "--replica-stall=3", "--version-dir=" + m_dir}});
@@ -250,16 +223,13 @@ TEST_F(BacklogRun, SimulatedReplicasFollowCommittedChanges)
         {"BEGIN; UPDATE Users SET UsrRole = 'x'; INSERT INTO Users VALUES (9, 'a', 'b'); COMMIT;", "14\n"},
         {"UPDATE Hardware SET HwName = HwName WHERE HwID <= 2;", "16\n"},
     };
-    for (const auto& step : steps) {
-        RunResult r = RunVtest({"sql", "--server=" + sim.Address(), step.first});
-        EXPECT_EQ(r.status, 0) << step.first << r.err;
-        EXPECT_EQ(ReadFile(m_dir + "/vantor.ver"), step.second) << step.first;
+    for (const auto& [sql, unit] : steps) {
+        RunResult r = RunVtest({"sql", "--server=" + sim.Address(), sql});
+        EXPECT_EQ(r.status, 0) << sql << r.err;
+        EXPECT_EQ(ReadFile(m_dir + "/vantor.ver"), unit) << sql;
     }
     EXPECT_TRUE(WaitUntil([&] { return ReadFile(m_dir + "/vantor.ver.2") == "14\n"; }, ScaledMs(5000)));
-    RunResult r = Run({"--summary", "--warn=5"});
-    EXPECT_EQ(r.out, "BACKLOG WARNING - 3 peers, largest backlog 16 (peer 3), 1 behind | peer1=2;5;;0 peer2=2;5;;0 "
-                     "peer3=16;5;;0\n");
-    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(ReadFile(m_dir + "/vantor.ver.1") + ReadFile(m_dir + "/vantor.ver.3"), "14\n0\n");
 }
 
 }  // namespace

@@ -5,8 +5,8 @@
 #include <cerrno>
 
 #include "SmtpClient.h"
-#include "smtp_script.h"
 #include "process.h"
+#include "smtp_script.h"
 
 namespace {
 
@@ -21,22 +21,18 @@ protected:
     SmtpClient::Header m_hdr = {"a@x"};
 };
 
-// Where and why a mail failed: two replies 1.2 s late (past link-dead, each within the 2 s time-out,
-// together not); a stalled body; a field with a line break.
+// Two replies 1.2 s late (past link-dead, each within the 2 s time-out, together not); a stalled body;
+// a field with a line break. sentEnd: the last bytes the peer got.
 TEST_F(SmtpClientTest, AFalseResultSaysWhereAndWhy)
 {
     auto slow = [](const std::string& reply) { return Script{Wait(1200), Send(reply)}; };
     const std::string big(64 << 20, 'x');  // more than both socket buffers hold
-    const struct {  // sentEnd: the last bytes the peer got
-        const char *label, *subject, *body;
-        std::vector<Script> scripts;
-        int timeout;
-        Step stage;
-        int error;
+    const Script refuse = {Send("550 no\r\n"), Expect("QUIT\n"), Send("221 bye\r\n")};
+    const struct {
+        const char *label, *subject, *body; std::vector<Script> scripts; int timeout; Step stage; int error;
         const char *reply, *sentEnd;
     } rows[] = {
-        {"each slow reply within the time-out", "s", "m",
-         {SmtpScript(SmtpTurns(false), 2, {Send("550 no\r\n"), Expect("QUIT\n"), Send("221 bye\r\n")}, slow)}, 2,
+        {"each slow reply within the time-out", "s", "m", {SmtpScript(SmtpTurns(false), 2, refuse, slow)}, 2,
          Step::MailFrom, 0, "550 no", "QUIT\n"},
         {"a stalled body times out, nothing follows", "s", big.c_str(),
          {SmtpScript(SmtpTurns(false), 4, {Send("354 go\r\n"), Hold()})}, 1, Step::Body, -ETIMEDOUT, "", "xxxxxxxxxx"},
@@ -60,10 +56,10 @@ TEST_F(SmtpClientTest, AFalseResultSaysWhereAndWhy)
     }
 }
 
+// MAIL FROM's reply comes late, so the client waits for it; the reply before ends in a bare LF, so no
+// byte of it is left to read then. Without Timeout() only the send restarts the link-dead clock.
 TEST_F(SmtpClientTest, SendingRestartsTheReceiveClock)
 {
-    // The reply to MAIL FROM comes late, so the client waits for it; the
-    // one before ends in a bare LF, so no byte of it is left to read then.
     auto late = [n = 0](const std::string& reply) mutable { return Script{Wait(++n == 3 ? 200 : 0), Send(reply)}; };
     std::vector<SmtpTurn> turns = SmtpTurns(false);
     turns[1].server = "250 ok\n";
