@@ -115,7 +115,9 @@ void ScriptedServer::Play(int fd, size_t index)
                 return Fail(tag + "expected \"" + want + "\", got \"" + got.substr(seen) + "\""), false;
         return true;
     };
-    for (const ScriptStep& step : m_scripts[index]) {
+    const Script& script = m_scripts[index];
+    for (size_t i = 0; i < script.size(); i++) {
+        const ScriptStep& step = script[i];
         const std::string& bytes = step.bytes;
         bool hold = step.kind == ScriptStep::Hold;
         if (step.kind == ScriptStep::Close) {
@@ -123,7 +125,11 @@ void ScriptedServer::Play(int fd, size_t index)
             m_scriptsDone++;
             return;
         } else if (step.kind == ScriptStep::Send) {
-            if (send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size()))
+            // Bytes right before a close are held back so that TCP sends the end-of-file in
+            // their segment: the peer then never sees them without the close behind them.
+            bool closeNext = i + 1 < script.size() && script[i + 1].kind == ScriptStep::Close;
+            int flags = MSG_NOSIGNAL | (closeNext ? MSG_MORE : 0);
+            if (send(fd, bytes.data(), bytes.size(), flags) != static_cast<ssize_t>(bytes.size()))
                 Fail(tag + "send failed");
         } else if (hold || step.kind == ScriptStep::Wait) {
             int ms = hold ? m_stepTimeoutMs : step.ms;
