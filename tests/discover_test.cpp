@@ -79,7 +79,6 @@ protected:
     {
         std::unique_ptr<ScriptedDatagramPeer> unit;
         EXPECT_TRUE(RunInNetns(lan->Units(), [&] { unit.reset(new ScriptedDatagramPeer(scripts, 3543)); }));
-        EXPECT_TRUE(unit);
         return unit;
     }
     static bool InClient(const std::function<void()>& body) { return RunInNetns(lan->Client(), body); }
@@ -87,10 +86,11 @@ protected:
 };
 SimLan* DiscoverLan::lan = nullptr;
 
-TEST_F(DiscoverLan, PairsAndCallbackFormsReadTheSameAnswers)
+// The pairs and callback forms read the same answers; requests go out byte for byte; a raised exit
+// flag ends the pause at once. Reported: at "hostname", at "master" before any "hwid", and (once,
+// after the answers) the last answer that collected values without a report.
+TEST_F(DiscoverLan, ReadsAnswersAndSendsRequestsByteForByte)
 {
-    // Reported: at "hostname", at "master" before any "hwid", and (once, after
-    // the answers) the last answer that collected values without a report.
     Script answers = {Send("mac:00:11:22:33:44:55 hwid:5"), Send("mac=02:00:00:00:00:01\nipv4=i\nhostname=a"),
                       Send("mac=m\nrs485=12\nmaster=x\nhwid=7"), Send("version=1"), Send("mac=n\nmasterMac=a"),
                       Send("mac=02:00:00:00:00:02\nhwid=3\nmaster=a")};
@@ -109,34 +109,23 @@ TEST_F(DiscoverLan, PairsAndCallbackFormsReadTheSameAnswers)
         ASSERT_TRUE(discovery.Find(Collect, false, &hwId, "aa:bb:cc:dd:ee:ff"));
         EXPECT_EQ(g_reported, (std::vector<std::string>{"02:00:00:00:00:01 i NONE NONE NONE #4", "m NONE NONE NONE NONE #4",
                                                         "02:00:00:00:00:02 NONE 3 NONE NONE #4"}));
-    });
-}
-
-// Also: a raised exit flag ends the pause at once.
-TEST_F(DiscoverLan, RequestsGoOutByteForByte)
-{
-    auto unit = Unit({});
-    InClient([] {
-        Discover discovery(3543);
         discovery.SetWait(30);
-        SockAddr mac(AF_MAC, "00:11:22:33:44:55");
         std::list<DiscoverRecord> none;
         daemon_should_exit = true;
         auto start = std::chrono::steady_clock::now();
         EXPECT_TRUE(discovery.Find(none));
         daemon_should_exit = false;
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-        EXPECT_TRUE(discovery.SetIPv4(mac, "192.168.1.20", "255.255.255.0", "192.168.1.1", "192.168.1.1", true, ""));
-        EXPECT_TRUE(discovery.SetIPv4(mac, "10.0.0.5", "255.0.0.0", "10.0.0.1", nullptr, false, "x"));
-        EXPECT_FALSE(discovery.SetIPv4(mac, "1.2.3.4", "255.0.0.0", "1.2.3.1", std::string(1500, 'd').c_str(), true, ""));
+        SockAddr target(AF_MAC, "00:11:22:33:44:55");
+        EXPECT_TRUE(discovery.SetIPv4(target, "192.168.1.20", "255.255.255.0", "192.168.1.1", "192.168.1.1", true, "x"));
+        EXPECT_FALSE(discovery.SetIPv4(target, "1.2.3.4", "255.0.0.0", "1.2.3.1", std::string(1500, 'd').c_str(), true, ""));
         EXPECT_EQ(discovery.LastError(), -EMSGSIZE);
     });
-    WaitUntil([&] { return unit->Received().size() >= 3; }, ScaledMs(5000));
-    EXPECT_EQ(unit->Received(),
-              (std::vector<std::string>{
-                  Nul("Hello"),
-                  Nul("SetIPv4 mac:00:11:22:33:44:55 192.168.1.20 255.255.255.0 192.168.1.1 192.168.1.1 permanent"),
-                  Nul("SetIPv4 mac:00:11:22:33:44:55 10.0.0.5 255.0.0.0 10.0.0.1 temporary\nx")}));
+    const std::string hello("Hello", 6);
+    WaitUntil([&] { return unit->Received().size() >= 4; }, ScaledMs(5000));
+    EXPECT_EQ(unit->Received(), (std::vector<std::string>{hello, hello, hello,
+                                                          Nul("SetIPv4 mac:00:11:22:33:44:55 192.168.1.20 255.255.255.0 "
+                                                              "192.168.1.1 192.168.1.1 permanent\nx")}));
 }
 
 // A "serial enum" session of the local daemon's command channel.
