@@ -64,27 +64,22 @@ void Collect(const char* line, int* value)
     g_counter = value;
 }
 
-// One LAN for the passes below: the tests play the units themselves.
+// The tests play the units themselves, in a LAN of their own.
 class DiscoverLan : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { lan = new SimLan({"0"}); }
-    static void TearDownTestSuite() { delete lan; }
     void SetUp() override
     {
         SKIP_WITHOUT_NETNS();
-        ASSERT_TRUE(lan->Up()) << lan->Error();
+        ASSERT_TRUE(lan.Up()) << lan.Error();
     }
-    // A scripted unit in the units namespace.
-    std::unique_ptr<ScriptedDatagramPeer> Unit(std::vector<Script> scripts)
+    std::unique_ptr<ScriptedDatagramPeer> Unit(std::vector<Script> scripts)  // in the units namespace
     {
         std::unique_ptr<ScriptedDatagramPeer> unit;
-        EXPECT_TRUE(RunInNetns(lan->Units(), [&] { unit.reset(new ScriptedDatagramPeer(scripts, 3543)); }));
+        EXPECT_TRUE(RunInNetns(lan.Units(), [&] { unit.reset(new ScriptedDatagramPeer(scripts, 3543)); }));
         return unit;
     }
-    static bool InClient(const std::function<void()>& body) { return RunInNetns(lan->Client(), body); }
-    static SimLan* lan;
+    SimLan lan{{"0"}};
 };
-SimLan* DiscoverLan::lan = nullptr;
 
 // The pairs and callback forms read the same answers; requests go out byte for byte; a raised exit
 // flag ends the pause at once. Reported: at "hostname", at "master" before any "hwid", and (once,
@@ -95,7 +90,7 @@ TEST_F(DiscoverLan, ReadsAnswersAndSendsRequestsByteForByte)
                       Send("mac=m\nrs485=12\nmaster=x\nhwid=7"), Send("version=1"), Send("mac=n\nmasterMac=a"),
                       Send("mac=02:00:00:00:00:02\nhwid=3\nmaster=a")};
     auto unit = Unit({answers, answers});
-    InClient([] {
+    EXPECT_TRUE(RunInNetns(lan.Client(), [] {
         Discover discovery(3543);
         discovery.SetWait(0.3);
         std::list<std::pair<SockAddr, SockAddr>> pairs;
@@ -120,7 +115,7 @@ TEST_F(DiscoverLan, ReadsAnswersAndSendsRequestsByteForByte)
         EXPECT_TRUE(discovery.SetIPv4(target, "192.168.1.20", "255.255.255.0", "192.168.1.1", "192.168.1.1", true, "x"));
         EXPECT_FALSE(discovery.SetIPv4(target, "1.2.3.4", "255.0.0.0", "1.2.3.1", std::string(1500, 'd').c_str(), true, ""));
         EXPECT_EQ(discovery.LastError(), -EMSGSIZE);
-    });
+    }));
     const std::string hello("Hello", 6);
     WaitUntil([&] { return unit->Received().size() >= 4; }, ScaledMs(5000));
     EXPECT_EQ(unit->Received(), (std::vector<std::string>{hello, hello, hello,
@@ -138,7 +133,7 @@ TEST_F(DiscoverLan, CentralSearchReportsEachCentralLine)
 {
     const std::string frame = "/dev/ttyS1\nIdx  HwID  Addr  MAC  IPv4  State  Master  Version  Serial\n-------\n";
     auto unit = Unit({{Send("mac=02\nn=queued")}, {}, {}, {Send("mac=01\nn=fresh")}});
-    InClient([&] {
+    EXPECT_TRUE(RunInNetns(lan.Client(), [&] {
         ScriptedServer daemon({SerialEnum(frame + "1 17 5 00:11:22:33:44:55 10.0.0.9 x 00:00:00:00:00:00\n\n"
                                                   "2 18,1234,00:00:00:00:00:00 0.0.0.0 s 02:00:00:00:00:01 v z extra\n"),
                                SerialEnum("3 40 7 02:00:00:00:00:03\n"), SerialEnum("4 abc\n5 41\n"),
@@ -164,12 +159,11 @@ TEST_F(DiscoverLan, CentralSearchReportsEachCentralLine)
         EXPECT_TRUE(daemon.WaitScriptsDone(ScaledMs(5000)));
         EXPECT_EQ(daemon.Accepted(), 4);
         EXPECT_EQ(daemon.Failures(), std::vector<std::string>{});
-        // The searches left the units' answers queued for this pass, as a
-        // pass leaves those that come after its wait for the next.
+        // The searches left the units' answers queued for this pass.
         std::list<DiscoverRecord> units;
         ASSERT_TRUE(discovery.Find(units));
         EXPECT_EQ(Text(units), "mac=01 n=fresh remote=192.168.77.2:3543 | mac=02 n=queued remote=192.168.77.2:3543");
-    });
+    }));
 }
 
 // With only the loopback interface even the hand-built frame has no source.
