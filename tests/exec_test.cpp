@@ -46,18 +46,19 @@ Script Answers(const std::vector<std::pair<std::string, std::string>>& exchanges
     return close ? Then(script, {Close()}) : script;
 }
 
-// Each row on its own thread and peer (the time-outs wait in parallel). In args and errors "@" is the
-// server, "%f" the row's script file (holding `file`); `input` is standard input.
+// Each row on its own thread and peer (the time-outs wait in parallel). In errors "@" is the server.
 TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
 {
-    const std::string l(5000, 'l'), dir = MakeTempDir();
     const std::string clean = "\xef\xbb\xbf  first  \r\n\n# comment\n\t# indented\nsecond\tline\t\n", tooLong(4001, 'x');
+    const std::string l(5000, 'l'), dir = MakeTempDir(), script = dir + "/script", empty = dir + "/empty";
+    std::ofstream(script, std::ios::binary) << clean << "third";
+    std::ofstream(empty, std::ios::binary) << "";
     const struct Row {
         const char* label;
         std::vector<std::string> args;
         std::vector<Script> scripts;
         int status;
-        std::string out, errors = "", file = "", input = "";
+        std::string out, errors = "", input = "";
     } rows[] = {
         {"one command: no header", {"version"}, {Answers({{"version", "1.0\r\n#> "}})}, 0, "1.0\n"},
         {"CR LF, CR, pieces of a long line", {"a", "b"}, {Answers({{"a", "x\r\ny\r\r\n" + l + "\n#> "}, {"b", "#> "}})}, 0,
@@ -90,11 +91,11 @@ TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
          "Error: cannot connect to @: closed before the prompt (2 attempts).\n"},
         {"silent before the first prompt: 2", {"--timeout=1", "a"}, {{Send("Hi\n")}}, 2, "",
          "Error: cannot connect to @: no answer within 1 s.\n"},
-        {"script: byte-order mark, CR LF, blanks, comments", {"--no-echo", "--file", "%f"},
-         {Answers({{"first", "1\n#> "}, {"second\tline", "2\n#> "}, {"third", "3\n#> "}})}, 0, "1\n2\n3\n", "", clean + "third"},
+        {"script: byte-order mark, CR LF, blanks, comments", {"--no-echo", "--file", script},
+         {Answers({{"first", "1\n#> "}, {"second\tline", "2\n#> "}, {"third", "3\n#> "}})}, 0, "1\n2\n3\n"},
         {"script: a long line stops the run", {"--stdin"}, {Answers({{"first", "#> "}, {"second\tline", "#> "}})}, 5,
-         "#> first\n#> second\tline\n", "Error: stdin:6: line longer than 4000 bytes\n", "", clean + tooLong},
-        {"script: empty, nothing connected", {"--file", "%f"}, {}, 0, ""},
+         "#> first\n#> second\tline\n", "Error: stdin:6: line longer than 4000 bytes\n", clean + tooLong},
+        {"script: empty, nothing connected", {"--file", empty}, {}, 0, ""},
         {"script: not a regular file", {"--file", "/dev/null"}, {}, 5, "", "Error: cannot open /dev/null: not a regular file.\n"},
         {"usage", {}, {}, 255, "", "Error: no command.\n"},
         {"usage", {"--bogus", "a"}, {}, 255, "", "Error: unknown option '--bogus'.\n"},
@@ -112,17 +113,15 @@ TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
     };
     std::vector<std::thread> threads;
     for (const Row& row : rows)
-        threads.emplace_back([&row, &rows, &dir] {
+        threads.emplace_back([&row] {
             ScriptedServer server(row.scripts);
-            const std::string file = dir + "/" + std::to_string(&row - &rows[0]);
-            std::ofstream(file, std::ios::binary) << row.file;
             std::vector<std::string> args = {"exec", "--server=" + AddrText(server.Addr())};
-            for (const std::string& arg : row.args) args.push_back(Replaced(arg, "%f", file));
+            args.insert(args.end(), row.args.begin(), row.args.end());
             RunResult r = RunVtest(args, row.input);
             const std::string label = row.label + (" " + row.errors);  // a usage row is told by its message
             EXPECT_EQ(row.status, r.status) << label << "\n" << r.err;
             EXPECT_EQ(row.out, r.out) << label;
-            EXPECT_EQ(Replaced(Replaced(row.errors, "@", AddrText(server.Addr())), "%f", file), ErrorLines(r.err)) << label;
+            EXPECT_EQ(Replaced(row.errors, "@", AddrText(server.Addr())), ErrorLines(r.err)) << label;
             const char usage[] = "\nUsage: " VTEST_BINARY " exec [options] (<command>)+ | --stdin | --file <file>\n";
             EXPECT_EQ(row.status == 255, r.err.find(usage) != std::string::npos) << label;
             EXPECT_TRUE(server.WaitScriptsDone(ScaledMs(5000))) << label;
@@ -133,10 +132,9 @@ TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
             }
             for (int i = 0; i < server.Accepted(); i++) sent += server.Received(i) + "|";
             EXPECT_EQ(expected, sent) << label;
-            unlink(file.c_str());
         });
     for (std::thread& t : threads) t.join();
-    rmdir(dir.c_str());
+    unlink(script.c_str()), unlink(empty.c_str()), rmdir(dir.c_str());
 }
 
 // End-of-file behind a prompt is the daemon closing between commands: the next one connects again.
