@@ -95,7 +95,7 @@ TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
          {Answers({{"first", "1\n#> "}, {"second\tline", "2\n#> "}, {"third", "3\n#> "}})}, 0, "1\n2\n3\n"},
         {"script: a long line stops the run", {"--stdin"}, {Answers({{"first", "#> "}, {"second\tline", "#> "}})}, 5,
          "#> first\n#> second\tline\n", "Error: stdin:6: line longer than 4000 bytes\n", clean + tooLong},
-        {"script: empty, nothing connected", {"--file", empty}, {}, 0, ""},
+        {"script: empty, nothing connected", {"--file=" + empty}, {}, 0, ""},
         {"script: not a regular file", {"--file", "/dev/null"}, {}, 5, "", "Error: cannot open /dev/null: not a regular file.\n"},
         {"usage", {}, {}, 255, "", "Error: no command.\n"},
         {"usage", {"--bogus", "a"}, {}, 255, "", "Error: unknown option '--bogus'.\n"},
