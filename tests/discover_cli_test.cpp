@@ -97,34 +97,33 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswers)
 TEST(DiscoverCli, SendFailuresNameTheirCause)
 {
     SKIP_WITHOUT_NETNS();
-    const char* noEth0 = ": cannot send: no route for the broadcast, and no interface \"eth0\" for its hand-built frame "
-                         "(--interface=NAME names another).\n";
-    const std::string ipconfig = "ipconfig mac 02:00:00:00:00:01 1.2.3.4 255.0.0.0 1.2.3.1 -", noRaw = "--no-raw";
+    const std::vector<std::string> noRaw = {"/usr/bin/setpriv", "--inh-caps=-net_raw", "--bounding-set=-net_raw"}, caps;
+    const std::string noEth0 = ": cannot send: no route for the broadcast, and no interface \"eth0\" for its hand-built "
+                               "frame (--interface=NAME names another).\n";
     const struct {  // errEnd: the end of standard error; lines: of standard output
         const char* label;
-        std::string up, args;
+        std::string up;
+        const std::vector<std::string>& prefix;
+        bool eth0Down;
+        std::string args;
         int status;
         std::string errEnd;
         size_t lines = 0;
     } cases[] = {
-        {"frame without CAP_NET_RAW", "0 --no-route", noRaw + " discover", 2,
+        {"frame without CAP_NET_RAW", "0 --no-route", noRaw, false, "discover", 2,
          "discover: cannot send: no route for the broadcast, and its hand-built frame needs CAP_NET_RAW.\n"},
-        {"frame without eth0", "0 --no-route --client-if=enp3s0", ipconfig, 2, "ipconfig" + std::string(noEth0)},
-        {"neither eth0 nor CAP_NET_RAW", "0 --no-route --client-if=enp3s0", noRaw + " discover", 2, "discover" + std::string(noEth0)},
-        {"--interface missing", "0", "discover --interface=eth9", 2, "discover: cannot send: no interface \"eth9\".\n"},
-        {"--interface down", "0 eth0-down", "discover --interface=eth0", 2, "discover: cannot send: interface \"eth0\" is down.\n"},
-        {"--interface up needs no route", "2 --no-route", noRaw + " discover --interface=eth0 --timeout=0.5", 0, "", 2},
+        {"frame without eth0", "0 --no-route --client-if=enp3s0", caps, false,
+         "ipconfig mac 02:00:00:00:00:01 1.2.3.4 255.0.0.0 1.2.3.1 -", 2, "ipconfig" + noEth0},
+        {"neither eth0 nor CAP_NET_RAW", "0 --no-route --client-if=enp3s0", noRaw, false, "discover", 2, "discover" + noEth0},
+        {"--interface missing", "0", caps, false, "discover --interface=eth9", 2, "discover: cannot send: no interface \"eth9\".\n"},
+        {"--interface down", "0", caps, true, "discover --interface=eth0", 2, "discover: cannot send: interface \"eth0\" is down.\n"},
+        {"--interface up needs no route", "2 --no-route", noRaw, false, "discover --interface=eth0 --timeout=0.5", 0, "", 2},
     };
     for (const auto& c : cases) {
-        std::vector<std::string> up = Words(c.up), args = Words(c.args), prefix;
-        const bool eth0Down = up.back() == "eth0-down", withoutRaw = args[0] == noRaw;
-        if (eth0Down) up.pop_back();
-        if (withoutRaw) prefix = {"/usr/bin/setpriv", "--inh-caps=-net_raw", "--bounding-set=-net_raw"};
-        if (withoutRaw) args.erase(args.begin());
-        SimLan lan(up);
+        SimLan lan(Words(c.up));
         ASSERT_TRUE(lan.Up()) << lan.Error();
-        EXPECT_EQ(eth0Down ? RunProgram({"/sbin/ip", "-n", lan.Client(), "link", "set", "eth0", "down"}).status : 0, 0);
-        RunResult r = lan.Vtest(args, prefix);
+        EXPECT_EQ(c.eth0Down ? RunProgram({"/sbin/ip", "-n", lan.Client(), "link", "set", "eth0", "down"}).status : 0, 0);
+        RunResult r = lan.Vtest(Words(c.args), c.prefix);
         EXPECT_EQ(r.status, c.status) << c.label;
         EXPECT_EQ(r.err.substr(r.err.size() - std::min(r.err.size(), c.errEnd.size())), c.errEnd) << c.label << r.err;
         EXPECT_EQ(static_cast<size_t>(std::count(r.out.begin(), r.out.end(), '\n')), c.lines) << c.label;
