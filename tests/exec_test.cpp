@@ -181,9 +181,10 @@ TEST(Exec, AgainstTheSimulatedUnit)
 {
     SimRunner sim;
     ASSERT_TRUE(sim.Running()) << sim.Log();
-    RunResult r = RunVtest({"exec", "--server=" + sim.Address(), "--keep-going", "--timeout=1", "echo #> x", "nope", "sleep 3000"});
+    RunResult r = RunVtest({"exec", "--server=" + sim.Address(), "--keep-going", "--timeout=1", "echo #> x", "nope",
+                            "sleep 3000", "quit"});
     EXPECT_EQ(1, r.status) << r.err;
-    EXPECT_EQ("#> echo #> x\n#> x\n#> nope\nError: Unknown command 'nope'.\n#> sleep 3000\n", r.out);
+    EXPECT_EQ("#> echo #> x\n#> x\n#> nope\nError: Unknown command 'nope'.\n#> sleep 3000\n#> quit\nBye.\n", r.out);
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 
