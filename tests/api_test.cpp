@@ -4,6 +4,7 @@
 #include <cstring>
 #include <list>
 #include <memory>
+#include <numeric>
 #include <thread>
 
 #include "Api.h"
@@ -37,6 +38,7 @@ public:
         EXPECT_EQ(bare, listed) << label;
         return sent;
     }
+    char after[16] = "untouched";  // right behind Api's own line buffer: an overrun shows here
     std::string seen;
 };
 
@@ -59,21 +61,24 @@ TEST(Api, SendsCommandsAndCutsOutputIntoLines)
     }
 }
 
-// Long lines come in pieces of 3,999 bytes whose NUL stays inside an exactly sized heap buffer (ASan sees past it).
+// Long lines come in pieces whose NUL stays inside 4,000 bytes: read into an exactly sized heap
+// buffer (ASan sees past it), and through Exec into the own buffer.
 TEST(Api, LongLinesComeInPiecesThatFitTheBuffer)
 {
     for (size_t n : {3998, 3999, 4000, 4001, 7995, 7996, 10000}) {
-        std::string line, joined;
+        std::string line;
         for (size_t i = 0; i < n; i++) line += static_cast<char>('a' + i % 26);
-        ScriptedServer server({{Send("#> "), Send(line + "\n#> ")}});
+        ScriptedServer server({{Send("#> "), Send(line + "\n#> "), Expect("long\n"), Send(line + "\n#> ")}});
         Recorder api(server.Addr());
         ASSERT_TRUE(api.Connect());
         std::unique_ptr<char[]> heap(new char[Api::kLineLen]);
-        size_t pieces = 0;
-        for (; api.ReadLineOrPrompt(heap.get(), Api::kLineLen); pieces++) joined += api.Marked(heap.get());
+        std::vector<std::string> pieces;
+        while (api.ReadLineOrPrompt(heap.get(), Api::kLineLen)) pieces.push_back(api.Marked(heap.get()));
         EXPECT_EQ(0, api.LastError()) << n;
-        EXPECT_EQ(line + "\n", joined) << n;
-        EXPECT_EQ(n / (Api::kLineLen - 1) + 1, pieces) << n;
+        EXPECT_EQ(line + "\n", std::accumulate(pieces.begin(), pieces.end(), std::string())) << n;
+        EXPECT_EQ(n / (Api::kLineLen - 1) + 1, pieces.size()) << n;
+        EXPECT_TRUE(api.ExecExpecting("long", pieces, std::to_string(n)) && api.LastError() == 0) << n;
+        EXPECT_STREQ("untouched", api.after) << n;
     }
 }
 
