@@ -116,14 +116,9 @@ TEST(Api, SilenceEndsByTimeOutOrDeadLinkAndTheNextExecReconnects)
 {
     const long linkDead = Sock::DefaultLinkDeadTimeout();
     Sock::DefaultLinkDeadTimeout(0);
-    const struct {  // first: then a second connection answers; idleMs: at the prompt before the Exec
-        const char* label;
-        Script first;
-        int timeout, idleMs;
-        bool result;
-        std::vector<std::string> lines;
-        int error, atLeastMs;
-    } rows[] = {
+    // first: then a second connection answers; idleMs: at the prompt before the Exec
+    const struct { const char* label; Script first; int timeout, idleMs; bool result; std::vector<std::string> lines;
+                   int error, atLeastMs; } rows[] = {
         {"time-out longer than the link-dead time-out", {Send("#> "), Expect("cmd\n"), Send("x\n")}, 2, 0, true, {"x\n"},
          -ETIMEDOUT, 2000},
         {"trickling greeting: the time-out is for all of it", Trickle("a\nb\nc\nd\ne\nf\n#> ", 2, 300), 1, 0, false, {},

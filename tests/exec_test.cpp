@@ -52,13 +52,8 @@ TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
     const std::string l(5000, 'l'), dir = MakeTempDir(), script = dir + "/script", empty = dir + "/empty";
     std::ofstream(script, std::ios::binary) << clean << "third";
     std::ofstream(empty, std::ios::binary) << "";
-    const struct Row {
-        const char* label;
-        std::vector<std::string> args;
-        std::vector<Script> scripts;
-        int status;
-        std::string out, errors = "", input = "";
-    } rows[] = {
+    const struct Row { const char* label; std::vector<std::string> args; std::vector<Script> scripts; int status;
+                       std::string out, errors = "", input = ""; } rows[] = {
         {"one command: no header", {"version"}, {Answers({{"version", "1.0\r\n#> "}})}, 0, "1.0\n"},
         {"CR LF, CR, pieces of a long line", {"a", "b"}, {Answers({{"a", "x\r\ny\r\r\n" + l + "\n#> "}, {"b", "#> "}})}, 0,
          "#> a\nx\ny\n\n" + l + "\n#> b\n"},
