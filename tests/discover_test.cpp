@@ -1,8 +1,6 @@
 // The discovery library: the answer parser and MAC order as a table, then real passes against scripted units.
 #include <gtest/gtest.h>
 
-#include <cstring>
-
 #include "Discover.h"
 #include "daemon.h"
 #include "scripted_server.h"
@@ -10,9 +8,6 @@
 #include "wait.h"
 
 namespace {
-
-// A request as sent: the text and its NUL.
-std::string Nul(const char* text) { return std::string(text, strlen(text) + 1); }
 
 // "key=value key=value | key=value": the records in order.
 std::string Text(const std::list<DiscoverRecord>& records)
@@ -27,13 +22,7 @@ std::string Text(const std::list<DiscoverRecord>& records)
 
 TEST(Discover, ParsesAnswersIntoRecordsInMacOrder)
 {
-    const struct {
-        const char* label;
-        std::vector<std::string> answers;
-        const char* records;
-    } cases[] = {
-        {"ordered by mac", {"mac=00:00:00:00:00:02\nhwid=7", "mac=00:00:00:00:00:01"},
-         "mac=00:00:00:00:00:01 | hwid=7 mac=00:00:00:00:00:02"},
+    const struct { const char* label; std::vector<std::string> answers; const char* records; } cases[] = {
         {"value ends at a further =", {"version=1.2=3"}, "version=1.2"},
         {"single-line form", {"mac:00:11:22:33:44:55 hwid:5 ipv4:10.0.0.5"},
          "hwid=5 ipv4=10.0.0.5 mac=00:11:22:33:44:55 master=?"},
@@ -42,8 +31,7 @@ TEST(Discover, ParsesAnswersIntoRecordsInMacOrder)
         {"empty lines and bare keys skipped, = line ends", {"a=1\n\n\nb\nc=\n===\nd=4"}, "a=1"},
         {"a record without mac is a barrier", {"hostname=x", "mac=02", "mac=01"}, "hostname=x | mac=02 | mac=01"},
         {"an empty mac is none", {"mac=02", "mac:", "mac=01"}, "mac=01 | mac=02 | mac= master=?"},
-        {"equal macs keep arrival order", {"mac=01\nn=1", "mac=01\nn=2", "mac=00"},
-         "mac=00 | mac=01 n=1 | mac=01 n=2"},
+        {"mac order, equal ones as they came", {"mac=01\nn=1", "mac=01\nn=2", "mac=00"}, "mac=00 | mac=01 n=1 | mac=01 n=2"},
     };
     for (const auto& c : cases) {
         std::list<DiscoverRecord> records;
@@ -64,38 +52,33 @@ void Collect(const char* line, int* value)
     g_counter = value;
 }
 
-// One LAN for the passes below: the tests play the units themselves.
+// The tests play the units themselves, in a LAN of their own.
 class DiscoverLan : public ::testing::Test {
 protected:
-    static void SetUpTestSuite() { lan = new SimLan({"0"}); }
-    static void TearDownTestSuite() { delete lan; }
     void SetUp() override
     {
         SKIP_WITHOUT_NETNS();
-        ASSERT_TRUE(lan->Up()) << lan->Error();
+        ASSERT_TRUE(lan.Up()) << lan.Error();
     }
-    // A scripted unit in the units namespace.
-    std::unique_ptr<ScriptedDatagramPeer> Unit(std::vector<Script> scripts)
+    std::unique_ptr<ScriptedDatagramPeer> Unit(std::vector<Script> scripts)  // in the units namespace
     {
         std::unique_ptr<ScriptedDatagramPeer> unit;
-        EXPECT_TRUE(RunInNetns(lan->Units(), [&] { unit.reset(new ScriptedDatagramPeer(scripts, 3543)); }));
-        EXPECT_TRUE(unit);
+        EXPECT_TRUE(RunInNetns(lan.Units(), [&] { unit.reset(new ScriptedDatagramPeer(scripts, 3543)); }));
         return unit;
     }
-    static bool InClient(const std::function<void()>& body) { return RunInNetns(lan->Client(), body); }
-    static SimLan* lan;
+    SimLan lan{{"0"}};
 };
-SimLan* DiscoverLan::lan = nullptr;
 
-TEST_F(DiscoverLan, PairsAndCallbackFormsReadTheSameAnswers)
+// The pairs and callback forms read the same answers; requests go out byte for byte; a raised exit
+// flag ends the pause at once. Reported: at "hostname", at "master" before any "hwid", and (once,
+// after the answers) the last answer that collected values without a report.
+TEST_F(DiscoverLan, ReadsAnswersAndSendsRequestsByteForByte)
 {
-    // Reported: at "hostname", at "master" before any "hwid", and (once, after
-    // the answers) the last answer that collected values without a report.
     Script answers = {Send("mac:00:11:22:33:44:55 hwid:5"), Send("mac=02:00:00:00:00:01\nipv4=i\nhostname=a"),
                       Send("mac=m\nrs485=12\nmaster=x\nhwid=7"), Send("version=1"), Send("mac=n\nmasterMac=a"),
                       Send("mac=02:00:00:00:00:02\nhwid=3\nmaster=a")};
     auto unit = Unit({answers, answers});
-    InClient([] {
+    EXPECT_TRUE(RunInNetns(lan.Client(), [] {
         Discover discovery(3543);
         discovery.SetWait(0.3);
         std::list<std::pair<SockAddr, SockAddr>> pairs;
@@ -109,34 +92,22 @@ TEST_F(DiscoverLan, PairsAndCallbackFormsReadTheSameAnswers)
         ASSERT_TRUE(discovery.Find(Collect, false, &hwId, "aa:bb:cc:dd:ee:ff"));
         EXPECT_EQ(g_reported, (std::vector<std::string>{"02:00:00:00:00:01 i NONE NONE NONE #4", "m NONE NONE NONE NONE #4",
                                                         "02:00:00:00:00:02 NONE 3 NONE NONE #4"}));
-    });
-}
-
-// Also: a raised exit flag ends the pause at once.
-TEST_F(DiscoverLan, RequestsGoOutByteForByte)
-{
-    auto unit = Unit({});
-    InClient([] {
-        Discover discovery(3543);
         discovery.SetWait(30);
-        SockAddr mac(AF_MAC, "00:11:22:33:44:55");
         std::list<DiscoverRecord> none;
         daemon_should_exit = true;
         auto start = std::chrono::steady_clock::now();
         EXPECT_TRUE(discovery.Find(none));
         daemon_should_exit = false;
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-        EXPECT_TRUE(discovery.SetIPv4(mac, "192.168.1.20", "255.255.255.0", "192.168.1.1", "192.168.1.1", true, ""));
-        EXPECT_TRUE(discovery.SetIPv4(mac, "10.0.0.5", "255.0.0.0", "10.0.0.1", nullptr, false, "x"));
-        EXPECT_FALSE(discovery.SetIPv4(mac, "1.2.3.4", "255.0.0.0", "1.2.3.1", std::string(1500, 'd').c_str(), true, ""));
+        SockAddr target(AF_MAC, "00:11:22:33:44:55");
+        EXPECT_TRUE(discovery.SetIPv4(target, "192.168.1.20", "255.255.255.0", "192.168.1.1", "192.168.1.1", true, "x"));
+        EXPECT_FALSE(discovery.SetIPv4(target, "1.2.3.4", "255.0.0.0", "1.2.3.1", std::string(1500, 'd').c_str(), true, ""));
         EXPECT_EQ(discovery.LastError(), -EMSGSIZE);
-    });
-    WaitUntil([&] { return unit->Received().size() >= 3; }, ScaledMs(5000));
-    EXPECT_EQ(unit->Received(),
-              (std::vector<std::string>{
-                  Nul("Hello"),
-                  Nul("SetIPv4 mac:00:11:22:33:44:55 192.168.1.20 255.255.255.0 192.168.1.1 192.168.1.1 permanent"),
-                  Nul("SetIPv4 mac:00:11:22:33:44:55 10.0.0.5 255.0.0.0 10.0.0.1 temporary\nx")}));
+    }));
+    const std::string hello("Hello", 6);
+    WaitUntil([&] { return unit->Received().size() >= 4; }, ScaledMs(5000));
+    const std::string set = "SetIPv4 mac:00:11:22:33:44:55 192.168.1.20 255.255.255.0 192.168.1.1 192.168.1.1 permanent\nx";
+    EXPECT_EQ(unit->Received(), (std::vector<std::string>{hello, hello, hello, set + std::string(1, '\0')}));
 }
 
 // A "serial enum" session of the local daemon's command channel.
@@ -149,7 +120,7 @@ TEST_F(DiscoverLan, CentralSearchReportsEachCentralLine)
 {
     const std::string frame = "/dev/ttyS1\nIdx  HwID  Addr  MAC  IPv4  State  Master  Version  Serial\n-------\n";
     auto unit = Unit({{Send("mac=02\nn=queued")}, {}, {}, {Send("mac=01\nn=fresh")}});
-    InClient([&] {
+    EXPECT_TRUE(RunInNetns(lan.Client(), [&] {
         ScriptedServer daemon({SerialEnum(frame + "1 17 5 00:11:22:33:44:55 10.0.0.9 x 00:00:00:00:00:00\n\n"
                                                   "2 18,1234,00:00:00:00:00:00 0.0.0.0 s 02:00:00:00:00:01 v z extra\n"),
                                SerialEnum("3 40 7 02:00:00:00:00:03\n"), SerialEnum("4 abc\n5 41\n"),
@@ -175,12 +146,11 @@ TEST_F(DiscoverLan, CentralSearchReportsEachCentralLine)
         EXPECT_TRUE(daemon.WaitScriptsDone(ScaledMs(5000)));
         EXPECT_EQ(daemon.Accepted(), 4);
         EXPECT_EQ(daemon.Failures(), std::vector<std::string>{});
-        // The searches left the units' answers queued for this pass, as a
-        // pass leaves those that come after its wait for the next.
+        // The searches left the units' answers queued for this pass.
         std::list<DiscoverRecord> units;
         ASSERT_TRUE(discovery.Find(units));
         EXPECT_EQ(Text(units), "mac=01 n=fresh remote=192.168.77.2:3543 | mac=02 n=queued remote=192.168.77.2:3543");
-    });
+    }));
 }
 
 // With only the loopback interface even the hand-built frame has no source.
