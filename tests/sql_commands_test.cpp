@@ -20,22 +20,15 @@ TEST(SqlCommandErrors, ArgumentErrorsGiveTheirMessageAndStatus)
         std::string err;
     } cases[] = {
         {{"sql"}, 255, "Missing parameter: SQL statement.\n"},
-        {{"sql_file"}, 255, "Missing parameter: SQL statement file.\n"},
-        {{"sql", "--pairs"}, 255, "Missing parameter: SQL statement.\n"},
-        {{"sql_file", "--pairs", "--pairs"}, 255, "Missing parameter: SQL statement file.\n"},
+        {{"sql_file", "--pairs"}, 255, "Missing parameter: SQL statement file.\n"},
         {{"sql", "--server=bad address", "SELECT 1;"}, 255, "Invalid IPv4 address: \"bad address\".\n"},
-        {{"monitor"}, 255, "Missing parameter: table.\n"},
         {{"monitor", "--server=127.0.0.1:1"}, 255, "Missing parameter: table.\n"},
         {{"monitor", "--server=bad address", "Events"}, 255, "Invalid IPv4 address: \"bad address\".\n"},
         {{"monitor", "Hardware", "insert", "truncate"}, 255, "Invalid operation: truncate.\n"},
-        {{"sql", "--timeout=0", "SELECT 1;"}, 255, "Invalid timeout: 0.\n"},
-        {{"sql", "--timeout=3601", "SELECT 1;"}, 255, "Invalid timeout: 3601.\n"},
         {{"sql_file", "--timeout=x", "f.sql"}, 255, "Invalid timeout: x.\n"},
-        {{"sql", "--pairs", "--timeout=", "SELECT 1;"}, 255, "Invalid timeout: .\n"},
         // A table name goes into the one-line request as it is.
         {{"monitor", ""}, 255, "Invalid table: .\n"},
-        {{"monitor", "Events x"}, 255, "Invalid table: Events x.\n"},
-        {{"monitor", "a\tb\x7f", "insert"}, 255, "Invalid table: a\\x09b\\x7f.\n"},
+        {{"monitor", "a b\t\x7f", "insert"}, 255, "Invalid table: a b\\x09\\x7f.\n"},
         // The file name swapped for the other source in the message.
         {{"sql_file", "/nonexistent/x.sql"}, 254, "Unable to open file: stdin\n"},
     };
@@ -61,59 +54,7 @@ protected:
     std::string m_dir = MakeTempDir();
 };
 
-// Against the simulator, in order (a later row sees an earlier one's effect).
-TEST_F(SqlCommands, FormatsStatementsFilesAndStandardInput)
-{
-    const std::string file = m_dir + "/statements.sql", syntax = "Error: near \"SELEC\": syntax error";
-    const std::string select = "SELECT HwName, HwID FROM Hardware WHERE HwID <= 2 ORDER BY HwID;";
-    const char* none = "SELECT HwID, HwName FROM Hardware WHERE HwID < 0;";
-    const struct {
-        const char* label;
-        std::vector<std::string> args;  // "S": the server's option, "F": the input as a file (else on stdin)
-        std::string input;
-        int status;
-        std::string out, err;  // standard output after the first "Connecting ...", operator lines
-    } cases[] = {
-        {"plain", {"sql", "S", select}, "", 0,
-         "Line #\t\"HwName\"\t\"HwID\"\n1.\t\"vantor-01\"\t\"1\"\t\n2.\t\"vantor-02\"\t\"2\"\t\n", ""},
-        {"pairs", {"sql", "S", "--pairs", select}, "", 0,
-         "Line #\t\"HwID\"\t\"HwName\"\n1.\t1\tvantor-01\t\n2.\t2\tvantor-02\t\n", ""},
-        {"empty", {"sql", "S", none}, "", 0, "Line #\t\"HwID\"\t\"HwName\"\n", ""},
-        {"empty pairs", {"sql", "S", "--pairs", none}, "", 0, "", ""},
-        {"no rows", {"sql", "S", "INSERT INTO Events (EvntDscID, UsrID, HwID) VALUES (1, 0, 1);"}, "", 0, "", ""},
-        {"trailing blanks", {"sql", "S", "SELECT 7 AS n; \t \t"}, "", 0, "Line #\t\"n\"\n1.\t\"7\"\t\n", ""},
-        {"stops at a failure", {"sql", "S", "SELEC 1;", "INSERT INTO Events (EvntData) VALUES ('must not run');"}, "",
-         254, "", ExecFailed(syntax)},
-        {"did not run", {"sql", "S", "SELECT COUNT(*) AS n FROM Events WHERE EvntData = 'must not run';"}, "", 0,
-         "Line #\t\"n\"\n1.\t\"0\"\t\n", ""},
-        // Line numbers are the file's; a failure does not stop the run.
-        {"file", {"sql_file", "S", "F", "ignored.sql"},
-         "# a comment; SELECT 0;\n\nSELECT 1 AS a;\r\nSELEC 2;\nSELECT 3 AS c;  \n", 0,
-         "Line #\t\"a\"\n1.\t\"1\"\t\nLine #\t\"c\"\n1.\t\"3\"\t\n", file + ":4 [" + syntax + "] SELEC 2;\n"},
-        // Repeated options; nothing at the file-name position: standard input is "stdin".
-        {"stdin", {"sql", "--pairs", "S", "--stdin", "S", "--pairs"}, "SELECT 5 AS e;\n# skipped\nnot sql;\n", 254,
-         Connecting() + "Line #\t\"e\"\n1.\t5\t\n", "stdin:3 [Error: near \"not\": syntax error] not sql;\n"},
-        {"stdin of sql_file", {"sql_file", "--stdin", "S", "x.sql"}, "SELECT 1 AS a;\n", 0,
-         "Line #\t\"a\"\n1.\t\"1\"\t\n", ""},
-    };
-    for (const auto& c : cases) {
-        std::vector<std::string> args = c.args;
-        std::string input = c.input;
-        for (std::string& arg : args) {
-            if (arg == "S") arg = Server();
-            if (arg != "F") continue;
-            std::ofstream(arg = file, std::ios::binary) << input;
-            input.clear();
-        }
-        RunResult r = RunVtest(args, input);
-        EXPECT_EQ(r.status, c.status) << c.label;
-        EXPECT_EQ(r.out, Connecting() + c.out) << c.label;
-        EXPECT_EQ(OperatorErrors(r.err), c.err) << c.label;
-    }
-}
-
-// Rows to a pipe are fully buffered; the tool's own messages still follow the rows printed before them when
-// both streams share one pipe.
+// Rows to a pipe are fully buffered; the tool's own messages still follow the rows printed before them.
 TEST_F(SqlCommands, MessagesKeepTheirPlaceAmongBufferedRows)
 {
     std::string path = m_dir + "/statements.sql";
@@ -138,12 +79,12 @@ TEST_F(SqlCommands, MessagesKeepTheirPlaceAmongBufferedRows)
 TEST(SqlCommandTimeouts, SilentServersEndTheStatementWithTheirReason)
 {
     BlackHole hole;
-    ScriptedServer silent(std::vector<Script>{Script{}}), silentToo(std::vector<Script>{Script{}});
+    ScriptedServer silent(std::vector<Script>{Script{}});
     ScriptedServer mute({FromChild(Prepared({Expect("SELECT 1;\r\n")}))});
     const Script lateAnswer = {Expect("SELECT 1;\r\n"), Wait(2200), Send(std::string("a\n1\n") + kAnswerEnd)};
     ScriptedServer late({FromChild(Prepared(lateAnswer)), FromChild(Prepared(Answer("SELECT 2 AS b;", "b\n2\n")))});
     char text[SockAddr::m_strLen];
-    const std::string holeAt = hole.Addr().Str(text, true), silentAt = ServerOption(silentToo).substr(9);
+    const std::string holeAt = hole.Addr().Str(text, true);
     const std::string step1 =
         "step 1 FAIL: SELECT HwID FROM Hardware LIMIT 3; -> no connection to the database server at ";
     const struct {
@@ -155,8 +96,7 @@ TEST(SqlCommandTimeouts, SilentServersEndTheStatementWithTheirReason)
         {{"sql", "--server=" + holeAt, "SELECT 1;"}, "", 254, "",
          ExecFailed("cannot connect to " + holeAt + ": Connection timed out")},
         {{"sql", ServerOption(silent), "SELECT 1;"}, "", 254, "", ExecFailed("no greeting within 10 s")},
-        {{"--server=" + silentAt}, "", 1, step1 + silentAt + "\n", "Self-test FAILED.\n"},
-        {{"--server=127.0.0.1:1"}, "", 1, step1 + "127.0.0.1:1\n", "Self-test FAILED.\n"},
+        {{"--server=" + holeAt}, "", 1, step1 + holeAt + "\n", "Self-test FAILED.\n"},
         {{"sql", ServerOption(mute), "--timeout=1", "SELECT 1;"}, "", 254, "", ExecFailed("no answer within 1 s")},
         {{"sql", ServerOption(late), "--timeout=2", "--stdin"}, "SELECT 1;\nSELECT 2 AS b;\n", 0,
          "Line #\t\"b\"\n1.\t\"2\"\t\n", "stdin:1 [no answer within 2 s] SELECT 1;\n"},
@@ -175,9 +115,8 @@ TEST(SqlCommandTimeouts, SilentServersEndTheStatementWithTheirReason)
         for (const std::string& failure : server->Failures()) EXPECT_EQ(failure.find("expected"), std::string::npos);
 }
 
-// The monitor's state goes to standard error once per change (its retries log their first failure only),
-// changes to standard output; ENTER before the first connection ends it at once; a table the server refuses
-// ends it with one line and status 1.
+// State to standard error once per change (retries log their first failure only), changes to standard output;
+// ENTER before the first connection ends it; a refused table ends it with one line and status 1.
 TEST_F(SqlCommands, MonitorPrintsChangesAndItsStateAndGivesUpOnARefusedTable)
 {
     const std::string at = m_sim.Address(), start = Connecting() + "Press ENTER to stop.\nWaiting for " + at + " ...\n";
@@ -200,7 +139,7 @@ TEST_F(SqlCommands, MonitorPrintsChangesAndItsStateAndGivesUpOnARefusedTable)
     m_sim.Stop();
     const std::string lost = "Connection to " + at + " lost; retrying every second.\n";
     ASSERT_TRUE(monitor.WaitForOutput(lost, 10000));
-    EXPECT_FALSE(monitor.WaitForOutput("never printed", 3500));  // three rounds of retries
+    EXPECT_FALSE(monitor.WaitForOutput("never printed", 2500));  // two rounds of retries
     ASSERT_TRUE(monitor.Write("\n"));
     EXPECT_EQ(monitor.Wait(5000), 0);
     EXPECT_EQ(OperatorErrors(monitor.Output()), start + subscribed + "insert Hardware 99\n" + lost);

@@ -1,10 +1,8 @@
-// sql and sql_file end to end: whatever the server or the input does, the
-// output is the data as it is, or the rows so far and a failure with its
-// reason and status; never a cut or shifted result with status 0.
+// sql and sql_file end to end: whatever the server or the input does, the output is the data as it is, or the
+// rows so far and a failure with its reason and status; never a cut or shifted result with status 0.
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -21,11 +19,12 @@ TEST(SqlResults, NeitherLostNorInvented)
 {
     SimRunner sim(SimRunner::Options{false, 0, 0, {"--idle-timeout=1"}});
     ASSERT_TRUE(sim.Running()) << sim.Log();
-    const std::string dir = MakeTempDir(), file = dir + "/in.sql";
+    const std::string dir = MakeTempDir(), file = dir + "/in.sql", simAt = "--server=" + sim.Address();
     const Script cut = Prepared({Expect("SELECT a;\r\n"), Send("a\n1\n2\n"), Close()});
     const Script mute = Prepared({Expect("SELECT a;\r\n"), Close()});
     const Script notReady = Then(Greeting("SQL Wrapper"), {Expect("shell \\ |\r\n"), Send("DB not ready\n\v#> \n")});
     const std::string longLine = "SELECT '" + std::string(1048570, 'y') + "';", cell(3000, 'x');
+    const std::string none = "SELECT HwID FROM Hardware WHERE HwID < 0;", mustNot = "'must not run'";
     std::string wide = "SELECT 1 AS c1", header = "Line #\t\"c1\"", row = "\n1.\t\"1\"\t";
     for (int i = 2; i <= 35; i++) {
         wide += ", " + std::to_string(i) + " AS c" + std::to_string(i);
@@ -40,7 +39,7 @@ TEST(SqlResults, NeitherLostNorInvented)
         std::vector<std::string> args;  // "S": the server's option, "F": the input as a file (else on stdin)
         std::string input;
         int status;
-        std::string out;  // after "Connecting to ..."
+        std::string out;  // after the last "Connecting to ..."
         std::string err;  // operator lines
     } cases[] = {
         {"1 cut", {cut, Prepared()}, {"sql", "S", "SELECT a;"}, "", 254, "Line #\t\"a\"\n1.\t\"1\"\t\n2.\t\"2\"\t\n",
@@ -49,10 +48,12 @@ TEST(SqlResults, NeitherLostNorInvented)
          ExecFailed("connection lost; the statement may have run")},
         {"2 error after a row", {}, {"sql", "S", "SELECT 1 AS a; SELEC 2;"}, "", 254, "Line #\t\"a\"\n1.\t\"1\"\t\n",
          ExecFailed("Error: near \"SELEC\": syntax error after 1 row")},
-        {"3 trailing NULL", {}, {"sql", "S", "SELECT 1 AS a, NULL AS b;"}, "", 0,
-         "Line #\t\"a\"\t\"b\"\n1.\t\"1\"\t\"\"\t\n", ""},
+        {"3 trailing NULL, escapes, blanks", {}, {"sql", "S", "SELECT 'a|b\\c' AS a, NULL AS b; \t"}, "", 0,
+         "Line #\t\"a\"\t\"b\"\n1.\t\"a|b\\c\"\t\"\"\t\n", ""},
         {"3 pairs named by the columns", {}, {"sql", "S", "--pairs", "SELECT 3 AS z, 2 AS a, 4 AS a, NULL AS b;"},
          "", 0, "Line #\t\"a\"\t\"b\"\t\"z\"\n1.\t4\t\t3\t\n", ""},
+        {"3 no rows", {}, {"sql", "S", none}, "", 0, "Line #\t\"HwID\"\n", ""},
+        {"3 no rows in pairs", {}, {"sql", "S", "--pairs", none}, "", 0, "", ""},
         {"4 past thirty columns", {}, {"sql", "S", wide + ";"}, "", 0, header + row + "\n", ""},
         {"4 past the cap", {}, {"sql", "S", wider + ";"}, "", 254, "", ExecFailed("more than 1024 columns")},
         {"5 a long cell", {}, {"sql", "S", "SELECT printf('%.*c', 3000, 'x') AS v;"}, "", 0,
@@ -62,23 +63,29 @@ TEST(SqlResults, NeitherLostNorInvented)
         {"5 a statement past the line", {}, {"sql", "S", "--stdin"}, longLine + "\nSELECT 5 AS e;\n", 0,
          "Line #\t\"e\"\n1.\t\"5\"\t\n",
          "stdin:1 [line longer than 1048573 bytes] " + longLine.substr(0, 80) + "...\n"},
-        {"6 a line break", {}, {"sql", "S", "SELECT 'A';\nSELECT 'B';\r", "SELECT 'C';"}, "", 254, "",
-         ExecFailed("statement holds a line break")},
+        {"6 a line break stops the run", {},
+         {"sql", "S", "SELECT 'A';\nSELECT 'B';\r", "INSERT INTO Events (EvntDscID, UsrID, HwID, EvntData) VALUES "
+                                                    "(1, 0, 1, " + mustNot + ");"},
+         "", 254, "", ExecFailed("statement holds a line break")},
         {"7 whole lines", {Prepared(Answer("SELECT 1 AS a;", "a\n1\n"))}, {"sql_file", "S", "F"},
          "\xef\xbb\xbf#" + std::string(3998, 'n') + " DELETE FROM T1;\n\t# DELETE FROM T1;\nSELECT 1 AS a;  \n" +
              std::string("bad\0line;\nlone\rCR;\n", 19),
          254, "Line #\t\"a\"\n1.\t\"1\"\t\n",
          file + ":4 [line holds a NUL byte] bad\\x00line;\n" + file +
              ":5 [line holds a lone carriage return] lone\\x0dCR;\n"},
-        {"8 own reasons", {}, {"sql_file", "S", "F"}, "SELEC 1;\nSELECT 2\n", 254, "",
-         file + ":1 [Error: near \"SELEC\": syntax error] SELEC 1;\n" + file + ":2 [missing semicolon] SELECT 2\n"},
+        {"8 own reasons, the run goes on", {}, {"sql_file", "S", "F"}, "SELEC 1;\r\n\nSELECT 2\n", 254, "",
+         file + ":1 [Error: near \"SELEC\": syntax error] SELEC 1;\n" + file + ":3 [missing semicolon] SELECT 2\n"},
         {"8 not ready, then a fresh connection", {notReady, Prepared(Answer("SELECT 2 AS b;", "b\n2\n"))},
          {"sql", "S", "--stdin"}, "SELECT 1;\nSELECT 2 AS b;\n", 0, "Line #\t\"b\"\n1.\t\"2\"\t\n",
          "stdin:1 [DB not ready] SELECT 1;\n"},
         {"8 refused", {}, {"sql", "--server=127.0.0.1:1", "SELECT 1;"}, "", 254, "",
          ExecFailed("connection refused by 127.0.0.1:1")},
+        {"8 options repeated", {}, {"sql", "--pairs", "S", "--stdin", "S", "--pairs"}, "SELECT 5 AS e;\nnot sql;\n",
+         254, "Line #\t\"e\"\n1.\t5\t\n", "stdin:2 [Error: near \"not\": syntax error] not sql;\n"},
         {"9 an idle close", {}, {"sql", "S", "--stdin"},
          "SELECT 1 AS a;\n\fINSERT INTO Events (EvntDscID, UsrID, HwID, EvntData) VALUES (1, 0, 1, 'idle');\n", 0,
+         "Line #\t\"a\"\n1.\t\"1\"\t\n", ""},
+        {"10 standard input of sql_file", {}, {"sql_file", "--stdin", "S", "x.sql"}, "SELECT 1 AS a;\n", 0,
          "Line #\t\"a\"\n1.\t\"1\"\t\n", ""},
         {"10 a directory", {}, {"sql_file", "S", "/"}, "", 254, "", "Unable to open file: stdin\n"},
         {"10 a read error", {}, {"sql_file", "S", "/proc/self/mem"}, "", 254, "",
@@ -90,8 +97,8 @@ TEST(SqlResults, NeitherLostNorInvented)
         ScriptedServer server(scripts);
         std::string at, input = c.input;
         for (std::string& arg : c.args) {
-            if (arg == "S") arg = scripts.empty() ? "--server=" + sim.Address() : ServerOption(server);
-            if (arg.compare(0, 9, "--server=") == 0) at = arg.substr(9);
+            if (arg == "S") arg = scripts.empty() ? simAt : ServerOption(server);
+            if (arg.compare(0, 9, "--server=") == 0) at += "Connecting to " + arg.substr(9) + "...\n";
             if (arg != "F") continue;
             std::ofstream(arg = file, std::ios::binary) << input;
             input.clear();
@@ -107,7 +114,7 @@ TEST(SqlResults, NeitherLostNorInvented)
                                                    "; do sleep 0.05; done; cat " + dir + "/b; } | exec \"$@\"",
                                                TargetArgv(VTEST_BINARY, c.args)));
         EXPECT_EQ(r.status, c.status) << c.label;
-        EXPECT_EQ(r.out, "Connecting to " + at + "...\n" + c.out) << c.label;
+        EXPECT_EQ(r.out, at + c.out) << c.label;
         EXPECT_EQ(OperatorErrors(r.err), c.err) << c.label;
         // Exactly the script's requests reached the server (the DELETE never).
         EXPECT_TRUE(server.WaitClosed(static_cast<int>(scripts.size()), ScaledMs(5000))) << c.label;
@@ -115,9 +122,10 @@ TEST(SqlResults, NeitherLostNorInvented)
             EXPECT_EQ(AnyPid(server.Received(i)), Expected(c.scripts[i])) << c.label;
         for (const std::string& failure : server.Failures()) ADD_FAILURE() << c.label << ": " << failure;
     }
+    // The INSERT after the idle close arrived once; the one after a failed statement never.
     RunResult count =
-        RunVtest({"sql", "--server=" + sim.Address(), "SELECT COUNT(*) FROM Events WHERE EvntData = 'idle';"});
-    EXPECT_NE(count.out.find("\n1.\t\"1\"\t\n"), std::string::npos) << "the INSERT after the idle close arrives once";
+        RunVtest({"sql", simAt, "SELECT EvntData FROM Events WHERE EvntData IN ('idle', " + mustNot + ");"});
+    EXPECT_EQ(count.out, "Connecting to " + sim.Address() + "...\nLine #\t\"EvntData\"\n1.\t\"idle\"\t\n");
     RunProgram({"/bin/rm", "-rf", dir});
 }
 
