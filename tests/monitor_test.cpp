@@ -47,19 +47,10 @@ protected:
     std::unique_ptr<RecordingMonitor> m_monitor;
 };
 
-TEST_F(MonitorTest, StartsOnceWhetherByInitOKOrStart)
-{
-    ScriptedServer server({});
-    RecordingMonitor monitor(server.Addr(), 0);
-    EXPECT_FALSE(monitor.IsRunning());
-    EXPECT_TRUE(monitor.Start() && monitor.InitOK());
-    EXPECT_FALSE(monitor.Start());
-}
-
 // Event lines lose their six-character prefix and the '!'; error lines are skipped; a lost connection or a bare
 // marker is a loss, then a resubscription a second later; nothing is called back before the first subscription.
 // A refused subscription is handed over and tried again, never a change; with bounds set, a silent greeting or
-// subscription is dropped and retried.
+// subscription is dropped and retried. Whatever the server does, the stop (ENTER in the command) is prompt.
 TEST_F(MonitorTest, EventsAndLossesAsTheServerSendsThem)
 {
     const Script refused = Then(Greeting("SQL monitor"), {Expect("monitor Events\r\n"),
@@ -83,47 +74,33 @@ TEST_F(MonitorTest, EventsAndLossesAsTheServerSendsThem)
         {"bounded", {{Send("banner\n")}, unanswered, Subscribed("abcdefone!\n")}, {"up", "event:one"}, 1, 0},
         {"operations in the server's order", {Subscribed("abcdefone!\n", all)}, {"up", "event:one"}, 0,
          MonitorWrapper::OPERATION_ALL},
+        {"waiting for a prompt", {{Send("banner\n")}}, {}, 0, 0},
+        {"retrying an absent server", {}, {}, 0, 0},
     };
     for (Case& c : cases) {
         RecordingMonitor& monitor = Monitor(std::move(c.scripts), c.operations, c.setupSeconds);
         ASSERT_TRUE(monitor.WaitForEntries(c.log.size())) << c.label;
+        ASSERT_TRUE(WaitUntil([&] { return m_server->Accepted() >= 1; }, ScaledMs(5000))) << c.label;
         EXPECT_EQ(monitor.Log(), c.log) << c.label;
         auto times = m_server->AcceptTimes();
         for (size_t i = 1; i < times.size(); i++)
             EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(times[i] - times[i - 1]).count(), 900)
                 << c.label;
+        EXPECT_LT(Finish(), ScaledMs(3000)) << c.label;
     }
 }
 
-TEST_F(MonitorTest, NoCallbackAfterStopReturns)
+TEST_F(MonitorTest, StartsOnceAndCallsNothingBackAfterItsStop)
 {
     std::string flood;
     for (int i = 0; i < 5000; i++) flood += "abcdefline" + std::to_string(i) + "!\n";
     RecordingMonitor& monitor = Monitor({Subscribed(flood)});
+    EXPECT_TRUE(!monitor.Start() && monitor.InitOK()) << "started once, by the first InitOK";
     ASSERT_TRUE(monitor.WaitForEntries(100));
     EXPECT_TRUE(monitor.Stop());
     size_t seen = monitor.Log().size();
     EXPECT_FALSE(WaitUntil([&] { return monitor.Log().size() != seen; }, ScaledMs(200)));
     EXPECT_NE(monitor.Log().back(), "down") << "a stop is no lost connection";
-}
-
-// The monitor command ends on ENTER: the stop must not wait for a silent or absent server.
-TEST_F(MonitorTest, StopsPromptlyWhateverTheServerDoes)
-{
-    struct Case {
-        const char* label;
-        std::vector<Script> scripts;
-        size_t entries;  // callbacks to wait for before stopping
-    } cases[] = {{"subscribed to a silent server", {Subscribed("")}, 1},
-                 {"waiting for a prompt", {{Send("banner\n")}}, 0},
-                 {"retrying an absent server", {}, 0}};
-    for (Case& c : cases) {
-        RecordingMonitor& monitor = Monitor(std::move(c.scripts));
-        bool ready = c.entries ? monitor.WaitForEntries(c.entries)
-                               : WaitUntil([&] { return m_server->Accepted() >= 1; }, ScaledMs(5000));
-        ASSERT_TRUE(ready) << c.label;
-        EXPECT_LT(Finish(), ScaledMs(3000)) << c.label;
-    }
 }
 
 }  // namespace

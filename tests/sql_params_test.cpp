@@ -14,8 +14,7 @@ bool Replace(Form form, std::string& query, const std::string& name, const std::
     return sql_param_replace_all(query, name, value, form == ALL_QUOTED);
 }
 
-// Plain substring replacement: names are case-sensitive, a prefix of a
-// longer name matches, quotes in the statement mean nothing.
+// Plain substring replacement: a prefix of a longer name matches, quotes in the statement mean nothing.
 TEST(SqlParams, ReplacesReferencesInEachForm)
 {
     const struct {
@@ -24,13 +23,11 @@ TEST(SqlParams, ReplacesReferencesInEachForm)
         bool replaced;
         const char* result;
     } cases[] = {
-        {FIRST, "a=:HwID OR b=:HwID;", "HwID", "7", true, "a=7 OR b=:HwID;"},
-        {FIRST, "a=:HwID;", "UsrID", "7", false, "a=:HwID;"}, {FIRST, "a=:HwID;", "hwid", "7", false, "a=:HwID;"},
+        {FIRST, "a=:HwID OR b=:HwID;", "HwID", "7", true, "a=7 OR b=:HwID;"}, {FIRST, "a=:HwID;", "Usr", "7", false, "a=:HwID;"},
         {FIRST, "y=:EvntData;", "Evnt", "1", true, "y=1Data;"}, {FIRST, "'a:b';", "b", "2", true, "'a2';"},
-        {STRING, "v=:S;", "S", "12\"x", true, "v=\"12\"\"x\";"}, {STRING, "v=:S;", "S", "a'b\\c\t", true, "v=\"a'b\\c\t\";"},
-        {STRING, ":S,:S", "S", "q", true, "\"q\",:S"}, {STRING, "v=:T;", "S", "q", false, "v=:T;"},
+        {STRING, "v=:S;", "S", "12\"x'\\\t", true, "v=\"12\"\"x'\\\t\";"},
         {ALL_BARE, "a=:HwID OR b=:HwID;", "HwID", "7", true, "a=7 OR b=7;"}, {ALL_BARE, "a=1;", "HwID", "7", false, "a=1;"},
-        {ALL_BARE, ":v", "v", "x\"y", true, "x\"y"}, {ALL_QUOTED, ":v,:v", "v", "x\"y", true, "\"x\"y\",\"x\"y\""},
+        {ALL_QUOTED, ":v,:v", "v", "x\"y", true, "\"x\"y\",\"x\"y\""},
         {ALL_BARE, "a=:v;", "v", "(:v)", false, "a=:v;"},  // would never end: refused, logged
     };
     StderrCapture err;

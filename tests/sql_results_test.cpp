@@ -1,5 +1,6 @@
-// sql and sql_file end to end: whatever the server or the input does, the output is the data as it is, or the
-// rows so far and a failure with its reason and status; never a cut or shifted result with status 0.
+// sql, sql_file and the self-test end to end: whatever the server, the input or a standard stream does, the output
+// is the data as it is, or the rows so far and a failure with its reason and status; never a cut or shifted result
+// with status 0, and nothing meant for the terminal reaches a server.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -25,6 +26,12 @@ TEST(SqlResults, NeitherLostNorInvented)
     const Script notReady = Then(Greeting("SQL Wrapper"), {Expect("shell \\ |\r\n"), Send("DB not ready\n\v#> \n")});
     const std::string longLine = "SELECT '" + std::string(1048570, 'y') + "';", cell(3000, 'x');
     const std::string none = "SELECT HwID FROM Hardware WHERE HwID < 0;", mustNot = "'must not run'";
+    const std::string syntax = "Error: near \"SELEC\": syntax error", full = "vtest: write error: No space left on device\n";
+    // More rows than a stdio buffer holds: printed to a descriptor that became the connection, they would reach
+    // the server before the next statement.
+    std::string many = "x\n";
+    for (int i = 0; i < 500; i++) many += "row " + std::to_string(i) + "\n";
+    const Script rows = Prepared(Answer("SELECT x;", many)), refused = Prepared(Answer("SELEC 1;", "\vError: x\n"));
     std::string wide = "SELECT 1 AS c1", header = "Line #\t\"c1\"", row = "\n1.\t\"1\"\t";
     for (int i = 2; i <= 35; i++) {
         wide += ", " + std::to_string(i) + " AS c" + std::to_string(i);
@@ -41,7 +48,23 @@ TEST(SqlResults, NeitherLostNorInvented)
         int status;
         std::string out;  // after the last "Connecting to ..."
         std::string err;  // operator lines
+        const char* redirect = "";
     } cases[] = {
+        {"usage: no statement", {}, {"sql"}, "", 255, "", "Missing parameter: SQL statement.\n"},
+        {"usage: no file", {}, {"sql_file", "--pairs"}, "", 255, "", "Missing parameter: SQL statement file.\n"},
+        {"usage: a server alone", {}, {"sql", "--server=127.0.0.1"}, "", 255, "Connecting to 127.0.0.1:3543...\n",
+         "Missing parameter: SQL statement.\n"},
+        {"usage: bad server", {}, {"sql", "--server=bad", "SELECT 1;"}, "", 255, "", "Invalid IPv4 address: \"bad\".\n"},
+        {"usage: bad timeout", {}, {"sql_file", "--timeout=x", "f.sql"}, "", 255, "", "Invalid timeout: x.\n"},
+        {"usage: no table", {}, {"monitor", "--server=127.0.0.1:1"}, "", 255, "Connecting to 127.0.0.1:1...\n",
+         "Missing parameter: table.\n"},
+        {"usage: bad monitor server", {}, {"monitor", "--server=bad", "T"}, "", 255, "", "Invalid IPv4 address: \"bad\".\n"},
+        {"usage: bad operation", {}, {"monitor", "T", "insert", "truncate"}, "", 255, "", "Invalid operation: truncate.\n"},
+        // A table name goes into the one-line request as it is.
+        {"usage: empty table", {}, {"monitor", ""}, "", 255, "", "Invalid table: .\n"},
+        {"usage: bad table", {}, {"monitor", "a b\t\x7f", "insert"}, "", 255, "", "Invalid table: a b\\x09\\x7f.\n"},
+        // The file name swapped for the other source in the message.
+        {"usage: no such file", {}, {"sql_file", "/nonexistent/x.sql"}, "", 254, "", "Unable to open file: stdin\n"},
         {"1 cut", {cut, Prepared()}, {"sql", "S", "SELECT a;"}, "", 254, "Line #\t\"a\"\n1.\t\"1\"\t\n2.\t\"2\"\t\n",
          ExecFailed("connection lost after 2 rows")},
         {"1 lost before a row", {mute, Prepared()}, {"sql", "S", "SELECT a;"}, "", 254, "",
@@ -78,7 +101,7 @@ TEST(SqlResults, NeitherLostNorInvented)
         {"8 not ready, then a fresh connection", {notReady, Prepared(Answer("SELECT 2 AS b;", "b\n2\n"))},
          {"sql", "S", "--stdin"}, "SELECT 1;\nSELECT 2 AS b;\n", 0, "Line #\t\"b\"\n1.\t\"2\"\t\n",
          "stdin:1 [DB not ready] SELECT 1;\n"},
-        {"8 refused", {}, {"sql", "--server=127.0.0.1:1", "SELECT 1;"}, "", 254, "",
+        {"8 refused", {}, {"sql", "--server=127.0.0.1:1", "SELECT 1;"}, "", 254, "Connecting to 127.0.0.1:1...\n",
          ExecFailed("connection refused by 127.0.0.1:1")},
         {"8 options repeated", {}, {"sql", "--pairs", "S", "--stdin", "S", "--pairs"}, "SELECT 5 AS e;\nnot sql;\n",
          254, "Line #\t\"e\"\n1.\t5\t\n", "stdin:2 [Error: near \"not\": syntax error] not sql;\n"},
@@ -90,6 +113,22 @@ TEST(SqlResults, NeitherLostNorInvented)
         {"10 a directory", {}, {"sql_file", "S", "/"}, "", 254, "", "Unable to open file: stdin\n"},
         {"10 a read error", {}, {"sql_file", "S", "/proc/self/mem"}, "", 254, "",
          "Unable to read /proc/self/mem: Input/output error.\n"},
+        // Rows to a pipe are fully buffered; the tool's own messages still follow the rows printed before them.
+        {"11 merged file", {}, {"sql_file", "S", "F"}, "SELECT 1 AS a;\nSELEC 2;\nSELECT 3 AS c;\n", 0,
+         "Line #\t\"a\"\n1.\t\"1\"\t\n" + file + ":2 [" + syntax + "] SELEC 2;\nLine #\t\"c\"\n1.\t\"3\"\t\n", "", "2>&1"},
+        {"11 merged statements", {}, {"sql", "S", "SELECT 1 AS a;", "SELEC 2;"}, "", 254,
+         "Line #\t\"a\"\n1.\t\"1\"\t\n--------------- N e x t   q u e r y --------------\n" + ExecFailed(syntax), "",
+         "2>&1"},
+        {"11 merged usage", {}, {"sql", "S", "--server=bad"}, "", 255, "Invalid IPv4 address: \"bad\".\n", "", "2>&1"},
+        {"12 no stdout", {Then(rows, Answer("SELECT 2;", "2\n2\n"))}, {"sql", "S", "SELECT x;", "SELECT 2;"}, "", 0,
+         "", "", ">&-"},
+        {"12 no stderr", {refused}, {"sql", "S", "SELEC 1;"}, "", 254, "", "", "2>&-"},
+        {"12 no stdin", {}, {"sql", "S", "--stdin"}, "", 0, "", "", "<&-"},
+        {"12 full", {rows}, {"sql", "S", "SELECT x;"}, "", 74, "", full, ">/dev/full"},
+        // A failure of the command's own keeps its status.
+        {"12 full and failed", {refused}, {"sql", "S", "SELEC 1;"}, "", 254, "", ExecFailed("Error: x") + full,
+         ">/dev/full"},
+        {"12 full from sec-exec", {}, {"sec-exec", "/usr/bin/seq", "100000"}, "", 74, "", full, ">/dev/full"},
     };
     for (Case& c : cases) {
         std::vector<Script> scripts;
@@ -98,26 +137,27 @@ TEST(SqlResults, NeitherLostNorInvented)
         std::string at, input = c.input;
         for (std::string& arg : c.args) {
             if (arg == "S") arg = scripts.empty() ? simAt : ServerOption(server);
-            if (arg.compare(0, 9, "--server=") == 0) at += "Connecting to " + arg.substr(9) + "...\n";
+            if (arg == simAt || arg == ServerOption(server)) at += "Connecting to " + arg.substr(9) + "...\n";
             if (arg != "F") continue;
             std::ofstream(arg = file, std::ios::binary) << input;
             input.clear();
         }
+        std::string shell = "exec \"$@\" " + std::string(c.redirect);
         size_t pause = input.find(kAfterIdleClose);
         if (pause != std::string::npos) {
             std::ofstream(dir + "/a") << input.substr(0, pause);
             std::ofstream(dir + "/b") << input.substr(pause + 1);
+            shell = "{ cat " + dir + "/a; until grep -q 'silent for' " + sim.LogPath() + "; do sleep 0.05; done; cat " +
+                    dir + "/b; } | " + shell;
+            input.clear();
         }
-        RunResult r = pause == std::string::npos
-                          ? RunVtest(c.args, input)
-                          : RunProgram(InShell("{ cat " + dir + "/a; until grep -q 'silent for' " + sim.LogPath() +
-                                                   "; do sleep 0.05; done; cat " + dir + "/b; } | exec \"$@\"",
-                                               TargetArgv(VTEST_BINARY, c.args)));
+        RunResult r = RunProgram(InShell(shell, TargetArgv(VTEST_BINARY, c.args)), input);
         EXPECT_EQ(r.status, c.status) << c.label;
-        EXPECT_EQ(r.out, at + c.out) << c.label;
+        EXPECT_EQ(OperatorErrors(r.out), (c.redirect[0] == '>' ? "" : at) + c.out) << c.label;
         EXPECT_EQ(OperatorErrors(r.err), c.err) << c.label;
         // Exactly the script's requests reached the server (the DELETE never).
         EXPECT_TRUE(server.WaitClosed(static_cast<int>(scripts.size()), ScaledMs(5000))) << c.label;
+        EXPECT_EQ(server.Accepted(), static_cast<int>(scripts.size())) << c.label;
         for (size_t i = 0; i < scripts.size(); i++)
             EXPECT_EQ(AnyPid(server.Received(i)), Expected(c.scripts[i])) << c.label;
         for (const std::string& failure : server.Failures()) ADD_FAILURE() << c.label << ": " << failure;
@@ -126,6 +166,17 @@ TEST(SqlResults, NeitherLostNorInvented)
     RunResult count =
         RunVtest({"sql", simAt, "SELECT EvntData FROM Events WHERE EvntData IN ('idle', " + mustNot + ");"});
     EXPECT_EQ(count.out, "Connecting to " + sim.Address() + "...\nLine #\t\"EvntData\"\n1.\t\"idle\"\t\n");
+    RunResult self = RunVtest({simAt});
+    EXPECT_EQ(self.status, 0) << self.out << self.err;
+    for (const char* line : {"step 1 PASS: SELECT HwID FROM Hardware LIMIT 3; -> 3 row(s): HwID 1 2 3\n",
+                             "step 2 PASS: INSERT INTO Events -> INSERT INTO Events ", "step 3 PASS: read back -> EvntID ",
+                             "Self-test passed.\n"})
+        EXPECT_NE(self.out.find(line), std::string::npos) << line << self.out;
+    RunVtest({"sql", simAt, "DROP TABLE Events;"});
+    self = RunVtest({simAt});
+    EXPECT_EQ(self.status, 1);
+    EXPECT_NE(self.out.find("step 2 FAIL: INSERT INTO Events -> Error: no such table: Events\n"), std::string::npos)
+        << self.out;
     RunProgram({"/bin/rm", "-rf", dir});
 }
 
