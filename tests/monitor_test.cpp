@@ -20,38 +20,20 @@ Script Subscribed(const std::string& pushed, const std::string& request = "monit
     return Then(Greeting("SQL monitor"), {Expect(request), Send("#> "), Send(pushed)});
 }
 
-class MonitorTest : public ::testing::Test {
-protected:
-    RecordingMonitor& Monitor(std::vector<Script> scripts, unsigned operations = 0, int setupSeconds = 0)
-    {
-        Finish();
-        m_server = std::make_unique<ScriptedServer>(std::move(scripts));
-        m_monitor = std::make_unique<RecordingMonitor>(m_server->Addr(), operations);
-        m_monitor->Bounds(setupSeconds, setupSeconds, 0);
-        EXPECT_TRUE(m_monitor->InitOK());
-        return *m_monitor;
-    }
-    // Destroys the monitor before its server and returns how long that took.
-    long Finish()
-    {
-        auto start = std::chrono::steady_clock::now();
-        m_monitor.reset();
-        long ms = MsSince(start);
-        if (m_server)
-            for (const std::string& failure : m_server->Failures()) ADD_FAILURE() << failure;
-        return ms;
-    }
-    void TearDown() override { Finish(); }
-
-    std::unique_ptr<ScriptedServer> m_server;
-    std::unique_ptr<RecordingMonitor> m_monitor;
-};
+// A monitor of `server`, started; the unique pointer lets a test time its stop.
+std::unique_ptr<RecordingMonitor> Started(const ScriptedServer& server, unsigned operations = 0, int setupSeconds = 0)
+{
+    auto monitor = std::make_unique<RecordingMonitor>(server.Addr(), operations);
+    monitor->Bounds(setupSeconds, setupSeconds, 0);
+    EXPECT_TRUE(monitor->InitOK());
+    return monitor;
+}
 
 // Event lines lose their six-character prefix and the '!'; error lines are skipped; a lost connection or a bare
 // marker is a loss, then a resubscription a second later; nothing is called back before the first subscription.
 // A refused subscription is handed over and tried again, never a change; with bounds set, a silent greeting or
 // subscription is dropped and retried. Whatever the server does, the stop (ENTER in the command) is prompt.
-TEST_F(MonitorTest, EventsAndLossesAsTheServerSendsThem)
+TEST(MonitorTest, EventsAndLossesAsTheServerSendsThem)
 {
     const Script refused = Then(Greeting("SQL monitor"), {Expect("monitor Events\r\n"),
                                                           Send("\vError: no such table: Events\n\v#> \n")});
@@ -78,23 +60,29 @@ TEST_F(MonitorTest, EventsAndLossesAsTheServerSendsThem)
         {"retrying an absent server", {}, {}, 0, 0},
     };
     for (Case& c : cases) {
-        RecordingMonitor& monitor = Monitor(std::move(c.scripts), c.operations, c.setupSeconds);
-        ASSERT_TRUE(monitor.WaitForEntries(c.log.size())) << c.label;
-        ASSERT_TRUE(WaitUntil([&] { return m_server->Accepted() >= 1; }, ScaledMs(5000))) << c.label;
-        EXPECT_EQ(monitor.Log(), c.log) << c.label;
-        auto times = m_server->AcceptTimes();
+        ScriptedServer server(std::move(c.scripts));
+        auto monitor = Started(server, c.operations, c.setupSeconds);
+        ASSERT_TRUE(monitor->WaitForEntries(c.log.size())) << c.label;
+        ASSERT_TRUE(WaitUntil([&] { return server.Accepted() >= 1; }, ScaledMs(5000))) << c.label;
+        EXPECT_EQ(monitor->Log(), c.log) << c.label;
+        auto times = server.AcceptTimes();
         for (size_t i = 1; i < times.size(); i++)
             EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(times[i] - times[i - 1]).count(), 900)
                 << c.label;
-        EXPECT_LT(Finish(), ScaledMs(3000)) << c.label;
+        auto start = std::chrono::steady_clock::now();
+        monitor.reset();
+        EXPECT_LT(MsSince(start), ScaledMs(3000)) << c.label;
+        for (const std::string& failure : server.Failures()) ADD_FAILURE() << c.label << ": " << failure;
     }
 }
 
-TEST_F(MonitorTest, StartsOnceAndCallsNothingBackAfterItsStop)
+TEST(MonitorTest, StartsOnceAndCallsNothingBackAfterItsStop)
 {
     std::string flood;
     for (int i = 0; i < 5000; i++) flood += "abcdefline" + std::to_string(i) + "!\n";
-    RecordingMonitor& monitor = Monitor({Subscribed(flood)});
+    ScriptedServer server({Subscribed(flood)});
+    auto started = Started(server);
+    RecordingMonitor& monitor = *started;
     EXPECT_TRUE(!monitor.Start() && monitor.InitOK()) << "started once, by the first InitOK";
     ASSERT_TRUE(monitor.WaitForEntries(100));
     EXPECT_TRUE(monitor.Stop());

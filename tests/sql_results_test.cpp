@@ -73,8 +73,10 @@ TEST(SqlResults, NeitherLostNorInvented)
          ExecFailed("Error: near \"SELEC\": syntax error after 1 row")},
         {"3 trailing NULL, escapes, blanks", {}, {"sql", "S", "SELECT 'a|b\\c' AS a, NULL AS b; \t"}, "", 0,
          "Line #\t\"a\"\t\"b\"\n1.\t\"a|b\\c\"\t\"\"\t\n", ""},
-        {"3 pairs named by the columns", {}, {"sql", "S", "--pairs", "SELECT 3 AS z, 2 AS a, 4 AS a, NULL AS b;"},
-         "", 0, "Line #\t\"a\"\t\"b\"\t\"z\"\n1.\t4\t\t3\t\n", ""},
+        // A later column of the same name wins; nothing is kept of the row before.
+        {"3 pairs named by the columns", {}, {"sql", "S", "--pairs", "SELECT 3 AS z, 2 AS a, 4 AS a, 1 AS b UNION ALL "
+                                                                    "SELECT 5, 6, 7, NULL;"},
+         "", 0, "Line #\t\"a\"\t\"b\"\t\"z\"\n1.\t4\t1\t3\t\n2.\t7\t\t5\t\n", ""},
         {"3 no rows", {}, {"sql", "S", none}, "", 0, "Line #\t\"HwID\"\n", ""},
         {"3 no rows in pairs", {}, {"sql", "S", "--pairs", none}, "", 0, "", ""},
         {"4 past thirty columns", {}, {"sql", "S", wide + ";"}, "", 0, header + row + "\n", ""},
