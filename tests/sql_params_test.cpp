@@ -23,10 +23,10 @@ TEST(SqlParams, ReplacesReferencesInEachForm)
         bool replaced;
         const char* result;
     } cases[] = {
-        {FIRST, "a=:HwID OR b=:HwID;", "HwID", "7", true, "a=7 OR b=:HwID;"}, {FIRST, "a=:HwID;", "Usr", "7", false, "a=:HwID;"},
+        {FIRST, "a=:Hw OR b=:Hw;", "Hw", "7", true, "a=7 OR b=:Hw;"}, {FIRST, "a=:Hw;", "Usr", "7", false, "a=:Hw;"},
         {FIRST, "y=:EvntData;", "Evnt", "1", true, "y=1Data;"}, {FIRST, "'a:b';", "b", "2", true, "'a2';"},
         {STRING, "v=:S;", "S", "12\"x'\\\t", true, "v=\"12\"\"x'\\\t\";"},
-        {ALL_BARE, "a=:HwID OR b=:HwID;", "HwID", "7", true, "a=7 OR b=7;"}, {ALL_BARE, "a=1;", "HwID", "7", false, "a=1;"},
+        {ALL_BARE, "a=:Hw OR b=:Hw;", "Hw", "7", true, "a=7 OR b=7;"}, {ALL_BARE, "a=1;", "Hw", "7", false, "a=1;"},
         {ALL_QUOTED, ":v,:v", "v", "x\"y", true, "\"x\"y\",\"x\"y\""},
         {ALL_BARE, "a=:v;", "v", "(:v)", false, "a=:v;"},  // would never end: refused, logged
     };
