@@ -7,12 +7,11 @@
 
 #include "process.h"
 #include "recording_monitor.h"
+#include "sim_runner.h"
 #include "sql_script.h"
 #include "wait.h"
 
 namespace {
-
-using Log = std::vector<std::string>;
 
 // Greeting, subscription request, its prompt, then what the server pushes.
 Script Subscribed(const std::string& pushed, const std::string& request = "monitor Events\r\n")
@@ -42,22 +41,21 @@ TEST(MonitorTest, EventsAndLossesAsTheServerSendsThem)
     struct Case {
         const char* label;
         std::vector<Script> scripts;
-        Log log;
-        int setupSeconds;
-        unsigned operations;
+        std::vector<std::string> log;
+        int setupSeconds = 0;
+        unsigned operations = 0;
     } cases[] = {
         {"events", {Then(Subscribed("123456first!\nsecond!\nx\n"), {Close()}), Subscribed("abcdefthird!\n")},
-         {"up", "event:first", "event:second", "event:", "down", "up", "event:third"}, 0, 0},
+         {"up", "event:first", "event:second", "event:", "down", "up", "event:third"}},
         {"marker", {Subscribed("\vError: oops\n\v\nabcdefone!\n\v\n"), Subscribed("abcdeftwo!\n")},
-         {"up", "event:one", "down", "up", "event:two"}, 0, 0},
-        {"before the first", {{Close()}, {Close()}, Subscribed("abcdefhello!\n")}, {"up", "event:hello"}, 0, 0},
-        {"refused", {refused, Subscribed("abcdefone!\n")}, {"refused:Error: no such table: Events", "up", "event:one"},
-         0, 0},
-        {"bounded", {{Send("banner\n")}, unanswered, Subscribed("abcdefone!\n")}, {"up", "event:one"}, 1, 0},
+         {"up", "event:one", "down", "up", "event:two"}},
+        {"before the first", {{Close()}, {Close()}, Subscribed("abcdefhello!\n")}, {"up", "event:hello"}},
+        {"refused", {refused, Subscribed("abcdefone!\n")}, {"refused:Error: no such table: Events", "up", "event:one"}},
+        {"bounded", {{Send("banner\n")}, unanswered, Subscribed("abcdefone!\n")}, {"up", "event:one"}, 1},
         {"operations in the server's order", {Subscribed("abcdefone!\n", all)}, {"up", "event:one"}, 0,
          MonitorWrapper::OPERATION_ALL},
-        {"waiting for a prompt", {{Send("banner\n")}}, {}, 0, 0},
-        {"retrying an absent server", {}, {}, 0, 0},
+        {"waiting for a prompt", {{Send("banner\n")}}, {}},
+        {"retrying an absent server", {}, {}},
     };
     for (Case& c : cases) {
         ScriptedServer server(std::move(c.scripts));
@@ -81,14 +79,47 @@ TEST(MonitorTest, StartsOnceAndCallsNothingBackAfterItsStop)
     std::string flood;
     for (int i = 0; i < 5000; i++) flood += "abcdefline" + std::to_string(i) + "!\n";
     ScriptedServer server({Subscribed(flood)});
-    auto started = Started(server);
-    RecordingMonitor& monitor = *started;
-    EXPECT_TRUE(!monitor.Start() && monitor.InitOK()) << "started once, by the first InitOK";
-    ASSERT_TRUE(monitor.WaitForEntries(100));
-    EXPECT_TRUE(monitor.Stop());
-    size_t seen = monitor.Log().size();
-    EXPECT_FALSE(WaitUntil([&] { return monitor.Log().size() != seen; }, ScaledMs(200)));
-    EXPECT_NE(monitor.Log().back(), "down") << "a stop is no lost connection";
+    auto monitor = Started(server);
+    EXPECT_TRUE(!monitor->Start() && monitor->InitOK()) << "started once, by the first InitOK";
+    ASSERT_TRUE(monitor->WaitForEntries(100));
+    EXPECT_TRUE(monitor->Stop());
+    size_t seen = monitor->Log().size();
+    EXPECT_FALSE(WaitUntil([&] { return monitor->Log().size() != seen; }, ScaledMs(200)));
+    EXPECT_NE(monitor->Log().back(), "down") << "a stop is no lost connection";
+}
+
+// State to standard error once per change (retries log their first failure only), changes to standard output;
+// ENTER before the first connection ends it; a refused table ends it with one line and status 1.
+TEST(MonitorCommand, PrintsChangesAndItsStateAndGivesUpOnARefusedTable)
+{
+    SimRunner sim;
+    ASSERT_TRUE(sim.Running()) << sim.Log();
+    const std::string at = sim.Address(), server = "--server=" + at;
+    const std::string start = "Connecting to " + at + "...\nPress ENTER to stop.\nWaiting for " + at + " ...\n";
+    auto merged = [&](const char* table) {
+        return InShell("exec \"$@\" 2>&1", TargetArgv(VTEST_BINARY, {"monitor", server, table}));
+    };
+    ChildProcess refused(merged("Nowhere"));
+    EXPECT_EQ(refused.Wait(10000), 1);
+    (void)refused.WaitForOutput("never printed", 500);  // the rest of the output
+    EXPECT_EQ(OperatorErrors(refused.Output()), start + "Cannot monitor Nowhere: Error: no such table: Nowhere.\n");
+    RunResult early = RunVtest({"monitor", "--server=127.0.0.1:1", "Events"}, "\n");
+    EXPECT_TRUE(early.status == 0 && early.err == "Waiting for 127.0.0.1:1 ...\n") << early.status << early.err;
+
+    ChildProcess monitor(merged("Hardware"));
+    const std::string subscribed = "Monitoring Hardware on " + at + ".\n";
+    ASSERT_TRUE(monitor.WaitForOutput(subscribed, 10000)) << monitor.Output();
+    RunVtest({"sql", server, "INSERT INTO Hardware (HwID, HwName, HwType) VALUES (99, 'm', 'central');"});
+    ASSERT_TRUE(monitor.WaitForOutput("insert Hardware 99\n", 10000)) << monitor.Output();
+    sim.Stop();
+    const std::string lost = "Connection to " + at + " lost; retrying every second.\n";
+    ASSERT_TRUE(monitor.WaitForOutput(lost, 10000));
+    EXPECT_FALSE(monitor.WaitForOutput("never printed", 2500));  // two rounds of retries
+    ASSERT_TRUE(monitor.Write("\n"));
+    EXPECT_EQ(monitor.Wait(5000), 0);
+    EXPECT_EQ(OperatorErrors(monitor.Output()), start + subscribed + "insert Hardware 99\n" + lost);
+    EXPECT_EQ(CountOf(monitor.Output(), "Unable to connect"), 1u) << monitor.Output();
+    EXPECT_EQ(CountOf(monitor.Output(), "<MonitorWrapper> Connect failed: connection refused by " + at + "."), 1u);
 }
 
 }  // namespace
