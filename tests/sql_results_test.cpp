@@ -48,17 +48,19 @@ TEST(SqlResults, NeitherLostNorInvented)
         std::string err;  // operator lines
         const char* redirect = "";
     } cases[] = {
-        {"usage: no file", {}, {"sql_file", "--pairs"}, "", 255, "", "Missing parameter: SQL statement file.\n"},
+        {"usage: no file", {}, {"sql_file"}, "", 255, "", "Missing parameter: SQL statement file.\n"},
         {"usage: a server alone", {}, {"sql", "--server=127.0.0.1"}, "", 255, "Connecting to 127.0.0.1:3543...\n",
          "Missing parameter: SQL statement.\n"},
         {"usage: bad timeout", {}, {"sql_file", "--timeout=x", "f.sql"}, "", 255, "", "Invalid timeout: x.\n"},
         {"usage: no table", {}, {"monitor", "--server=127.0.0.1:1"}, "", 255, "Connecting to 127.0.0.1:1...\n",
          "Missing parameter: table.\n"},
+        {"usage: no monitor table", {}, {"monitor"}, "", 255, "", "Missing parameter: table.\n"},
         {"usage: monitor server", {}, {"monitor", "--server=x", "T"}, "", 255, "", "Invalid IPv4 address: \"x\".\n"},
         {"usage: operation", {}, {"monitor", "T", "insert", "truncate"}, "", 255, "", "Invalid operation: truncate.\n"},
         // A table name goes into the one-line request as it is.
         {"usage: empty table", {}, {"monitor", ""}, "", 255, "", "Invalid table: .\n"},
-        {"usage: bad table", {}, {"monitor", "a b\t\x7f", "insert"}, "", 255, "", "Invalid table: a b\\x09\\x7f.\n"},
+        {"usage: blank in table", {}, {"monitor", "Events x"}, "", 255, "", "Invalid table: Events x.\n"},
+        {"usage: control bytes", {}, {"monitor", "a\tb\x7f", "insert"}, "", 255, "", "Invalid table: a\\x09b\\x7f.\n"},
         {"usage: no file, named as stdin", {}, {"sql_file", "/no/x.sql"}, "", 254, "", "Unable to open file: stdin\n"},
         {"1 cut", {cut, Prepared()}, {"sql", "S", "SELECT a;"}, "", 254, "Line #\t\"a\"\n1.\t\"1\"\t\n2.\t\"2\"\t\n",
          ExecFailed("connection lost after 2 rows")},

@@ -61,8 +61,7 @@ TEST_F(ClientTest, ConnectSkipsTheBannerAndAnnouncesItselfOnce)
     const std::vector<std::pair<const char*, std::string>> cases = {
         {"tester", ""}, {"tester", "a\n\nbc\r\n"}, {"tester", "#>x\n"}, {"", ""}, {nullptr, ""}};
     std::vector<Script> scripts;
-    for (const auto& [comment, banner] : cases)
-        scripts.push_back(Greeting(comment ? comment : "Unknown connection", banner));
+    for (auto& [comment, banner] : cases) scripts.push_back(Greeting(comment ? comment : "Unknown connection", banner));
     Serve(scripts);
     for (const auto& [comment, banner] : cases) {
         PrivateConnection connection(&m_addr, 2048, comment);
