@@ -37,7 +37,6 @@ TEST(MonitorTest, EventsAndLossesAsTheServerSendsThem)
     const Script refused = Then(Greeting("SQL monitor"), {Expect("monitor Events\r\n"),
                                                           Send("\vError: no such table: Events\n\v#> \n")});
     const Script unanswered = Then(Greeting("SQL monitor"), {Expect("monitor Events\r\n")});
-    const std::string all = "monitor Events select insert update delete\r\n";
     struct Case {
         const char* label;
         std::vector<Script> scripts;
@@ -52,8 +51,8 @@ TEST(MonitorTest, EventsAndLossesAsTheServerSendsThem)
         {"before the first", {{Close()}, {Close()}, Subscribed("abcdefhello!\n")}, {"up", "event:hello"}},
         {"refused", {refused, Subscribed("abcdefone!\n")}, {"refused:Error: no such table: Events", "up", "event:one"}},
         {"bounded", {{Send("banner\n")}, unanswered, Subscribed("abcdefone!\n")}, {"up", "event:one"}, 1},
-        {"operations in the server's order", {Subscribed("abcdefone!\n", all)}, {"up", "event:one"}, 0,
-         MonitorWrapper::OPERATION_ALL},
+        {"operations in order", {Subscribed("abcdefone!\n", "monitor Events select insert update delete\r\n")},
+         {"up", "event:one"}, 0, MonitorWrapper::OPERATION_ALL},
         {"waiting for a prompt", {{Send("banner\n")}}, {}},
         {"retrying an absent server", {}, {}},
     };
