@@ -7,12 +7,11 @@
 
 #include "process.h"
 #include "recording_monitor.h"
+#include "sim_runner.h"
 #include "sql_script.h"
 #include "wait.h"
 
 namespace {
-
-using Log = std::vector<std::string>;
 
 // Greeting, subscription request, its prompt, then what the server pushes.
 Script Subscribed(const std::string& pushed, const std::string& request = "monitor Events\r\n")
@@ -20,110 +19,106 @@ Script Subscribed(const std::string& pushed, const std::string& request = "monit
     return Then(Greeting("SQL monitor"), {Expect(request), Send("#> "), Send(pushed)});
 }
 
-class MonitorTest : public ::testing::Test {
-protected:
-    RecordingMonitor& Monitor(std::vector<Script> scripts, unsigned operations = 0, int setupSeconds = 0)
-    {
-        Finish();
-        m_server = std::make_unique<ScriptedServer>(std::move(scripts));
-        m_monitor = std::make_unique<RecordingMonitor>(m_server->Addr(), operations);
-        m_monitor->Bounds(setupSeconds, setupSeconds, 0);
-        EXPECT_TRUE(m_monitor->InitOK());
-        return *m_monitor;
-    }
-    // Destroys the monitor before its server and returns how long that took.
-    long Finish()
-    {
-        auto start = std::chrono::steady_clock::now();
-        m_monitor.reset();
-        long ms = MsSince(start);
-        if (m_server)
-            for (const std::string& failure : m_server->Failures()) ADD_FAILURE() << failure;
-        return ms;
-    }
-    void TearDown() override { Finish(); }
-
-    std::unique_ptr<ScriptedServer> m_server;
-    std::unique_ptr<RecordingMonitor> m_monitor;
-};
-
-TEST_F(MonitorTest, StartsOnceWhetherByInitOKOrStart)
+// A monitor of `server`, started; the unique pointer lets a test time its stop.
+std::unique_ptr<RecordingMonitor> Started(const ScriptedServer& server, unsigned operations = 0, int setupSeconds = 0)
 {
-    ScriptedServer server({});
-    RecordingMonitor monitor(server.Addr(), 0);
-    EXPECT_FALSE(monitor.IsRunning());
-    EXPECT_TRUE(monitor.Start() && monitor.InitOK());
-    EXPECT_FALSE(monitor.Start());
+    auto monitor = std::make_unique<RecordingMonitor>(server.Addr(), operations);
+    monitor->Bounds(setupSeconds, setupSeconds, 0);
+    EXPECT_TRUE(monitor->InitOK());
+    return monitor;
 }
 
 // Event lines lose their six-character prefix and the '!'; error lines are skipped; a lost connection or a bare
 // marker is a loss, then a resubscription a second later; nothing is called back before the first subscription.
 // A refused subscription is handed over and tried again, never a change; with bounds set, a silent greeting or
-// subscription is dropped and retried.
-TEST_F(MonitorTest, EventsAndLossesAsTheServerSendsThem)
+// subscription is dropped and retried. Whatever the server does, the stop (ENTER in the command) is prompt.
+TEST(MonitorTest, EventsAndLossesAsTheServerSendsThem)
 {
     const Script refused = Then(Greeting("SQL monitor"), {Expect("monitor Events\r\n"),
                                                           Send("\vError: no such table: Events\n\v#> \n")});
     const Script unanswered = Then(Greeting("SQL monitor"), {Expect("monitor Events\r\n")});
-    const std::string all = "monitor Events select insert update delete\r\n";
     struct Case {
         const char* label;
         std::vector<Script> scripts;
-        Log log;
-        int setupSeconds;
-        unsigned operations;
+        std::vector<std::string> log;
+        int setupSeconds = 0;
+        unsigned operations = 0;
     } cases[] = {
         {"events", {Then(Subscribed("123456first!\nsecond!\nx\n"), {Close()}), Subscribed("abcdefthird!\n")},
-         {"up", "event:first", "event:second", "event:", "down", "up", "event:third"}, 0, 0},
+         {"up", "event:first", "event:second", "event:", "down", "up", "event:third"}},
         {"marker", {Subscribed("\vError: oops\n\v\nabcdefone!\n\v\n"), Subscribed("abcdeftwo!\n")},
-         {"up", "event:one", "down", "up", "event:two"}, 0, 0},
-        {"before the first", {{Close()}, {Close()}, Subscribed("abcdefhello!\n")}, {"up", "event:hello"}, 0, 0},
-        {"refused", {refused, Subscribed("abcdefone!\n")}, {"refused:Error: no such table: Events", "up", "event:one"},
-         0, 0},
-        {"bounded", {{Send("banner\n")}, unanswered, Subscribed("abcdefone!\n")}, {"up", "event:one"}, 1, 0},
-        {"operations in the server's order", {Subscribed("abcdefone!\n", all)}, {"up", "event:one"}, 0,
-         MonitorWrapper::OPERATION_ALL},
+         {"up", "event:one", "down", "up", "event:two"}},
+        {"before the first", {{Close()}, {Close()}, Subscribed("abcdefhello!\n")}, {"up", "event:hello"}},
+        {"refused", {refused, Subscribed("abcdefone!\n")}, {"refused:Error: no such table: Events", "up", "event:one"}},
+        {"bounded", {{Send("banner\n")}, unanswered, Subscribed("abcdefone!\n")}, {"up", "event:one"}, 1},
+        {"operations in order", {Subscribed("abcdefone!\n", "monitor Events select insert update delete\r\n")},
+         {"up", "event:one"}, 0, MonitorWrapper::OPERATION_ALL},
+        {"waiting for a prompt", {{Send("banner\n")}}, {}},
+        {"retrying an absent server", {}, {}},
     };
     for (Case& c : cases) {
-        RecordingMonitor& monitor = Monitor(std::move(c.scripts), c.operations, c.setupSeconds);
-        ASSERT_TRUE(monitor.WaitForEntries(c.log.size())) << c.label;
-        EXPECT_EQ(monitor.Log(), c.log) << c.label;
-        auto times = m_server->AcceptTimes();
+        ScriptedServer server(std::move(c.scripts));
+        auto monitor = Started(server, c.operations, c.setupSeconds);
+        ASSERT_TRUE(monitor->WaitForEntries(c.log.size())) << c.label;
+        ASSERT_TRUE(WaitUntil([&] { return server.Accepted() >= 1; }, ScaledMs(5000))) << c.label;
+        EXPECT_EQ(monitor->Log(), c.log) << c.label;
+        auto times = server.AcceptTimes();
         for (size_t i = 1; i < times.size(); i++)
             EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(times[i] - times[i - 1]).count(), 900)
                 << c.label;
+        auto start = std::chrono::steady_clock::now();
+        monitor.reset();
+        EXPECT_LT(MsSince(start), ScaledMs(3000)) << c.label;
+        for (const std::string& failure : server.Failures()) ADD_FAILURE() << c.label << ": " << failure;
     }
 }
 
-TEST_F(MonitorTest, NoCallbackAfterStopReturns)
+TEST(MonitorTest, StartsOnceAndCallsNothingBackAfterItsStop)
 {
     std::string flood;
     for (int i = 0; i < 5000; i++) flood += "abcdefline" + std::to_string(i) + "!\n";
-    RecordingMonitor& monitor = Monitor({Subscribed(flood)});
-    ASSERT_TRUE(monitor.WaitForEntries(100));
-    EXPECT_TRUE(monitor.Stop());
-    size_t seen = monitor.Log().size();
-    EXPECT_FALSE(WaitUntil([&] { return monitor.Log().size() != seen; }, ScaledMs(200)));
-    EXPECT_NE(monitor.Log().back(), "down") << "a stop is no lost connection";
+    ScriptedServer server({Subscribed(flood)});
+    auto monitor = Started(server);
+    EXPECT_TRUE(!monitor->Start() && monitor->InitOK()) << "started once, by the first InitOK";
+    ASSERT_TRUE(monitor->WaitForEntries(100));
+    EXPECT_TRUE(monitor->Stop());
+    size_t seen = monitor->Log().size();
+    EXPECT_FALSE(WaitUntil([&] { return monitor->Log().size() != seen; }, ScaledMs(200)));
+    EXPECT_NE(monitor->Log().back(), "down") << "a stop is no lost connection";
 }
 
-// The monitor command ends on ENTER: the stop must not wait for a silent or absent server.
-TEST_F(MonitorTest, StopsPromptlyWhateverTheServerDoes)
+// State to standard error once per change (retries log their first failure only), changes to standard output;
+// ENTER before the first connection ends it; a refused table ends it with one line and status 1.
+TEST(MonitorCommand, PrintsChangesAndItsStateAndGivesUpOnARefusedTable)
 {
-    struct Case {
-        const char* label;
-        std::vector<Script> scripts;
-        size_t entries;  // callbacks to wait for before stopping
-    } cases[] = {{"subscribed to a silent server", {Subscribed("")}, 1},
-                 {"waiting for a prompt", {{Send("banner\n")}}, 0},
-                 {"retrying an absent server", {}, 0}};
-    for (Case& c : cases) {
-        RecordingMonitor& monitor = Monitor(std::move(c.scripts));
-        bool ready = c.entries ? monitor.WaitForEntries(c.entries)
-                               : WaitUntil([&] { return m_server->Accepted() >= 1; }, ScaledMs(5000));
-        ASSERT_TRUE(ready) << c.label;
-        EXPECT_LT(Finish(), ScaledMs(3000)) << c.label;
-    }
+    SimRunner sim;
+    ASSERT_TRUE(sim.Running()) << sim.Log();
+    const std::string at = sim.Address(), server = "--server=" + at;
+    const std::string start = "Connecting to " + at + "...\nPress ENTER to stop.\nWaiting for " + at + " ...\n";
+    auto merged = [&](const char* table) {
+        return InShell("exec \"$@\" 2>&1", TargetArgv(VTEST_BINARY, {"monitor", server, table}));
+    };
+    ChildProcess refused(merged("Nowhere"));
+    EXPECT_EQ(refused.Wait(10000), 1);
+    (void)refused.WaitForOutput("never printed", 500);  // the rest of the output
+    EXPECT_EQ(OperatorErrors(refused.Output()), start + "Cannot monitor Nowhere: Error: no such table: Nowhere.\n");
+    RunResult early = RunVtest({"monitor", "--server=127.0.0.1:1", "Events"}, "\n");
+    EXPECT_TRUE(early.status == 0 && early.err == "Waiting for 127.0.0.1:1 ...\n") << early.status << early.err;
+
+    ChildProcess monitor(merged("Hardware"));
+    const std::string subscribed = "Monitoring Hardware on " + at + ".\n";
+    ASSERT_TRUE(monitor.WaitForOutput(subscribed, 10000)) << monitor.Output();
+    RunVtest({"sql", server, "INSERT INTO Hardware (HwID, HwName, HwType) VALUES (99, 'm', 'central');"});
+    ASSERT_TRUE(monitor.WaitForOutput("insert Hardware 99\n", 10000)) << monitor.Output();
+    sim.Stop();
+    const std::string lost = "Connection to " + at + " lost; retrying every second.\n";
+    ASSERT_TRUE(monitor.WaitForOutput(lost, 10000));
+    EXPECT_FALSE(monitor.WaitForOutput("never printed", 2500));  // two rounds of retries
+    ASSERT_TRUE(monitor.Write("\n"));
+    EXPECT_EQ(monitor.Wait(5000), 0);
+    EXPECT_EQ(OperatorErrors(monitor.Output()), start + subscribed + "insert Hardware 99\n" + lost);
+    EXPECT_EQ(CountOf(monitor.Output(), "Unable to connect"), 1u) << monitor.Output();
+    EXPECT_EQ(CountOf(monitor.Output(), "<MonitorWrapper> Connect failed: connection refused by " + at + "."), 1u);
 }
 
 }  // namespace
