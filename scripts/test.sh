@@ -8,7 +8,7 @@ scripts/install-deps.sh
 
 jobs=$(nproc)
 # Test executables whose threads and locks also run under ThreadSanitizer.
-TSAN_LABELS='^(mutex_test|config_test|socket_test|secure_test|sim_server_test|sim_commands_test|api_test|thread_test|monitor_test|sql_wrapper_test|sql_sim_test|backlog_test|discover_cli_test|timezone_test)$'
+TSAN_LABELS='^(mutex_test|config_test|socket_test|secure_test|sim_server_test|sim_commands_test|api_test|thread_test|monitor_test|sql_wrapper_test|backlog_test|discover_cli_test|timezone_test)$'
 FUZZ_SECONDS=${FUZZ_SECONDS:-10}
 
 source scripts/build-dir.sh

@@ -1,4 +1,4 @@
-// The protocol engine without sockets (the SQL client's reads over it run in sim_server_test, sql_sim_test).
+// The protocol engine without sockets (the SQL client's reads over it run in sim_server_test, sql_results_test).
 #include <gtest/gtest.h>
 
 #include <memory>
