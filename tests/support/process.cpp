@@ -28,6 +28,8 @@ int WaitBounded(pid_t pid, int timeoutMs, bool& timedOut)
 {
     int status = 0;
     pid_t r = 0;
+    timedOut = false;
+    if (pid <= 0) return -1;  // no child: waitpid(-1) would reap somebody else's
     timedOut = !WaitUntil([&] { return (r = waitpid(pid, &status, WNOHANG)) != 0 && !(r < 0 && errno == EINTR); },
                           timeoutMs);
     if (timedOut && kill(pid, SIGKILL) == 0) r = waitpid(pid, &status, 0);
