@@ -82,7 +82,8 @@ TEST(SyslogSafe, DaemonModeSendsChunksMarkedAsContinued)
 // these are the edges: the general cause table ends every search, odd frames stay.
 TEST(CrashHandler, SignalNamesCauseTextAndDemangling)
 {
-    for (const auto& [sig, name] : {std::pair<int, const char*>{0, "UNKNOWN"}, {32, "UNKNOWN"}, {6, "SIGABRT/SIGIOT"}})
+    for (const auto& [sig, name] : {std::pair<int, const char*>{0, "UNKNOWN"}, {31, "SIGSYS"}, {32, "UNKNOWN"},
+                                    {6, "SIGABRT/SIGIOT"}, {29, "SIGPOLL/SIGIO"}})
         EXPECT_STREQ(dbg_sig2str(sig), name) << sig;
     EXPECT_STREQ(dbg_code2str(SIGSEGV, 1), "kill(2) or raise(3)");
     for (std::string kept : {"./vtest(main+0x71) [0x55]", "/lib/libc.so.6(+0x3c050) [0x7f]", "./vtest() [0x55]",

@@ -39,11 +39,17 @@ struct Client {
 // A silent client is dropped after --idle-timeout, freeing its place; a subscriber, silent too, stays.
 TEST(SimServer, LimitAndIdleTimeOutSpareSubscribers)
 {
+    {  // the limit on its own simulator: with an idle time-out a slow machine could free a place first
+        SimRunner full({false, 0, 0, {"--max-clients=2"}});
+        ASSERT_TRUE(full.Running()) << full.Log();
+        Client first(full), second(full);
+        ASSERT_TRUE(first.Prepare() && second.Prepare());
+        EXPECT_TRUE(Client(full).Closed());
+    }
     SimRunner sim({false, 0, 0, {"--max-clients=2", "--idle-timeout=1"}});
     ASSERT_TRUE(sim.Running()) << sim.Log();
     Client silent(sim), watcher(sim);
     ASSERT_TRUE(silent.reads.Greet() && watcher.reads.Greet("[pid=2] SQL monitor") && watcher.reads.Subscribe("Events"));
-    EXPECT_TRUE(Client(sim).Closed());
     EXPECT_TRUE(WaitUntil([&] { return silent.Closed(); }, ScaledMs(5000)));
     std::unique_ptr<Client> writer;
     ASSERT_TRUE(WaitUntil([&] { return (writer = std::make_unique<Client>(sim))->Prepare(); }, ScaledMs(3000)));

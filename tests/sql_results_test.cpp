@@ -106,7 +106,7 @@ TEST(SqlResults, NeitherLostNorInvented)
         {"10 a directory", {}, {"sql_file", "S", "/"}, "", 254, "", "Unable to open file: stdin\n"},
         {"10 a read error", {}, {"sql_file", "S", "/proc/self/mem"}, "", 254, "",
          "Unable to read /proc/self/mem: Input/output error.\n"},
-        // Rows to a pipe are fully buffered; the tool's own messages still follow the rows printed before them.
+        // Rows to a file or pipe are fully buffered; the tool's own messages still follow the rows printed before them.
         {"11 own reasons in place, run goes on", {}, {"sql_file", "S", "F"}, "SELECT 1 AS a;\r\n\nSELEC 2;\nSELECT 3\n",
          254, "Line #\t\"a\"\n1.\t\"1\"\t\n" + file + ":3 [" + syntax + "] SELEC 2;\n" + file +
                   ":4 [missing semicolon] SELECT 3\n", "", "2>&1"},

@@ -48,6 +48,8 @@ TEST(TimeCommand, ConvertsListsAndRefusesTimes)
         {{"time", kBerlin, "@-2422054409"}, "", 0,
          "@-2422054409 1893-03-31T23:06:31Z 1893-03-31T23:59:59+00:53:28 LMT isdst=0 gmtoff=3208\n", ""},
         {{"time", kBerlin, "2024-03-31T02:30"}, "", 1, "", "time: \"2024-03-31T02:30\": " + kGap},
+        {{"time", kBerlin, "--pick=earlier", "2024-03-31T02:30"}, "", 0,
+         "@1711845000 2024-03-31T00:30:00Z 2024-03-31T01:30:00+01:00 CET isdst=0 gmtoff=3600 gap=earlier\n", ""},
         {{"time", "--pick=reject", kBerlin, "2024-10-27 02:30", "2024-03-31T02:30", "@1"}, "", 1, kAt1,
          "time: \"2024-10-27 02:30\": occurs twice (refused by --pick=reject)\n"
          "time: \"2024-03-31T02:30\": skipped by a change of offset\n"},
