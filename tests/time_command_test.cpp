@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <tuple>
 
 #include "process.h"
 #include "tzif_builder.h"
@@ -12,10 +13,6 @@ const std::string kNotATime = "not a time (@SECONDS, YYYY-MM-DD[ HH:MM[:SS]][Z|+
 const std::string kGap = "skipped by a change of offset (--pick=earlier or --pick=later picks an instant)\n";
 const std::string kBerlin = "--tz=Europe/Berlin", kRange = " (<from>:<to>, years 1 <= from < to <= 10000).";
 const std::string kSummer = "@1717236000 2024-06-01T10:00:00Z 2024-06-01T12:00:00+02:00 CEST isdst=1 gmtoff=7200\n";
-const std::string kFoldEarlier =
-    "@1729989000 2024-10-27T00:30:00Z 2024-10-27T02:30:00+02:00 CEST isdst=1 gmtoff=7200 fold=earlier\n";
-const std::string kFoldLater =
-    "@1729992600 2024-10-27T01:30:00Z 2024-10-27T02:30:00+01:00 CET isdst=0 gmtoff=3600 fold=later\n";
 const std::string kAt1 = "@1 1970-01-01T00:00:01Z 1970-01-01T01:00:01+01:00 CET isdst=0 gmtoff=3600\n";
 
 struct Case { std::vector<std::string> args; std::string input; int status; std::string out, err; };
@@ -23,17 +20,12 @@ struct Case { std::vector<std::string> args; std::string input; int status; std:
 void Check(const Case& c)
 {
     RunResult r = RunVtest(c.args, c.input);
-    std::string label = c.args[1] + " " + c.args.back();
-    EXPECT_EQ(r.status, c.status) << label;
-    EXPECT_EQ(r.out, c.out) << label;
-    EXPECT_EQ(r.err, c.err) << label;
+    EXPECT_EQ(std::tie(r.status, r.out, r.err), std::tie(c.status, c.out, c.err)) << c.args[1] + " " + c.args.back();
 }
 
 TEST(TimeCommand, ConvertsListsAndRefusesTimes)
 {
-    Tzif odd;  // no footer; "" then "a/b\x01" from @0 on
-    odd.chars = std::string("\0a/b\x01\0", 6), odd.types = {{{0, 0, 0}}, {{3600, 1, 1}}};
-    odd.times = {0}, odd.indices = {1};
+    const Tzif odd{'2', {0}, {1}, {{{0, 0, 0}}, {{3600, 1, 1}}}, std::string("\0a/b\x01\0", 6)};  // "" then "a/b\x01"
     std::string dir = MakeTempDir(), path = dir + "/odd", bad, badErr;
     std::ofstream(path, std::ios::binary) << odd.Bytes();
     int line = 0;
@@ -61,7 +53,8 @@ TEST(TimeCommand, ConvertsListsAndRefusesTimes)
         {{"time", kBerlin, "--stdin"}, bad, 1, "", badErr},
         {{"time", "--stdin", kBerlin},
          "@1\n\n  @1\t\n# a comment\n" + std::string(65, '9') + "\n2024-10-27 02:30\r\nbad\n@1", 1,
-         kAt1 + kAt1 + kFoldEarlier + kFoldLater + kAt1,
+         kAt1 + kAt1 + "@1729989000 2024-10-27T00:30:00Z 2024-10-27T02:30:00+02:00 CEST isdst=1 gmtoff=7200 fold=earlier\n"
+             "@1729992600 2024-10-27T01:30:00Z 2024-10-27T02:30:00+01:00 CET isdst=0 gmtoff=3600 fold=later\n" + kAt1,
          "time: line 5: \"" + std::string(65, '9') + "\": line longer than 64 bytes\ntime: line 7: \"bad\": " +
              kNotATime},
         {{"time", "--tz=" + path, "--transitions"}, "", 0,
@@ -76,8 +69,6 @@ TEST(TimeCommand, ConvertsListsAndRefusesTimes)
         {{"time", "--tz=UTC0", "--transitions=1:10000"}, "", 0, "", ""},
         {{"time", "--tz=/dev/null\x01\"", "@1"}, "", 2, "",
          "time: cannot load time zone \"/dev/null\\x01\\x22\": \"/dev/null\\x01\\x22\": No such file or directory\n"},
-        {{"time", "--tz=/dev/null", "@1"}, "", 2, "",
-         "time: cannot load time zone \"/dev/null\": \"/dev/null\": not a regular file\n"},
     };
     for (const Case& c : cases) Check(c);
     RunProgram({"/bin/rm", "-rf", dir});

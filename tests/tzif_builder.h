@@ -13,9 +13,9 @@ struct Tzif {
     std::vector<uint8_t> indices;
     std::vector<std::array<int32_t, 3>> types;  // utoff, isdst, abbreviation index
     std::string chars;
-    std::vector<std::pair<int64_t, int32_t>> leaps;
-    std::vector<uint8_t> isstd, isut;
-    std::string footer;  // between the footer's newlines
+    std::vector<std::pair<int64_t, int32_t>> leaps{};
+    std::vector<uint8_t> isstd{}, isut{};
+    std::string footer{};  // between the footer's newlines
 
     // The version 1 block (times cut to 32 bits), then for later versions the 64-bit block and the footer.
     std::string Bytes() const { return version ? Block(4) + Block(8) + "\n" + footer + "\n" : Block(4); }
@@ -32,20 +32,16 @@ struct Tzif {
     {
         return {'2', {}, {}, {{{utoff, 0, 0}}}, abbr + '\0', {}, {}, {}, rule};
     }
-    // Every count at its cap: 50,000 changes a minute apart over 256 types (offset = number, abbreviation "T" and
-    // the number modulo 64, as an index is one byte), 1,000 leap seconds, 4,096 characters, a 255-byte footer.
+    // Every count at its cap: 50,000 changes a minute apart over 256 types (offset = number, abbreviation "TTT"),
+    // 1,000 leap seconds, 4,096 characters, a 255-byte footer.
     static Tzif AtTheCaps()
     {
-        Tzif z;
-        z.version = '4';
-        std::vector<int32_t> abbr;
-        for (int i = 0; i < 64; i++)
-            abbr.push_back(static_cast<int32_t>(z.chars.size())), z.chars += "T" + std::to_string(i) + '\0';
-        for (int i = 0; i < 256; i++) z.types.push_back({{i, 0, abbr[i % 64]}});
+        Tzif z{'4', {}, {}, {}, std::string("TTT\0", 4)};
         z.chars.resize(4096, '\0');
+        for (int i = 0; i < 256; i++) z.types.push_back({{i, 0, 0}});
         for (int i = 0; i < 50000; i++) z.times.push_back(60 * i), z.indices.push_back(static_cast<uint8_t>(i % 256));
         for (int i = 0; i < 1000; i++) z.leaps.push_back({3000000 + 10 * i, i + 1});
-        z.footer = "<T15>-0:01:19<" + std::string(224, 'D') + ">,M3.2.0,M11.1.0";
+        z.footer = "TTT-0:01:19<" + std::string(227, 'D') + ">,M3.2.0,M11.1.0";
         return z;
     }
 
