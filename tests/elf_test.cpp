@@ -23,7 +23,8 @@ struct Image {
         const uint64_t shsize = is64 ? 64 : 40, syms = 2 * symsize;
         interp = Add(ehsize + 4 * phsize, std::string("/lib/ld-vt.so.1\0", 16));
         dynstr = Add(interp + 16, std::string("\0libc.so.6\0libvt.so\0/opt/vt\0", 28));
-        dynamic = Add(dynstr + 28, std::string(syms, '\0')) + syms;  // after the symbols
+        const uint64_t dynsym = Add(dynstr + 28, std::string(syms, '\0'));
+        dynamic = dynsym + syms;
         const uint64_t tags[] = {1, 1, 14, 11, 29, 20, 5, kBase + dynstr, 10, 28, 0, 0};  // tag, value pairs
         for (uint64_t tag : tags) Put(bytes.size(), tag, w);
         note = Fields(bytes.size(), {{4, 4}, {4, 4}, {3, 4}});
@@ -33,7 +34,7 @@ struct Image {
         shoff = (names + 63 + 7) / 8 * 8;
         bytes.resize(shoff + 7 * shsize);
         const uint64_t sections[6][8] = {  // name, type, offset, size, link, info, align, entsize
-            {1, 1, interp, 16, 0, 0, 1, 0}, {9, 3, dynstr, 28, 0, 0, 1, 0}, {17, 11, dynamic - syms, syms, 2, 1, w, symsize},
+            {1, 1, interp, 16, 0, 0, 1, 0}, {9, 3, dynstr, 28, 0, 0, 1, 0}, {17, 11, dynsym, syms, 2, 1, w, symsize},
             {25, 6, dynamic, 12 * w, 2, 0, w, 2 * w}, {34, 7, note, 20, 0, 0, 4, 0}, {53, 3, names, 63, 0, 0, 1, 0}};
         uint64_t at = shoff;
         for (const uint64_t* s : sections)
@@ -230,8 +231,8 @@ TEST_F(ElfTest, RefusesWhatIsNotAReadableElfFileWithOneWarning)
     const struct { std::string path, error; int err; } cases[] = {  // err: errno of a failed call, else 0
         {dir + "/fifo", kNot, 0}, {dir, kNot, 0}, {node ? dir + "/null" : "/dev/null", kNot, 0},
         {dir + "/none", "No such file or directory", 2}, {"/sys/devices/system/cpu/online", "No such device", 19},
-        {Save("", "empty"), "empty", 0}, {Save("\177EL", "3"), "not ELF", 0}, {Save("\177ELF\3\1", "c"), "bad class 3", 0},
-        {Save(std::string("\177ELF\1\0", 6), "o"), "bad byte order 0", 0},
+        {Save("", "empty"), "empty", 0}, {Save("\177EL", "3"), "not ELF", 0},
+        {Save("\177ELF\3\1", "c"), "bad class 3", 0}, {Save(std::string("\177ELF\1\0", 6), "o"), "bad byte order 0", 0},
         {Save(elf32.substr(0, 51), "cut"), "shorter than its header", 0}, {Save(elf32, "a b\\"), "", 0},
     };
     int watch = inotify_init1(IN_NONBLOCK);
@@ -260,7 +261,8 @@ TEST_F(ElfTest, ProgramsFrameTheReport)
     std::string none = dir + "/none", junk = Save("#!/bin/sh\n", "junk");
     Save(Image(false, false, 40).bytes, "vtest");
     auto elf = [&](const std::string& argv0) -> std::vector<std::string> {  // run in `dir`
-        return {"/bin/bash", "-c", "cd \"$1\" && exec -a \"$2\" \"$3\" elf x --server=x", "bash", dir, argv0, VTEST_BINARY};
+        return {"/bin/bash", "-c", "cd \"$1\" && exec -a \"$2\" \"$3\" elf x --server=x", "bash", dir, argv0,
+                VTEST_BINARY};
     };
     const struct { const char* label; std::vector<std::string> argv; int status; std::string out, log; } cases[] = {
         {"files", TargetArgv(VTEST_ELF_BINARY, {a, none, b}), 1,

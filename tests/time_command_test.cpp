@@ -53,7 +53,8 @@ TEST(TimeCommand, ConvertsListsAndRefusesTimes)
         {{"time", kBerlin, "--stdin"}, bad, 1, "", badErr},
         {{"time", "--stdin", kBerlin},
          "@1\n\n  @1\t\n# a comment\n" + std::string(65, '9') + "\n2024-10-27 02:30\r\nbad\n@1", 1,
-         kAt1 + kAt1 + "@1729989000 2024-10-27T00:30:00Z 2024-10-27T02:30:00+02:00 CEST isdst=1 gmtoff=7200 fold=earlier\n"
+         kAt1 + kAt1 +
+             "@1729989000 2024-10-27T00:30:00Z 2024-10-27T02:30:00+02:00 CEST isdst=1 gmtoff=7200 fold=earlier\n"
              "@1729992600 2024-10-27T01:30:00Z 2024-10-27T02:30:00+01:00 CET isdst=0 gmtoff=3600 fold=later\n" + kAt1,
          "time: line 5: \"" + std::string(65, '9') + "\": line longer than 64 bytes\ntime: line 7: \"bad\": " +
              kNotATime},
