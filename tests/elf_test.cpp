@@ -27,7 +27,7 @@ struct Image {
         dynamic = dynsym + syms;
         const uint64_t tags[] = {1, 1, 14, 11, 29, 20, 5, kBase + dynstr, 10, 28, 0, 0};  // tag, value pairs
         for (uint64_t tag : tags) Put(bytes.size(), tag, w);
-        note = Fields(bytes.size(), {{4, 4}, {4, 4}, {3, 4}});
+        Fields(note = bytes.size(), {{4, 4}, {4, 4}, {3, 4}});
         Add(note + 12, std::string("GNU\0\xde\xad\xbe\xef", 8));
         const char kNames[] = "\0.interp\0.dynstr\0.dynsym\0.dynamic\0.note.gnu.build-id\0.shstrtab";
         names = Add(note + 20, std::string(kNames, sizeof kNames));
@@ -36,17 +36,17 @@ struct Image {
         const uint64_t sections[6][8] = {  // name, type, offset, size, link, info, align, entsize
             {1, 1, interp, 16, 0, 0, 1, 0}, {9, 3, dynstr, 28, 0, 0, 1, 0}, {17, 11, dynsym, syms, 2, 1, w, symsize},
             {25, 6, dynamic, 12 * w, 2, 0, w, 2 * w}, {34, 7, note, 20, 0, 0, 4, 0}, {53, 3, names, 63, 0, 0, 1, 0}};
-        uint64_t at = shoff;
+        uint64_t at = shoff + shsize;
         for (const uint64_t* s : sections)
-            Fields(at += shsize, {{s[0], 4}, {s[1], 4}, {2, w}, {kBase + s[2], w}, {s[2], w}, {s[3], w}, {s[4], 4},
-                                  {s[5], 4}, {s[6], w}, {s[7], w}});
+            at = Fields(at, {{s[0], 4}, {s[1], 4}, {2, w}, {kBase + s[2], w}, {s[2], w}, {s[3], w}, {s[4], 4}, {s[5], 4},
+                             {s[6], w}, {s[7], w}});
         // type, flags, offset, size, alignment; the flags come second in ELF64, seventh in ELF32
         const uint64_t segments[4][5] = {
             {3, 4, interp, 16, 4}, {1, 5, 0, bytes.size(), 0x1000}, {2, 6, dynamic, 12 * w, 4}, {4, 4, note, 20, 4}};
         at = ehsize;
         for (const uint64_t* s : segments)
             at = Fields(at, {{s[0], 4}, {s[1], is64 ? 4u : 0u}, {s[2], w}, {kBase + s[2], w}, {kBase + s[2], w},
-                             {s[3], w}, {s[3], w}, {s[1], is64 ? 0u : 4u}, {s[4], w}}) + phsize;
+                             {s[3], w}, {s[3], w}, {s[1], is64 ? 0u : 4u}, {s[4], w}});
         Add(0, std::string("\177ELF") + char(is64 ? 2 : 1) + char(big ? 2 : 1) + '\1');
         Fields(16, {{2, 2}, {machine, 2}, {1, 4}, {kBase + 0x80, w}, {ehsize, w}, {shoff, w}, {0, 4}, {ehsize, 2},
                     {phsize, 2}, {4, 2}, {shsize, 2}, {7, 2}, {6, 2}});
@@ -62,12 +62,11 @@ struct Image {
         bytes.resize(std::max<uint64_t>(bytes.size(), at + size));
         for (uint64_t i = 0; i < size; i++) bytes[at + (big ? size - 1 - i : i)] = static_cast<char>(value >> (8 * i));
     }
-    // (value, size) pairs one after the other from `at`, which it returns.
+    // (value, size) pairs one after the other from `at`; returns where they end.
     uint64_t Fields(uint64_t at, std::initializer_list<std::pair<uint64_t, uint64_t>> fields)
     {
-        uint64_t start = at;
         for (const auto& f : fields) Put(at, f.first, f.second), at += f.second;
-        return start;
+        return at;
     }
 
     static const uint64_t kBase = 0x10000;

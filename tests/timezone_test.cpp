@@ -47,19 +47,14 @@ void Put32(std::string& bytes, size_t at, uint32_t value)
 TEST(TimeZoneFiles, ReadsEveryVersionTheCapsAndTypeZeroFirst)
 {
     Tzif v1 = Tzif::Berlin(), v3 = Tzif::Rule("EST5EDT,M3.2.0/-1,M11.1.0", -18000, "EST"), dstFirst = Tzif::Berlin();
-    v1.version = 0, v3.version = '3';
+    Tzif leaps = Tzif::Rule("UTC0", 0, "UTC");  // cut to its last leap second, then expiring (an equal correction)
+    v1.version = 0, v3.version = '3', leaps.version = '4', leaps.leaps = {{1483228826, 27}, {1719360027, 27}};
     dstFirst.types[0] = {{7200, 1, 8}};  // before the first transition: type 0, DST or not
-    // Cut to its last leap second, then expiring (an equal correction: no leap second); values as glibc shows them.
-    Tzif leaps = Tzif::Rule("UTC0", 0, "UTC");
-    leaps.version = '4', leaps.leaps = {{1483228826, 27}, {1719360027, 27}};
-    const Tzif berlin = Tzif::Berlin(), caps = Tzif::AtTheCaps();  // caps: version 4, every count at its cap
-    const struct {
-        const char* label; const Tzif& file; int64_t t; std::string shows;
-    } cases[] = {
+    const struct { const char* label; Tzif file; int64_t t; std::string shows; } cases[] = {  // leap seconds as glibc
         {"v1 table", v1, kSpring2024, kBerlinSpring},
         {"v3 rule at -1h", v3, 1710043199, "2024-03-09T22:59:59 -18000 EST 0"},
         {"DST type 0", dstFirst, -3000000000, "1874-12-07T20:40:00 +7200 CEST 1"},
-        {"caps last type", caps, 2999941, "1970-02-04T17:20:20 +79 TTT 0"},
+        {"caps last type", Tzif::AtTheCaps(), 2999941, "1970-02-04T17:20:20 +79 TTT 0"},  // every count at its cap
         {"cut table: no correction before", leaps, 1483228825, "2017-01-01T00:00:25 +0 UTC 0"},
         {"cut table: its leap second", leaps, 1483228826, "2016-12-31T23:59:60 +0 UTC 0"},
         {"expiry is no leap second", leaps, 1719360027, "2024-06-26T00:00:00 +0 UTC 0"},
@@ -69,7 +64,7 @@ TEST(TimeZoneFiles, ReadsEveryVersionTheCapsAndTypeZeroFirst)
 
 TEST(TimeZoneFiles, RefusesDamagedFilesWithTheirReason)
 {
-    const size_t v2 = Tzif::Berlin().CountAt(0);  // where the counts of the 64-bit header start
+    const size_t v2 = Tzif::Berlin().Bytes().find("TZif", 4) + 20;  // where the counts of the 64-bit header start
     const char* kV3 = "footer needs version 3 (rule hours outside 0..24 or DST all year) in a version 2 file";
     using Edit = std::function<void(Tzif&)>;
     using Patch = std::function<void(std::string&)>;  // of the bytes, after the edit

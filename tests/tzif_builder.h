@@ -19,8 +19,6 @@ struct Tzif {
 
     // The version 1 block (times cut to 32 bits), then for later versions the 64-bit block and the footer.
     std::string Bytes() const { return version ? Block(4) + Block(8) + "\n" + footer + "\n" : Block(4); }
-    // Where count `field` (0 isutcnt ... 5 charcnt) of the 64-bit header is.
-    size_t CountAt(int field) const { return Block(4).size() + 20 + 4 * field; }
 
     // Berlin in brief: LMT, then CET and CEST with the two 2024 changes, then the rule.
     static Tzif Berlin()
