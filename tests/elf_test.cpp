@@ -38,8 +38,8 @@ struct Image {
             {25, 6, dynamic, 12 * w, 2, 0, w, 2 * w}, {34, 7, note, 20, 0, 0, 4, 0}, {53, 3, names, 63, 0, 0, 1, 0}};
         uint64_t at = shoff + shsize;
         for (const uint64_t* s : sections)
-            at = Fields(at, {{s[0], 4}, {s[1], 4}, {2, w}, {kBase + s[2], w}, {s[2], w}, {s[3], w}, {s[4], 4}, {s[5], 4},
-                             {s[6], w}, {s[7], w}});
+            at = Fields(at, {{s[0], 4}, {s[1], 4}, {2, w}, {kBase + s[2], w}, {s[2], w}, {s[3], w}, {s[4], 4},
+                             {s[5], 4}, {s[6], w}, {s[7], w}});
         // type, flags, offset, size, alignment; the flags come second in ELF64, seventh in ELF32
         const uint64_t segments[4][5] = {
             {3, 4, interp, 16, 4}, {1, 5, 0, bytes.size(), 0x1000}, {2, 6, dynamic, 12 * w, 4}, {4, 4, note, 20, 4}};
