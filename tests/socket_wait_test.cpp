@@ -17,13 +17,9 @@ namespace {
 std::string Describe(ScriptReader& reader, ScriptReader::Result r)
 {
     const std::string n = std::to_string(reader.Number());
-    switch (r) {
-    case ScriptReader::kLine: return "L" + n + ":" + reader.Text();
-    case ScriptReader::kRefused: return "R" + n + ":" + reader.Reason() + "|" + reader.Preview();
-    case ScriptReader::kEnd: return "E";
-    case ScriptReader::kError: return "X" + std::to_string(reader.Errno());
-    }
-    return "?";
+    return r == ScriptReader::kLine      ? "L" + n + ":" + reader.Text()
+           : r == ScriptReader::kRefused ? "R" + n + ":" + reader.Reason() + "|" + reader.Preview()
+           : r == ScriptReader::kEnd     ? "E" : "X" + std::to_string(reader.Errno());
 }
 
 TEST(ScriptReader, SplitsCutsSkipsAndRefusesLines)
@@ -36,13 +32,10 @@ TEST(ScriptReader, SplitsCutsSkipsAndRefusesLines)
         {"NUL refuses the line", std::string("a\0b\nc\n", 6), 10, {"R1:line holds a NUL byte|a\\x00b", "L2:c", "E"}},
         {"lone CR refuses the line", "a\rb\nc\r", 10,
          {"R1:line holds a lone carriage return|a\\x0db", "R2:line holds a lone carriage return|c\\x0d", "E"}},
-        {"over the cap refused whole", "12345\n123456\nx\n", 5,
-         {"L1:12345", "R2:line longer than 5 bytes|123456", "L3:x", "E"}},
-        {"long comment skipped, its tail never run", "  # " + std::string(5000, 'c') + " DELETE;\nx\n", 100,
-         {"L2:x", "E"}},
-        {"preview cut at 80 bytes", std::string(90, 'q') + "\n", 10,
-         {"R1:line longer than 10 bytes|" + std::string(80, 'q') + "...", "E"}},
-        {"empty input", "", 10, {"E"}},
+        {"over the cap refused whole, preview cut at 80", "12345\n123456\n" + std::string(90, 'q') + "\n", 5,
+         {"L1:12345", "R2:line longer than 5 bytes|123456",
+          "R3:line longer than 5 bytes|" + std::string(80, 'q') + "...", "E"}},
+        {"long comment skipped, tail never run", "  # " + std::string(5000, 'c') + " DELETE;\nx\n", 99, {"L2:x", "E"}},
     };
     for (const auto& c : cases) {
         int fds[2];
