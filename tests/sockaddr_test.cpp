@@ -38,9 +38,10 @@ TEST(SockAddr, TextOfEveryFamilyParsesOrIsRefused)
     SockAddr::SetDefaultSerial({AF_RS485, "ttyUSB0", 19200, 7, ODD, 2, 99});  // the index 99 is never taken
     const std::string longPath = "/tmp/" + std::string(110, 'p');
     struct Case { sa_family_t family; const char* text; int rv; const char* printed; } cases[] = {
-        {AF_INET, "10.0.0.1:3000", 0, "10.0.0.1:3000"}, {AF_INET, "2.256.0.1", 0, "3.0.0.1:0"},  // 8 bits, spilling
-        {AF_INET, "1.2.3.-1", 0, "255.255.255.255:0"},     // a negative octet sets every bit
-        {AF_INET, "localhost:3543", 0, "127.0.0.1:3543"},  // not literal: the resolver
+        {AF_INET, "10.0.0.1:3000", 0, "10.0.0.1:3000"}, {AF_INET, "localhost:3543", 0, "127.0.0.1:3543"},  // resolver
+        // Octets unchecked: cut to 8 bits, spilling into the one before; a negative one sets every bit.
+        {AF_INET, "300.1.1.1", 0, "44.1.1.1:0"}, {AF_INET, "2.256.0.1", 0, "3.0.0.1:0"},
+        {AF_INET, "1.2.3.-1", 0, "255.255.255.255:0"},
         {AF_INET, "localhost:nosuchservice", -ENODATA, nullptr}, {AF_INET, nullptr, -EINVAL, nullptr},
         {AF_INET6, "fe80::1|80", 0, "fe80::0001|80"}, {AF_INET6, "fe80::1:80", 0, "fe80::0001:0080|0"},  // not ':'
         {AF_INET6, "0000:0000:0000:0000:0000:0000:0000:0001|65535000000000", -EINVAL, nullptr},  // over 50
@@ -74,12 +75,10 @@ TEST(SockAddr, TextOfEveryFamilyParsesOrIsRefused)
     EXPECT_EQ(Text(SockAddr(AF_RS485, "ttyS0", 0x10005)), "5@ttyS0");  // the index keeps 16 bits
 }
 
-// Odd corners: unknown names, a failed MAC, the crossed hostent constructor, sockets' own addresses.
-TEST(SockAddr, NamesFailedTextHostentSocknameAndRecvFrom)
+// Odd corners: a name's case, a failed MAC, the crossed hostent constructor, a failed socket name.
+TEST(SockAddr, NamesFailedTextHostentAndSockname)
 {
     EXPECT_EQ(SockAddr::Type("IPV4"), 0);  // names are case-sensitive
-    EXPECT_STREQ(SockAddr::Type(7), "none");
-    EXPECT_STREQ(SockAddr::Parity2a(static_cast<Parity>(5)), "x");
     SockAddr a(AF_MAC, "02:11:22:33:44:55");
     EXPECT_EQ(a.GetMAC("02:11:22:zz:44:55"), -EINVAL);
     const unsigned char* raw = reinterpret_cast<const unsigned char*>(&a.Get());
@@ -93,15 +92,7 @@ TEST(SockAddr, NamesFailedTextHostentSocknameAndRecvFrom)
     // The pointer's bytes, not the address, and in the IPv6 field.
     EXPECT_TRUE(crossed.GetAF() == AF_INET && memcmp(&crossed.Get().in6.sin6_addr, &h.h_addr_list, 4) == 0 &&
                 crossed.Get().in4.sin_addr.s_addr == 0u);
-    int rx = socket(AF_INET, SOCK_DGRAM, 0), tx = socket(AF_INET, SOCK_DGRAM, 0);
-    SockAddr local = Parsed(AF_INET, "127.0.0.1"), from, sender;
-    ASSERT_TRUE(bind(rx, &local.Get().addr, sizeof(sockaddr_in)) == 0 && local.GetSockname(rx) == 0);
-    ASSERT_EQ(sendto(tx, "hi", 2, 0, &local.Get().addr, sizeof(sockaddr_in)), 2);
-    char buf[8];
-    EXPECT_TRUE(from.RecvFrom(rx, buf, sizeof buf, 0) == 2 && sender.GetSockname(tx) == 0);
-    EXPECT_EQ(Text(from), "127.0.0.1:" + std::to_string(sender.GetPort()));
-    for (int fd : {rx, tx}) close(fd);
-    EXPECT_TRUE(from.GetSockname(-1) == -EBADF && from.GetAF() == 0);
+    EXPECT_TRUE(crossed.GetSockname(-1) == -EBADF && crossed.GetAF() == 0);
 }
 
 // Equality ignores what is not the endpoint (scope, line settings, a name's port); ordering is decided
@@ -113,19 +104,17 @@ TEST(SockAddr, EqualityAndOrdering)
     const unsigned char one[16] = {0, 1};
     SockAddr ported(AF_NAME, "eth0");
     ported.GetPrivate().name.port = 5;
+    auto v4 = [](const char* t) { return Parsed(AF_INET, t); };
+    auto v6 = [](const char* t) { return Parsed(AF_INET6, t); };
     struct Case { SockAddr a, b; std::string rel; } cases[] = {
-        {Parsed(AF_INET6, "fe80::1|80"), Parsed(AF_INET6, "fe80::1%lo|80"), "=.."},
-        {Parsed(AF_INET6, "fe80::1|80"), Parsed(AF_INET6, "fe80::1|81"), "!<."},
-        {SockAddr(AF_INET6, one, 9), Parsed(AF_INET6, "2::|1"), "!<."},
-        {SockAddr(AF_INET6, one, 9), Parsed(AF_INET6, "3::|1"), "!.>"},
-        {SockAddr(AF_NAME, "eth0"), ported, "=<."},
+        {v6("fe80::1|80"), v6("fe80::1%lo|80"), "=.."}, {v6("fe80::1|80"), v6("fe80::1|81"), "!<."},
+        {SockAddr(AF_INET6, one, 9), v6("2::|1"), "!<."}, {SockAddr(AF_INET6, one, 9), v6("3::|1"), "!.>"},
+        {SockAddr(AF_NAME, "eth0"), ported, "=<."}, {SockAddr(), SockAddr(AF_NAME, "a"), "!<."},
         {Parsed(AF_RS485, "3@ttyS1!9600/8/n/1"), Parsed(AF_RS485, "3@ttyS1!4800/7/e/2"), "=.."},
-        {SockAddr(AF_RS485, "ttyS3", 1), SockAddr(AF_RS485, "ttyS1", 9), "!<."},
+        {SockAddr(AF_RS485, "ttyS3", 1), SockAddr(AF_RS485, "ttyS1", 9), "!<."}, {SockAddr(), SockAddr(), "!.."},
         // IPv4 compares the raw word: on a little-endian host the last octet weighs most.
-        {Parsed(AF_INET, "1.0.0.2"), Parsed(AF_INET, "2.0.0.1"), littleEndian ? "!.>" : "!<."},
-        {Parsed(AF_INET, "1.2.3.4:5"), Parsed(AF_INET, "1.2.3.4:6"), "!<."},
-        {Parsed(AF_INET, "9.9.9.9"), SockAddr(AF_NAME, "a"), "!<."},  // family 2 before 33
-        {SockAddr(), SockAddr(AF_NAME, "a"), "!<."}, {SockAddr(), SockAddr(), "!.."},
+        {v4("1.0.0.2"), v4("2.0.0.1"), littleEndian ? "!.>" : "!<."}, {v4("1.2.3.4:5"), v4("1.2.3.4:6"), "!<."},
+        {v4("9.9.9.9"), SockAddr(AF_NAME, "a"), "!<."},  // family 2 before 33
         {SockAddr(AF_MAC, "00:00:00:00:00:01"), SockAddr(AF_MAC, "00:00:00:00:00:05"), "!<."},
         {Parsed(AF_UNIX, "/a"), Parsed(AF_UNIX, "/b"), "!<."},
     };
@@ -136,13 +125,12 @@ TEST(SockAddr, EqualityAndOrdering)
     }
     // SetPort takes a host-order port (a line's unit index); a name has none.
     std::string texts;
-    for (SockAddr a : {Parsed(AF_INET, "1.2.3.4:5"), Parsed(AF_INET6, "::1|80"), Parsed(AF_RS485, "3@ttyS1"),
-                       SockAddr(AF_NAME, "eth0")})
+    for (SockAddr a : {v4("1.2.3.4:5"), v6("::1|80"), Parsed(AF_RS485, "3@ttyS1"), SockAddr(AF_NAME, "eth0")})
         a.SetPort(9), texts += Text(a) + " " + std::to_string(a.GetPort()) + ";";
     EXPECT_EQ(texts, "1.2.3.4:9 9;::0001|9 9;9@ttyS1 9;eth0 0;");
 }
 
-// In a fresh network namespace: lo is interface 0, v0 (a veth end with known addresses) interface 1;
+// In a fresh network namespace: lo is interface 0 (the loopback), v0 (a veth end with known addresses) interface 1;
 // v1 has no IPv4 address and so is not listed.
 int InterfaceChecks()
 {
@@ -152,14 +140,12 @@ int InterfaceChecks()
                " ip link set v0 up && ip link set v1 up") != 0)
         return 2;
     SockAddr a;
-    CHILD_CHECK(a.GetName(0) == 0 && Text(a) == "lo");
     CHILD_CHECK(a.GetName(1) == 0 && Text(a) == "v0" && a.GetAF() == AF_NAME);
     CHILD_CHECK(a.GetName(2) == -ENOENT && a.GetAF() == 0);
     CHILD_CHECK(a.GetIPv4(0) == -EINVAL && a.GetAF() == 0);
     CHILD_CHECK(a.GetIPv4(-1) == 0 && Text(a) == "10.1.2.3:0");  // -1: lo refused, so interface 1
     CHILD_CHECK(a.GetMAC(-1) == 0 && Text(a) == "02:11:22:33:44:55");
     CHILD_CHECK(a.GetIPv6(-1) == 0 && Text(a) == "fd00::0005|0");
-    CHILD_CHECK(a.GetIPv6(7) == -ENOENT);
     bool lo = false, v0 = true, none = true;
     CHILD_CHECK(SockAddr::IsLoopback(0u, lo) == 0 && SockAddr::IsLoopback("v0", v0) == 0 && lo && !v0);
     CHILD_CHECK(SockAddr::IsLoopback("nosuch0", none) == -ENODEV && none);
