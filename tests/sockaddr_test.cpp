@@ -130,7 +130,7 @@ TEST(SockAddr, EqualityAndOrdering)
     EXPECT_EQ(texts, "1.2.3.4:9 9;::0001|9 9;9@ttyS1 9;eth0 0;");
 }
 
-// In a fresh network namespace: lo is interface 0 (the loopback), v0 (a veth end with known addresses) interface 1;
+// In a fresh network namespace: lo is interface 0, v0 (a veth end with known addresses) interface 1;
 // v1 has no IPv4 address and so is not listed.
 int InterfaceChecks()
 {

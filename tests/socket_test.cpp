@@ -41,7 +41,6 @@ struct Pair {
     std::unique_ptr<Socket> s, peer;
 };
 
-// The next whole line, or why none came.
 std::string Line(Sock& s) { return s.ReadLine() >= 0 ? s.RxBuffer() : "error"; }
 
 // A Unix server replaces a stale file at its path and removes it on close, an accepted end never.
@@ -71,8 +70,7 @@ TEST(Socket, AcceptsAndExchangesLinesInEveryFamily)
         EXPECT_EQ(accepted->Local().GetPort(), client.Remote().GetPort());
         EXPECT_TRUE(client.printf("hello %d\r\n", 1) == 9 && accepted->printf("world\n") == 6 && client.TxBytes() == 9);
         EXPECT_EQ(Line(*accepted) + Line(client), "hello 1world");
-        // Both ends: keep-alive on, timed 5/5/5 on TCP; never don't-route, which would keep packets on the local
-        // subnet and so never reach a unit behind a router.
+        // Both ends: keep-alive, 5/5/5 on TCP; never don't-route, which would never reach a unit behind a router.
         for (auto [level, name, value] : {std::tuple{SOL_SOCKET, SO_KEEPALIVE, 1}, {SOL_SOCKET, SO_DONTROUTE, 0},
                                           {IPPROTO_TCP, TCP_KEEPIDLE, 5}, {IPPROTO_TCP, TCP_KEEPINTVL, 5},
                                           {IPPROTO_TCP, TCP_KEEPCNT, 5}})
@@ -166,8 +164,7 @@ TEST(Socket, ReadAheadIsInvisibleToCallers)
     EXPECT_STREQ(fgets(line, sizeof line, f), "e\n");
 }
 
-// Each wait of a read or write is bounded on its own and leaves the link up, unless the link is dead;
-// Pending() looks without waiting.
+// Each wait of a read or write is bounded on its own and leaves the link up, unless it is dead; Pending() never waits.
 TEST(Socket, WaitsEndWithoutDroppingTheLinkUnlessItIsDead)
 {
     Pair p, q;
@@ -233,15 +230,9 @@ TEST(Socket, StatusReportWhileOtherThreadsReadAndChurn)
     Pair p;
     std::atomic<int> result{1};
     std::atomic<bool> stop{false};
-    std::thread reader([&] {
-        int rv;
-        while ((rv = p.s->ReadLine()) >= 0) {}
-        result = rv;
-    });
+    std::thread reader([&] { while ((result = p.s->ReadLine()) >= 0) {} });
     for (int i = 0; i < 5; i++) Sock::StatusReport(p.peer.get());
-    std::thread lister([&] {  // now the only writer on the peer
-        while (!stop) Sock::StatusReport(p.peer.get());
-    });
+    std::thread lister([&] { while (!stop) Sock::StatusReport(p.peer.get()); });  // now the peer's only writer
     for (int i = 0; i < 2000; i++) Socket churn(Addr(AF_INET, "127.0.0.1"));
     stop = true;
     lister.join();
