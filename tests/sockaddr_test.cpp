@@ -79,6 +79,7 @@ TEST(SockAddr, TextOfEveryFamilyParsesOrIsRefused)
 TEST(SockAddr, NamesFailedTextHostentAndSockname)
 {
     EXPECT_EQ(SockAddr::Type("IPV4"), 0);  // names are case-sensitive
+    EXPECT_STREQ(SockAddr::Parity2a(static_cast<Parity>(5)), "x");
     SockAddr a(AF_MAC, "02:11:22:33:44:55");
     EXPECT_EQ(a.GetMAC("02:11:22:zz:44:55"), -EINVAL);
     const unsigned char* raw = reinterpret_cast<const unsigned char*>(&a.Get());
@@ -115,6 +116,7 @@ TEST(SockAddr, EqualityAndOrdering)
         // IPv4 compares the raw word: on a little-endian host the last octet weighs most.
         {v4("1.0.0.2"), v4("2.0.0.1"), littleEndian ? "!.>" : "!<."}, {v4("1.2.3.4:5"), v4("1.2.3.4:6"), "!<."},
         {v4("9.9.9.9"), SockAddr(AF_NAME, "a"), "!<."},  // family 2 before 33
+        {SockAddr(sockaddr_in{AF_INET, htons(6), {htonl(0x01020304)}, {}}), v4("1.2.3.4:6"), "=.."},
         {SockAddr(AF_MAC, "00:00:00:00:00:01"), SockAddr(AF_MAC, "00:00:00:00:00:05"), "!<."},
         {Parsed(AF_UNIX, "/a"), Parsed(AF_UNIX, "/b"), "!<."},
     };

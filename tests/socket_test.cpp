@@ -196,6 +196,7 @@ TEST(Socket, ReconnectDropsTheReadAhead)
 {
     ScriptedServer server({{Send("a\nstale\n")}, {Send("fresh\n")}});
     Socket s(server.Addr());
+    s.ConnectTimeout(ScaledMs(5000));  // bounded connects, which must leave the descriptor as they found it
     ASSERT_TRUE(s.Connect());
     EXPECT_EQ(Line(s), "a");
     EXPECT_TRUE(WaitUntil([&] { return s.Pending() == 6; }, ScaledMs(5000)));  // "stale\n" read ahead
@@ -207,6 +208,9 @@ TEST(Socket, ReconnectDropsTheReadAhead)
 TEST(Socket, FailuresAreRefusedAndLogged)
 {
     Socket closed(Addr(AF_INET, "127.0.0.1:1")), name(SockAddr(AF_NAME, "eth0")), refused(RefusedAddr());
+    BlackHole hole;
+    Socket slow(hole.Addr());
+    slow.ConnectTimeout(ScaledMs(300));
     bool ready = true;
     fd_set set;
     int maxFd = -1;
@@ -216,11 +220,13 @@ TEST(Socket, FailuresAreRefusedAndLogged)
     StderrCapture log;
     EXPECT_EQ(closed.File(), nullptr);
     EXPECT_FALSE(name.Create() || name.Connect() || refused.Connect() || refused.IsConnected());
+    EXPECT_TRUE(!slow.Connect() && slow.ConnectErrno() == ETIMEDOUT && !slow.IsConnected());
     std::string lines = LogLines(log.Take());
     EXPECT_EQ(lines.find("warn Can't get FILE for 127.0.0.1:1, no FD, socket 0x"), 0u) << lines;
     EXPECT_NE(lines.find("Socket.cpp:"), std::string::npos) << lines;
     EXPECT_NE(lines.find(" virtual bool Socket::Create() Address family 33 not supported.\nerr  <" +
-                         std::string(refused.Addr()) + "> Unable to connect (111).\n"), std::string::npos) << lines;
+                         std::string(refused.Addr()) + "> Unable to connect (111).\nerr  <" + slow.Addr() +
+                         "> Unable to connect (110).\n"), std::string::npos) << lines;
 }
 
 // A reader blocked in ReadLine on its own thread while others list the connections and connections
