@@ -47,12 +47,10 @@ TEST(Sock, LineAssemblyAcrossTerminatorsGapsAndEnds)
         const char* label; std::string input; int size; std::vector<std::string> reads;
         ssize_t end = -EPIPE; bool drop = true, nonBlocking = false, exiting = false;
     } cases[] = {
-        {"empty lines, then the end", "\n\nabc\n", 9, {"0 0|", "0 0|", "3 1|abc", E + " 0|"}},
-        {"CR LF", "ab\r\ncd\n", 9, {"2 1|ab", "0 0|", "2 1|cd"}},
+        {"empties, CR LF, the end", "\n\nab\r\ncd\n", 9, {"0 0|", "0 0|", "2 1|ab", "0 0|", "2 1|cd", E + " 0|"}},
         {"leading vertical tab: an empty line", "\vx\v\vy\r", 9, {"0 0|", "2 1|xy"}},
         {"nothing available: sleeps, goes on", "a~b~\n", 9, {"2 1|ab"}},
-        {"peer closes mid-line", "ab", 9, {E + " 0|ab"}},
-        {"NUL is content", std::string("a\0b\n", 4), 9, {"3 1|a"}},
+        {"NUL is content; the peer closes mid-line", std::string("a\0b\nab", 6), 9, {"3 1|a", E + " 0|ab"}},
         {"error without a disconnect passed on", "ab", 9, {"-5 0|ab"}, -EIO, false},
         {"non-blocking: partial lines kept", "ab~~c\n", 9, {"2 0|ab", "2 0|ab", "3 1|abc"}, -EAGAIN, false, true},
         {"exit flag stops assembly", "abc\n", 9, {"0 0|"}, -EPIPE, true, false, true},

@@ -37,38 +37,35 @@ TEST(SockAddr, TextOfEveryFamilyParsesOrIsRefused)
 {
     SockAddr::SetDefaultSerial({AF_RS485, "ttyUSB0", 19200, 7, ODD, 2, 99});  // the index 99 is never taken
     const std::string longPath = "/tmp/" + std::string(110, 'p');
-    struct Case { sa_family_t family; const char* text; int rv; const char* printed; } cases[] = {
+    struct Case { sa_family_t family; const char* text; int rv; const char* printed; } cases[] = {  // "": refused
         {AF_INET, "10.0.0.1:3000", 0, "10.0.0.1:3000"}, {AF_INET, "localhost:3543", 0, "127.0.0.1:3543"},  // resolver
+        {AF_INET, "localhost:nosuchservice", -ENODATA, ""}, {AF_INET, nullptr, -EINVAL, ""}, {AF_NAME, "", -EINVAL, ""},
         // Octets unchecked: cut to 8 bits, spilling into the one before; a negative one sets every bit.
         {AF_INET, "300.1.1.1", 0, "44.1.1.1:0"}, {AF_INET, "2.256.0.1", 0, "3.0.0.1:0"},
-        {AF_INET, "1.2.3.-1", 0, "255.255.255.255:0"},
-        {AF_INET, "localhost:nosuchservice", -ENODATA, nullptr}, {AF_INET, nullptr, -EINVAL, nullptr},
-        {AF_INET6, "fe80::1|80", 0, "fe80::0001|80"}, {AF_INET6, "fe80::1:80", 0, "fe80::0001:0080|0"},  // not ':'
-        {AF_INET6, "0000:0000:0000:0000:0000:0000:0000:0001|65535000000000", -EINVAL, nullptr},  // over 50
+        {AF_INET, "1.2.3.-1", 0, "255.255.255.255:0"}, {AF_INET6, "fe80::1:80", 0, "fe80::0001:0080|0"},  // not ':'
+        {AF_INET6, "0000:0000:0000:0000:0000:0000:0000:0001|65535000000000", -EINVAL, ""},  // over 50
         {AF_INET6, "2001:db8:1:2:3:4:5:6", 0, "2001:0db8:0001:0002:0003:0004:0005:0006|0"},
         {AF_INET6, "1:0:3:0:0:0:0:7", 0, "0001::0003:0000:0000:0000:0000:0007|0"},  // the first zero run only
         {AF_INET6, "::3:4:5:6:7:8", 0, "::0003:0004:0005:0006:0007:0008|0"}, {AF_INET6, "::", 0, "::|0"},
         {AF_INET6, "1:2:3:4:5:6:7:0|443", 0, "0001:0002:0003:0004:0005:0006:0007::|443"},
-        {AF_UNIX, longPath.c_str(), -EINVAL, nullptr}, {AF_UNIX, nullptr, -EINVAL, nullptr},  // too long: not cut
-        {AF_UNIX, "/tmp/x.sock", 0, "/tmp/x.sock"}, {AF_NAME, "eth0", 0, "eth0"}, {AF_NAME, "", -EINVAL, nullptr},
-        {AF_MAC, "00:1A:2b:3c:4d:5e", 0, "00:1a:2b:3c:4d:5e"}, {AF_MAC, "00:11:22:33:44", -EINVAL, nullptr},
-        {0, "x", -EINVAL, nullptr}, {7, "x", -EINVAL, nullptr}, {36, "x", -EINVAL, nullptr},
+        {AF_UNIX, longPath.c_str(), -EINVAL, ""}, {AF_UNIX, nullptr, -EINVAL, ""},  // too long: refused, not cut
+        {AF_UNIX, "/tmp/x.sock", 0, "/tmp/x.sock"}, {AF_NAME, "eth0", 0, "eth0"}, {AF_RS485, "-2@ttyS1", -EINVAL, ""},
+        {AF_MAC, "00:1A:2b:3c:4d:5e", 0, "00:1a:2b:3c:4d:5e"}, {AF_MAC, "00:11:22:33:44", -EINVAL, ""},
+        {0, "x", -EINVAL, ""}, {7, "x", -EINVAL, ""}, {36, "x", -EINVAL, ""}, {AF_RS485, "0", -EINVAL, ""},
         {AF_RS485, "7", 0, "7@ttyUSB0!19200/7/o/2"}, {AF_RS485, "3@ttyS1", 0, "3@ttyS1!19200/7/o/2"},
         {AF_RS485, "2@ttyS1!9600/8/e/1", 0, "2@ttyS1!9600/8/e/1"}, {AF_RS485, "ttyS2!48/8/n/1", 0, "ttyS2!48/8/n/1"},
         {AF_RS485, "x5@ttyS3", 0, "ttyS3!19200/7/o/2"},  // '@' later in the text: index from the start
-        {AF_RS485, "4@ttyS1!9600/8/q/1", 0, "4@ttyS1!9600/8/n/1"},
+        {AF_RS485, "4@ttyS1!9600/8/q/1", 0, "4@ttyS1!9600/8/n/1"}, {AF_RS485, "1@ttyS1!9600/x/n/1", -EINVAL, ""},
         {AF_RS485, "1@ttyS123456789AB!9600/8/n/1", 0, "1@ttyS123456789AB!9600/8/n/1"},  // 15 characters fit
-        {AF_RS485, "1@ttyS1234567890AB!9600/8/n/1", -ENOSPC, nullptr},  // 16 characters
-        {AF_RS485, "0", -EINVAL, nullptr}, {AF_RS485, "-2@ttyS1", -EINVAL, nullptr},
-        {AF_RS485, "1@ttyS1!9600/x/n/1", -EINVAL, nullptr}, {AF_RS485, "99999999999999999999", -EINVAL, nullptr},
-        {AF_RS485, "a!b@ttyS1", -EINVAL, nullptr},  // "!" only before the device part
+        {AF_RS485, "1@ttyS1234567890AB!9600/8/n/1", -ENOSPC, ""}, {AF_RS485, "99999999999999999999", -EINVAL, ""},
+        {AF_RS485, "a!b@ttyS1", -EINVAL, ""},  // "!" only before the device part
     };
     for (const Case& c : cases) {
         const std::string label = std::string(SockAddr::Type(c.family)) + " " + (c.text ? c.text : "(null)");
         SockAddr a(AF_INET, 0x7f000001u, 1);  // a failed lookup leaves nothing of it
         EXPECT_EQ(Lookup(a, c.family, c.text), c.rv) << label;
-        EXPECT_EQ(Text(a), c.printed ? c.printed : "unknown") << label;
-        if (c.printed) { EXPECT_EQ(Text(Parsed(c.family, c.printed)), c.printed) << label; }
+        EXPECT_EQ(Text(a), *c.printed ? c.printed : "unknown") << label;
+        if (*c.printed) { EXPECT_EQ(Text(Parsed(c.family, c.printed)), c.printed) << label; }
     }
     SockAddr::SetDefaultSerial(sockaddr_serial{});
     EXPECT_EQ(Text(Parsed(AF_RS485, "7")), "7");
