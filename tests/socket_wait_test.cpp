@@ -1,15 +1,14 @@
 // The script-line reader and the whole-file reader that every command reading files shares.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <thread>
-
 #include "ScriptReader.h"
+#include "Socket.h"
 #include "fixed_paths.h"
 #include "process.h"
 #include "regular_file.h"
+#include "scripted_server.h"
 
 namespace {
 
@@ -38,20 +37,15 @@ TEST(ScriptReader, SplitsCutsSkipsAndRefusesLines)
         {"long comment skipped, tail never run", "  # " + std::string(5000, 'c') + " DELETE;\nx\n", 99, {"L2:x", "E"}},
     };
     for (const auto& c : cases) {
-        int fds[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds), 0);
-        std::thread writer([&] {  // small pieces, so that lines and the mark straddle reads
-            for (size_t at = 0; at < c.input.size(); at += 2)
-                (void)!::write(fds[1], c.input.data() + at, std::min<size_t>(2, c.input.size() - at));
-            close(fds[1]);
-        });
-        ScriptReader reader(fds[0], c.cap);
+        // In pieces a millisecond apart, so that lines and the mark straddle reads.
+        ScriptedServer peer({Then(Trickle(c.input, std::max<size_t>(2, c.input.size() / 20), 1), {Close()})});
+        Socket link(peer.Addr());
+        ASSERT_TRUE(link.Connect());
+        ScriptReader reader(link.Fd(), c.cap);
         std::vector<std::string> got;
         // Until the end or an error (a runaway reader stops at 11 entries).
         for (auto r = ScriptReader::kLine; r != ScriptReader::kEnd && r != ScriptReader::kError && got.size() <= 10;)
             got.push_back(Describe(reader, r = reader.Next()));
-        writer.join();
-        close(fds[0]);
         EXPECT_EQ(got, c.expected) << c.label;
     }
     int dir = open("/", O_RDONLY | O_DIRECTORY);
