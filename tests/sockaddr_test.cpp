@@ -78,9 +78,8 @@ TEST(SockAddr, NamesFailedTextHostentAndSockname)
     EXPECT_EQ(SockAddr::Type("IPV4"), 0);  // names are case-sensitive
     EXPECT_STREQ(SockAddr::Parity2a(static_cast<Parity>(5)), "x");
     SockAddr a(AF_MAC, "02:11:22:33:44:55");
-    EXPECT_EQ(a.GetMAC("02:11:22:zz:44:55"), -EINVAL);
-    const unsigned char* raw = reinterpret_cast<const unsigned char*>(&a.Get());
-    EXPECT_EQ(std::string(raw, raw + 8), std::string(8, '\0'));
+    const char* raw = reinterpret_cast<const char*>(&a.Get());
+    EXPECT_TRUE(a.GetMAC("02:11:22:zz:44:55") == -EINVAL && std::string(raw, 8) == std::string(8, '\0'));
     EXPECT_EQ(SockAddr(AF_UNIX, "/tmp/x").GetAF(), 0);  // this constructor takes names and MACs only
     EXPECT_EQ(a.GetIP("localhost", 12345), -EINVAL);
     char addr[4] = {10, 0, 0, 1};
@@ -98,7 +97,6 @@ TEST(SockAddr, NamesFailedTextHostentAndSockname)
 // Relations as "a==b a<b b<a", e.g. "!<." for a before b.
 TEST(SockAddr, EqualityAndOrdering)
 {
-    const bool littleEndian = htonl(1) != 1;
     const unsigned char one[16] = {0, 1};
     SockAddr ported(AF_NAME, "eth0");
     ported.GetPrivate().name.port = 5;
@@ -111,7 +109,7 @@ TEST(SockAddr, EqualityAndOrdering)
         {Parsed(AF_RS485, "3@ttyS1!9600/8/n/1"), Parsed(AF_RS485, "3@ttyS1!4800/7/e/2"), "=.."},
         {SockAddr(AF_RS485, "ttyS3", 1), SockAddr(AF_RS485, "ttyS1", 9), "!<."}, {SockAddr(), SockAddr(), "!.."},
         // IPv4 compares the raw word: on a little-endian host the last octet weighs most.
-        {v4("1.0.0.2"), v4("2.0.0.1"), littleEndian ? "!.>" : "!<."}, {v4("1.2.3.4:5"), v4("1.2.3.4:6"), "!<."},
+        {v4("1.0.0.2"), v4("2.0.0.1"), htonl(1) != 1 ? "!.>" : "!<."}, {v4("1.2.3.4:5"), v4("1.2.3.4:6"), "!<."},
         {v4("9.9.9.9"), SockAddr(AF_NAME, "a"), "!<."},  // family 2 before 33
         {SockAddr(sockaddr_in{AF_INET, htons(6), {htonl(0x01020304)}, {}}), v4("1.2.3.4:6"), "=.."},
         {SockAddr(AF_MAC, "00:00:00:00:00:01"), SockAddr(AF_MAC, "00:00:00:00:00:05"), "!<."},
