@@ -131,8 +131,8 @@ TEST(Socket, SendsWithinTheBufferAndChecksumsLines)
     EXPECT_EQ(lines.substr(lines.size() - 8), "): late\n") << lines;
 }
 
-// Bytes fetched ahead stay invisible: counters, readiness, flagged reads and the FILE view behave as
-// if each byte were read when handed out; lines are taken from the read-ahead a span at a time.
+// Bytes fetched ahead stay invisible: counters, readiness, flagged reads, the FILE view and a reconnection
+// behave as if each byte were read when handed out; lines are taken from the read-ahead a span at a time.
 TEST(Socket, ReadAheadIsInvisibleToCallers)
 {
     Pair p;
@@ -156,6 +156,16 @@ TEST(Socket, ReadAheadIsInvisibleToCallers)
     p.Send("e\n");
     char line[8];
     EXPECT_STREQ(fgets(line, sizeof line, f), "e\n");
+    // A reconnection starts clean: bytes read ahead on the old connection are gone.
+    ScriptedServer server({{Send("a\nstale\n")}, {Send("fresh\n")}});
+    Socket link(server.Addr());
+    link.ConnectTimeout(ScaledMs(5000));  // bounded connects, which must leave the descriptor as they found it
+    ASSERT_TRUE(link.Connect());
+    EXPECT_EQ(Line(link), "a");
+    EXPECT_TRUE(WaitUntil([&] { return link.Pending() == 6; }, ScaledMs(5000)));  // "stale\n" read ahead
+    link.Disconnect();
+    ASSERT_TRUE(link.Connect());
+    EXPECT_EQ(Line(link), "fresh");
 }
 
 // Each wait of a read or write is bounded on its own and leaves the link up, unless it is dead; Pending() never waits.
@@ -183,20 +193,6 @@ TEST(Socket, WaitsEndWithoutDroppingTheLinkUnlessItIsDead)
     EXPECT_EQ(silent.s.read(c, 1, 0), -EPIPE);
     EXPECT_GE(MsSince(start), 1000);
     EXPECT_EQ(silent.s.ReadLine(), -ESPIPE);
-}
-
-// A reconnection starts clean: bytes read ahead on the old connection are gone.
-TEST(Socket, ReconnectDropsTheReadAhead)
-{
-    ScriptedServer server({{Send("a\nstale\n")}, {Send("fresh\n")}});
-    Socket s(server.Addr());
-    s.ConnectTimeout(ScaledMs(5000));  // bounded connects, which must leave the descriptor as they found it
-    ASSERT_TRUE(s.Connect());
-    EXPECT_EQ(Line(s), "a");
-    EXPECT_TRUE(WaitUntil([&] { return s.Pending() == 6; }, ScaledMs(5000)));  // "stale\n" read ahead
-    s.Disconnect();
-    ASSERT_TRUE(s.Connect());
-    EXPECT_EQ(Line(s), "fresh");
 }
 
 TEST(Socket, FailuresAreRefusedAndLogged)
