@@ -1,7 +1,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
