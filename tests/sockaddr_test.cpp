@@ -104,12 +104,11 @@ TEST(SockAddr, EqualityAndOrdering)
     struct Case { SockAddr a, b; std::string rel; } cases[] = {
         {v6("fe80::1|80"), v6("fe80::1%lo|80"), "=.."}, {v6("fe80::1|80"), v6("fe80::1|81"), "!<."},
         {SockAddr(AF_INET6, one, 9), v6("2::|1"), "!<."}, {SockAddr(AF_INET6, one, 9), v6("3::|1"), "!.>"},
-        {SockAddr(AF_NAME, "eth0"), ported, "=<."}, {SockAddr(), SockAddr(AF_NAME, "a"), "!<."},
+        {SockAddr(AF_NAME, "eth0"), ported, "=<."}, {SockAddr(), SockAddr(AF_NAME, "a"), "!<."},  // family 0 before 33
         {Parsed(AF_RS485, "3@ttyS1!9600/8/n/1"), Parsed(AF_RS485, "3@ttyS1!4800/7/e/2"), "=.."},
         {SockAddr(AF_RS485, "ttyS3", 1), SockAddr(AF_RS485, "ttyS1", 9), "!<."}, {SockAddr(), SockAddr(), "!.."},
         // IPv4 compares the raw word: on a little-endian host the last octet weighs most.
         {v4("1.0.0.2"), v4("2.0.0.1"), htonl(1) != 1 ? "!.>" : "!<."}, {v4("1.2.3.4:5"), v4("1.2.3.4:6"), "!<."},
-        {v4("9.9.9.9"), SockAddr(AF_NAME, "a"), "!<."},  // family 2 before 33
         {SockAddr(sockaddr_in{AF_INET, htons(6), {htonl(0x01020304)}, {}}), v4("1.2.3.4:6"), "=.."},
         {SockAddr(AF_MAC, "00:00:00:00:00:01"), SockAddr(AF_MAC, "00:00:00:00:00:05"), "!<."},
         {Parsed(AF_UNIX, "/a"), Parsed(AF_UNIX, "/b"), "!<."},
