@@ -27,7 +27,8 @@ Script Answers(const std::vector<std::pair<std::string, std::string>>& exchanges
     return close ? Then(script, {Close()}) : script;
 }
 
-// Each row on its own thread and peer (the time-outs wait in parallel). In errors "@" is the server.
+// Each row on its own thread and peer (the time-outs wait in parallel). In errors "@" is the server. A command
+// sent wrongly or too often finds no answer in the script, so the output or the status shows it.
 TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
 {
     const std::string clean = "\xef\xbb\xbf  first  \r\n\n# comment\n\t# indented\nsecond\tline\t\n", tooLong(4001, 'x');
@@ -38,7 +39,7 @@ TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
         {"one command: no header", {"version"}, {Answers({{"version", "1.0\r\n#> "}})}, 0, "1.0\n"},
         {"CR LF, CR, pieces of a long line", {"a", "b"}, {Answers({{"a", "x\r\ny\r\r\n" + l + "\n#> "}, {"b", "#> "}})}, 0,
          "#> a\nx\ny\n\n" + l + "\n#> b\n"},
-        {"--no-echo; -- ends options", {"--no-echo", "--", "--x", "b"}, {Answers({{"--x", "1\n#> "}, {"b", "#> "}})}, 0, "1\n"},
+        {"--no-echo; -- ends options", {"--no-echo", "--", "--x", "b"}, {Answers({{"--x", "1\n#> "}, {"b", "2\n#> "}})}, 0, "1\n2\n"},
         {"--echo with one command", {"--echo", "a"}, {Answers({{"a", "1\n#> "}})}, 0, "#> a\n1\n"},
         {"--keep-going: all run, the first failure counts", {"--keep-going", "a", "b", "c"},
          {Answers({{"a", "fine\n#> "}, {"b", "Error: x\n#> "}, {"c", "Error: y\n#> "}})}, 1,
@@ -96,14 +97,6 @@ TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
             EXPECT_EQ(row.status, r.status) << label << "\n" << r.err;
             EXPECT_EQ(row.out, r.out) << label;
             EXPECT_EQ(err + (row.status == 255 ? usage : ""), OperatorErrors(r.err)) << label;
-            EXPECT_TRUE(server.WaitScriptsDone(ScaledMs(5000))) << label;
-            std::string expected, sent;  // each connection's bytes, then "|": exactly what its script expects
-            for (const Script& script : row.scripts) {
-                for (const ScriptStep& step : script) expected += step.kind == ScriptStep::Expect ? step.bytes : "";
-                expected += "|";
-            }
-            for (int i = 0; i < server.Accepted(); i++) sent += server.Received(i) + "|";
-            EXPECT_EQ(expected, sent) << label;
         });
     for (std::thread& t : threads) t.join();
     unlink(script.c_str()), rmdir(dir.c_str());
