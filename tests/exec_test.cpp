@@ -136,15 +136,14 @@ TEST(Exec, EveryServerForm)
     rmdir(dir.c_str());
 }
 
-// The simulator's own greeting, prompt and error lines; its sleep ends when the client goes, so it stops at once.
+// The simulated unit's own greeting, prompt and error lines, as the scripted peers above play them.
 TEST(Exec, AgainstTheSimulatedUnit)
 {
     SimRunner sim;
     ASSERT_TRUE(sim.Running()) << sim.Log();
-    RunResult r = RunVtest({"exec", "--server=" + sim.Address(), "--keep-going", "--timeout=1", "echo #> x", "nope",
-                            "sleep 3000", "quit"});
+    RunResult r = RunVtest({"exec", "--server=" + sim.Address(), "--keep-going", "echo #> x", "nope", "quit"});
     EXPECT_EQ(1, r.status) << r.err;
-    EXPECT_EQ("#> echo #> x\n#> x\n#> nope\nError: Unknown command 'nope'.\n#> sleep 3000\n#> quit\nBye.\n", r.out);
+    EXPECT_EQ("#> echo #> x\n#> x\n#> nope\nError: Unknown command 'nope'.\n#> quit\nBye.\n", r.out);
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 
