@@ -8,29 +8,29 @@
 
 namespace {
 
-// "key=value key=value | key=value": the records in order.
+// " key=value key=value | key=value |": the records in order.
 std::string Text(const std::list<DiscoverRecord>& records)
 {
     std::string out;
     for (const DiscoverRecord& record : records) {
-        out += out.empty() ? "" : " |";
         for (const auto& [key, value] : record) out += " " + key + "=" + value;
+        out += " |";
     }
-    return out.substr(out.empty() ? 0 : 1);
+    return out;
 }
 
 TEST(Discover, ParsesAnswersIntoRecordsInMacOrder)
 {
     const struct { const char* label; std::vector<std::string> answers; const char* records; } cases[] = {
-        {"value ends at a further =", {"version=1.2=3"}, "version=1.2"},
+        {"value ends at a further =", {"version=1.2=3"}, " version=1.2 |"},
         {"single-line form", {"mac:00:11:22:33:44:55 hwid:5 ipv4:10.0.0.5"},
-         "hwid=5 ipv4=10.0.0.5 mac=00:11:22:33:44:55 master=?"},
-        {"hwid before mac is not taken", {"hwid:5 mac:00:11:22:33:44:55"}, "mac=00:11:22:33:44:55 master=?"},
-        {"single line ends the answer", {"a=1\nx mac:1  ipv6:fe80::1\nb=2"}, "a=1 ipv6=fe80::1 mac=1 master=?"},
-        {"empty lines and bare keys skipped, = line ends", {"a=1\n\n\nb\nc=\n===\nd=4"}, "a=1"},
-        {"a record without mac is a barrier", {"hostname=x", "mac=02", "mac=01"}, "hostname=x | mac=02 | mac=01"},
-        {"an empty mac is none", {"mac=02", "mac:", "mac=01"}, "mac=01 | mac=02 | mac= master=?"},
-        {"mac order, equal ones as they came", {"mac=01\nn=1", "mac=01\nn=2", "mac=00"}, "mac=00 | mac=01 n=1 | mac=01 n=2"},
+         " hwid=5 ipv4=10.0.0.5 mac=00:11:22:33:44:55 master=? |"},
+        {"hwid before mac is not taken", {"hwid:5 mac:00:11:22:33:44:55"}, " mac=00:11:22:33:44:55 master=? |"},
+        {"single line ends the answer", {"a=1\nx mac:1  ipv6:fe80::1\nb=2"}, " a=1 ipv6=fe80::1 mac=1 master=? |"},
+        {"empty lines and bare keys skipped, = line ends", {"a=1\n\n\nb\nc=\n===\nd=4"}, " a=1 |"},
+        {"a record without mac is a barrier", {"hostname=x", "mac=02", "mac=01"}, " hostname=x | mac=02 | mac=01 |"},
+        {"an empty mac is none", {"mac=02", "mac:", "mac=01"}, " mac=01 | mac=02 | mac= master=? |"},
+        {"mac order, equal ones as they came", {"mac=01\nn=1", "mac=01\nn=2", "mac=00"}, " mac=00 | mac=01 n=1 | mac=01 n=2 |"},
     };
     for (const auto& c : cases) {
         std::list<DiscoverRecord> records;
@@ -142,7 +142,7 @@ TEST_F(DiscoverLan, CentralSearchReportsEachCentralLine)
         // The searches left the units' answers queued for this pass.
         std::list<DiscoverRecord> units;
         ASSERT_TRUE(discovery.Find(units));
-        EXPECT_EQ(Text(units), "mac=01 n=fresh remote=192.168.77.2:3543 | mac=02 n=queued remote=192.168.77.2:3543");
+        EXPECT_EQ(Text(units), " mac=01 n=fresh remote=192.168.77.2:3543 | mac=02 n=queued remote=192.168.77.2:3543 |");
     }));
 }
 
