@@ -20,7 +20,7 @@ std::string Ran(bool ok, int error, const std::string& lines = "")
 class Recorder : public Api {
 public:
     explicit Recorder(const SockAddr& server) : Api(server, strPrompt) { Timeout(10); }
-    void HandleOutput(const char* out) override { seen += out + std::string(LastLineEnd() ? 1 : 0, LastLineEnd()) + "|"; }
+    void HandleOutput(const char* out) override { seen += out + std::string(!!LastLineEnd(), LastLineEnd()) + "|"; }
     std::string Run(const char* cmd)
     {
         seen.clear();
@@ -147,8 +147,8 @@ TEST(Api, CopiesStartUnconnectedAndAreListed)
                            {Send("Hello\n#> "), Expect("b\n"), Send("2\n#> ")}});
     Recorder original(server.Addr());
     std::string called;  // each line the callback saw, then "|"
-    original.RegisterOutputCb([](void* to, const char* out) { *static_cast<std::string*>(to) += out + std::string("|"); },
-                              &called);
+    auto call = [](void* to, const char* out) { *static_cast<std::string*>(to) += out + std::string("|"); };
+    original.RegisterOutputCb(call, &called);
     const size_t listed = Api::m_objList.size();
     ASSERT_TRUE(original.Exec("a"));
     Recorder copy(original);

@@ -44,28 +44,29 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswersAndRefusedCommandLines)
     const char* u = "192.168.77.2";
     const std::string big = "mac=02\nbig=" + std::string(65507 - 11, 'x'), remote = "    remote=192.168.77.2:3543\n";
     // A tree line of a unit with a MAC and a master only.
-    auto t = [u](const char* mac, const char* master, int indent = 0) { return Brief(mac, u, "-", "-", "-", master, indent); };
+    auto t = [u](const char* mac, const char* master, int in = 0) { return Brief(mac, u, "-", "-", "-", master, in); };
     auto unit = [](const char* mac, const char* master) { return std::string("mac=") + mac + "\nmasterMac=" + master; };
     const std::string discover = "Usage: " VTEST_BINARY " discover [full] [tree] [--json] [--timeout=<seconds>] "
                                  "[--interface=<name>]\n";
     const std::string ipconfig = "Usage: " VTEST_BINARY " ipconfig <addrType> <addr> <ipv4Address> <ipv4Mask> "
                                  "<ipv4Gateway> <dnsList> [temporary] [--no-confirm] [--timeout=<seconds>] "
                                  "[--interface=<name>]\n";
-    const std::string mac = "ipconfig mac 02:00:00:00:00:01 ", ok = mac + "10.0.0.5 255.0.0.0 10.0.0.1 - ";
-    const struct { std::string label, args; std::vector<std::string> answers; std::string out,
-                   request = "Hello" + std::string(1, '\0'); int status = 0; std::string err = ""; } cases[] = {
+    struct Case { std::string label, args; std::vector<std::string> answers; std::string out,
+                  request = "Hello" + std::string(1, '\0'); int status = 0; std::string err = ""; };
+    std::vector<Case> cases = {
         {"tree: slaves under the first of their master's MAC, cycles last; the brief columns", "discover tree",
          {unit("a1", "") + "\nhwid=7\nhostname=b\nversion=1.0", unit("a2", "A1"), unit("a3", "a2"), unit("a4", "a5"),
           unit("a5", "a4"), unit("a6", "a6"), unit("a7", "a99"), unit("a8", "A9"), unit("a9", ""),
           unit("a2", "a1") + "\nhostname=dup\nversion="},
          Brief("a1", u, "7", "b", "1.0", "-") + t("a2", "A1", 4) + t("a3", "a2", 8) +
-             Brief("a2", u, "-", "dup", "-", "a1", 4) + t("a6", "a6") + t("a7", "a99") + t("a9", "-") + t("a8", "A9", 4) +
-             t("a4", "a5") + t("a5", "a4", 4)},
+             Brief("a2", u, "-", "dup", "-", "a1", 4) + t("a6", "a6") + t("a7", "a99") + t("a9", "-") +
+             t("a8", "A9", 4) + t("a4", "a5") + t("a5", "a4", 4)},
         {"full: every key, odd bytes escaped; an answer of 65,507 bytes", "discover full",
          {"mac=01\nhost\\name=a\tb\x7f\xc3\xa9\r", big},
-         t("01", "-") + "    host\\\\name=a\\x09b\\x7f\xc3\xa9\\x0d\n    mac=01\n" + remote + t("02", "-") + "    big=" +
-             big.substr(11) + "\n    mac=02\n" + remote},
-        {"json: every key, escapes, invalid UTF-8", "discover --json", {"mac=01\nname=q\"b\\s\x01\xff\xc3\xa9", "mac=02"},
+         t("01", "-") + "    host\\\\name=a\\x09b\\x7f\xc3\xa9\\x0d\n    mac=01\n" + remote + t("02", "-") +
+             "    big=" + big.substr(11) + "\n    mac=02\n" + remote},
+        {"json: every key, escapes, invalid UTF-8", "discover --json",
+         {"mac=01\nname=q\"b\\s\x01\xff\xc3\xa9", "mac=02"},
          "[\n  {\"mac\": \"01\", \"name\": \"q\\\"b\\\\s\\u0001\\ufffd\xc3\xa9\", \"remote\": \"192.168.77.2:3543\"},\n"
          "  {\"mac\": \"02\", \"remote\": \"192.168.77.2:3543\"}\n]\n"},
         {"json when none answered", "discover --json", {}, "[]\n", "Hello" + std::string(1, '\0'), 1,
@@ -73,17 +74,23 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswersAndRefusedCommandLines)
         {"ipconfig sends the library's MAC text, - as no DNS",
          "ipconfig mac 0A:0B:0C:0D:0E:0F 10.1.2.3 255.255.0.0 10.1.0.1 - temporary --no-confirm", {}, "",
          "SetIPv4 mac:0a:0b:0c:0d:0e:0f 10.1.2.3 255.255.0.0 10.1.0.1 temporary" + std::string(1, '\0')},
-        {"usage", "discover tree --json", {}, "", "", 255, "discover: tree and --json do not go together.\n" + discover},
-        {"usage", "discover --timeout=0.05", {}, "", "", 255, "discover: invalid time-out '0.05' (seconds, 0.1 to 60).\n" + discover},
-        {"usage", mac + "10.0.0.5 255.0.0.0", {}, "", "", 255, "ipconfig: missing parameter: ipv4Gateway.\n" + ipconfig},
-        {"usage", "ipconfig eth 02:00:00:00:00:01 10.0.0.5 255.0.0.0 10.0.0.1 -", {}, "", "", 255,
-         "ipconfig: unknown address type 'eth'.\n" + ipconfig},
-        {"usage", mac + "10.0.0.500 255.0.0.0 10.0.0.1 -", {}, "", "", 255,
-         "ipconfig: ipv4Address must be a dotted quad, not '10.0.0.500'.\n" + ipconfig},
-        {"usage", ok + "permanent", {}, "", "", 255, "ipconfig: unexpected argument 'permanent'.\n" + ipconfig},
-        {"usage", ok + "--interface=abcdefghijklmnop", {}, "", "", 255,
-         "ipconfig: invalid interface name 'abcdefghijklmnop' (1 to 15 characters).\n" + ipconfig},
     };
+    // Refused command lines: the reason, then the command's usage; nothing is sent.
+    const std::string mac = "ipconfig mac 02:00:00:00:00:01 ", ok = mac + "10.0.0.5 255.0.0.0 10.0.0.1 - ";
+    const std::pair<std::string, std::string> refused[] = {
+        {"discover tree --json", "tree and --json do not go together"},
+        {"discover --timeout=0.05", "invalid time-out '0.05' (seconds, 0.1 to 60)"},
+        {mac + "10.0.0.5 255.0.0.0", "missing parameter: ipv4Gateway"},
+        {"ipconfig eth 02:00:00:00:00:01 10.0.0.5 255.0.0.0 10.0.0.1 -", "unknown address type 'eth'"},
+        {mac + "10.0.0.500 255.0.0.0 10.0.0.1 -", "ipv4Address must be a dotted quad, not '10.0.0.500'"},
+        {ok + "permanent", "unexpected argument 'permanent'"},
+        {ok + "--interface=abcdefghijklmnop", "invalid interface name 'abcdefghijklmnop' (1 to 15 characters)"},
+    };
+    for (const auto& [args, why] : refused) {
+        const std::string command = Words(args)[0];
+        const std::string& usage = command == "discover" ? discover : ipconfig;
+        cases.push_back({"refused", args, {}, "", "", 255, command + ": " + why + ".\n" + usage});
+    }
     for (const auto& c : cases) {
         Script answers;
         for (const std::string& answer : c.answers) answers.push_back(Send(answer));
@@ -93,7 +100,6 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswersAndRefusedCommandLines)
         EXPECT_EQ(r.out, c.out) << c.label << ": " << c.args;
         EXPECT_EQ(r.status, c.status) << c.label << ": " << c.args;
         EXPECT_EQ(r.err, c.err) << c.label << ": " << c.args;
-        // A refused command line sends nothing.
         if (!c.request.empty()) WaitUntil([&] { return !unit->Received().empty(); }, ScaledMs(2000));
         EXPECT_EQ(unit->Received(), std::vector<std::string>(c.request.empty() ? 0 : 1, c.request)) << c.label;
     }
@@ -103,7 +109,7 @@ TEST(DiscoverCli, SendFailuresNameTheirCause)
 {
     SKIP_WITHOUT_NETNS();
     const std::vector<std::string> noRaw = {"/usr/bin/setpriv", "--inh-caps=-net_raw", "--bounding-set=-net_raw"}, caps,
-                                   eth0Down = InShell("/sbin/ip link set eth0 down && exec \"$@\"", {});
+                                   down = InShell("/sbin/ip link set eth0 down && exec \"$@\"", {});
     // up: the LAN's options
     const struct { const char* label; std::string up; const std::vector<std::string>& prefix; std::string args;
                    int status; std::string err; } cases[] = {
@@ -112,16 +118,16 @@ TEST(DiscoverCli, SendFailuresNameTheirCause)
         {"no eth0 is told before no CAP_NET_RAW", "0 --no-route --client-if=enp3s0", noRaw,
          "ipconfig mac 02:00:00:00:00:01 1.2.3.4 255.0.0.0 1.2.3.1 -", 2, "ipconfig: cannot send: no route for the "
          "broadcast, and no interface \"eth0\" for its hand-built frame (--interface=NAME names another).\n"},
-        {"--interface missing", "0", caps, "discover --interface=eth9", 2, "discover: cannot send: no interface \"eth9\".\n"},
-        {"--interface down", "0", eth0Down, "discover --interface=eth0", 2, "discover: cannot send: interface \"eth0\" is down.\n"},
+        {"missing", "0", caps, "discover --interface=eth9", 2, "discover: cannot send: no interface \"eth9\".\n"},
+        {"down", "0", down, "discover --interface=eth0", 2, "discover: cannot send: interface \"eth0\" is down.\n"},
         {"--interface up needs no route", "2 --no-route", noRaw, "discover --interface=eth0 --timeout=0.5", 0, ""},
     };
     for (const auto& c : cases) {
         SimLan lan(Words(c.up));
         ASSERT_TRUE(lan.Up()) << lan.Error();
         RunResult r = lan.Vtest(Words(c.args), c.prefix);
-        EXPECT_EQ(r.status, c.status) << c.label;
-        EXPECT_EQ(OperatorErrors(r.err), c.err) << c.label;
+        EXPECT_EQ(r.status, c.status) << c.label << ": " << c.args;
+        EXPECT_EQ(OperatorErrors(r.err), c.err) << c.label << ": " << c.args;
     }
 }
 

@@ -30,7 +30,7 @@ TEST(Discover, ParsesAnswersIntoRecordsInMacOrder)
         {"empty lines and bare keys skipped, = line ends", {"a=1\n\n\nb\nc=\n===\nd=4"}, " a=1 |"},
         {"a record without mac is a barrier", {"hostname=x", "mac=02", "mac=01"}, " hostname=x | mac=02 | mac=01 |"},
         {"an empty mac is none", {"mac=02", "mac:", "mac=01"}, " mac=01 | mac=02 | mac= master=? |"},
-        {"mac order, equal ones as they came", {"mac=01\nn=1", "mac=01\nn=2", "mac=00"}, " mac=00 | mac=01 n=1 | mac=01 n=2 |"},
+        {"equal macs as they came", {"mac=01\nn=1", "mac=01\nn=2", "mac=00"}, " mac=00 | mac=01 n=1 | mac=01 n=2 |"},
     };
     for (const auto& c : cases) {
         std::list<DiscoverRecord> records;
