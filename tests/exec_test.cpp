@@ -137,14 +137,16 @@ TEST(Exec, EveryServerForm)
     rmdir(dir.c_str());
 }
 
-// The simulated unit's own greeting, prompt and error lines, as the scripted peers above play them.
+// The simulated unit's own greeting, prompt and error lines, as the scripted peers above play them; the sleep cut
+// by the time-out is still running when the simulator stops, and ends at once.
 TEST(Exec, AgainstTheSimulatedUnit)
 {
     SimRunner sim;
     ASSERT_TRUE(sim.Running()) << sim.Log();
-    RunResult r = RunVtest({"exec", "--server=" + sim.Address(), "--keep-going", "echo #> x", "nope", "quit"});
+    RunResult r = RunVtest({"exec", "--server=" + sim.Address(), "--keep-going", "--timeout=1", "echo #> x", "nope",
+                            "sleep 3000", "quit"});
     EXPECT_EQ(1, r.status) << r.err;
-    EXPECT_EQ("#> echo #> x\n#> x\n#> nope\nError: Unknown command 'nope'.\n#> quit\nBye.\n", r.out);
+    EXPECT_EQ("#> echo #> x\n#> x\n#> nope\nError: Unknown command 'nope'.\n#> sleep 3000\n#> quit\nBye.\n", r.out);
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 
