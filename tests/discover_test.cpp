@@ -43,11 +43,11 @@ TEST(Discover, ParsesAnswersIntoRecordsInMacOrder)
     }
 }
 
-std::vector<std::string> g_reported;
+std::string g_reported;  // each reported line with the counter's value, then "|"
 int* g_counter = nullptr;
 void Collect(const char* line, int* value)
 {
-    g_reported.push_back(std::string(line) + " #" + std::to_string(*value));
+    g_reported += std::string(line) + " #" + std::to_string(*value) + "|";
     g_counter = value;
 }
 
@@ -85,8 +85,8 @@ TEST_F(DiscoverLan, ReadsAnswersAndSendsRequestsByteForByte)
         g_reported.clear();
         int hwId = 4;
         ASSERT_TRUE(discovery.Find(Collect, false, &hwId, "aa:bb:cc:dd:ee:ff"));
-        EXPECT_EQ(g_reported, (std::vector<std::string>{"02:00:00:00:00:01 i NONE NONE NONE #4", "m NONE NONE NONE NONE #4",
-                                                        "02:00:00:00:00:02 NONE 3 NONE NONE #4"}));
+        EXPECT_EQ(g_reported, "02:00:00:00:00:01 i NONE NONE NONE #4|m NONE NONE NONE NONE #4|"
+                              "02:00:00:00:00:02 NONE 3 NONE NONE #4|");
         discovery.SetWait(30);
         std::list<DiscoverRecord> none;
         daemon_should_exit = true;
@@ -124,17 +124,14 @@ TEST_F(DiscoverLan, CentralSearchReportsEachCentralLine)
         discovery.SetWait(0.2);
         g_reported.clear();
         RS485_MASTER_MAC_CHANGED = 0;
-        int hwId = 0;
         for (int search = 0; search < 3; search++) {
-            ASSERT_TRUE(discovery.Find(Collect, true, &hwId, "aa:bb:cc:dd:ee:ff"));
+            ASSERT_TRUE(discovery.Find(Collect, true, nullptr, "aa:bb:cc:dd:ee:ff"));
             if (search == 1) *g_counter = 0;  // no search resets it; a caller may
         }
-        EXPECT_EQ(g_reported, (std::vector<std::string>{
-                                  "00:11:22:33:44:55 10.0.0.9 17 5 NONE aa:bb:cc:dd:ee:ff #17",
-                                  "NONE NONE 18 NONE 02:00:00:00:00:01 aa:bb:cc:dd:ee:ff #17",
-                                  "02:00:00:00:00:03 NONE 40 7 NONE aa:bb:cc:dd:ee:ff #17",
-                                  "NONE NONE abc NONE NONE aa:bb:cc:dd:ee:ff #0",
-                                  "NONE NONE 41 NONE NONE aa:bb:cc:dd:ee:ff #41"}));
+        EXPECT_EQ(g_reported, "00:11:22:33:44:55 10.0.0.9 17 5 NONE aa:bb:cc:dd:ee:ff #17|"
+                              "NONE NONE 18 NONE 02:00:00:00:00:01 aa:bb:cc:dd:ee:ff #17|"
+                              "02:00:00:00:00:03 NONE 40 7 NONE aa:bb:cc:dd:ee:ff #17|"
+                              "NONE NONE abc NONE NONE aa:bb:cc:dd:ee:ff #0|NONE NONE 41 NONE NONE aa:bb:cc:dd:ee:ff #41|");
         EXPECT_TRUE(discovery.ChangeRS485Address("10.0.0.1", "02:00:00:00:00:09", 12));
         EXPECT_TRUE(discovery.ChangeRS485Address("10.0.0.1", std::string(200, 'm').c_str(), 12));
         EXPECT_TRUE(daemon.WaitScriptsDone(ScaledMs(5000)));
