@@ -29,10 +29,8 @@ TEST_F(SmtpClientTest, AFalseResultSaysWhereAndWhy)
     auto slow = [](const std::string& reply) { return Script{Wait(1200), Send(reply)}; };
     const std::string big(64 << 20, 'x');  // more than both socket buffers hold
     const Script refuse = {Send("550 no\r\n"), Expect("QUIT\n"), Send("221 bye\r\n")};
-    const struct {
-        const char *label, *subject, *body; std::vector<Script> scripts; int timeout; Step stage; int error;
-        const char *reply, *sentEnd;
-    } rows[] = {
+    const struct { const char *label, *subject, *body; std::vector<Script> scripts; int timeout; Step stage; int error;
+                   const char* reply; std::string sentEnd; } rows[] = {
         {"each slow reply within the time-out", "s", "m", {SmtpScript(SmtpTurns(false), 2, refuse, slow)}, 2,
          Step::MailFrom, 0, "550 no", "QUIT\n"},
         {"a stalled body times out, nothing follows", "s", big.c_str(),
@@ -48,9 +46,8 @@ TEST_F(SmtpClientTest, AFalseResultSaysWhereAndWhy)
                   std::make_tuple(row.stage, row.error, std::string(row.reply))) << row.label;
         server.Release();
         EXPECT_EQ(server.Accepted(), static_cast<int>(row.scripts.size())) << row.label;
-        const bool closed = !row.scripts.empty() && server.WaitClosed(1, ScaledMs(10000));
-        const std::string sent = closed ? server.Received(0) : "", end = row.sentEnd;
-        EXPECT_EQ(sent.substr(sent.size() - std::min(sent.size(), end.size())), end) << row.label;
+        std::string sent = !row.scripts.empty() && server.WaitClosed(1, ScaledMs(10000)) ? server.Received(0) : "";
+        EXPECT_EQ(sent.substr(sent.size() - std::min(sent.size(), row.sentEnd.size())), row.sentEnd) << row.label;
     }
 }
 
