@@ -1,5 +1,4 @@
-// The backlog judge as a table, then `vtest backlog` end to end: every form and state, /var/local in a private
-// mount namespace, --interval cut short by a signal, the simulator's replicas.
+// The backlog judge as a table, then `vtest backlog` end to end, and the simulator's replicas that feed it.
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sched.h>
@@ -59,7 +58,6 @@ struct File { std::string name, content; long ageSeconds = 1800; };  // content 
 
 struct BacklogRun : ::testing::Test {
     ~BacklogRun() override { std::filesystem::remove_all(m_dir); }
-    // Empties the directory, then makes `files` there.
     void Files(const std::vector<File>& files) const
     {
         std::filesystem::remove_all(m_dir);

@@ -52,7 +52,6 @@ struct MailCommand : ::testing::Test {
         args.insert(args.end(), {"a@x", "b@y", subject, file.empty() ? Put("message", body) : file});
         return RunVtest(args, file.empty() ? "" : body);
     }
-    // The scripted rows send the message on standard input.
     void Check(const Case& c)
     {
         const bool v6 = c.server[0] == ':';

@@ -1,5 +1,4 @@
-// Version: the strict text form, and version files read whole or not at all (the reasons a peer file is
-// refused show end to end in backlog_test).
+// Version's strict text form and its files, read whole or not at all (peer files end to end: backlog_test).
 #include <gtest/gtest.h>
 
 #include <atomic>
