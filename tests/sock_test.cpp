@@ -33,7 +33,7 @@ struct ScriptedSock : Socket {
     }
     std::string m_sent, m_input;
     size_t m_at = 0;
-    const ssize_t m_end;
+    const ssize_t m_end;  // what a read past the input gives, after a disconnect if m_drop
     const bool m_drop;
 };
 

@@ -21,14 +21,13 @@ int Lookup(SockAddr& a, sa_family_t f, const char* text)
            : f == AF_RS485 ? a.GetSerial(text) : a.Parse(f, text) ? 0 : -EINVAL;
 }
 
-// Accepted text prints as `printed`, which reads back the same; refused text leaves an invalid address.
-// Lines read without settings take them from the default serial line.
+// Accepted text prints as `printed` ("=": as given), which reads back the same; refused text ("") leaves an invalid
+// address (-EINVAL unless rv says otherwise). Lines read without settings take them from the default serial line; a
+// line's index is read from the start ("x5@" gives none), '!' only follows the device, whose name holds 15 characters.
 TEST(SockAddr, TextOfEveryFamilyParsesOrIsRefused)
 {
     SockAddr::SetDefaultSerial({AF_RS485, "ttyUSB0", 19200, 7, ODD, 2, 99});  // the index 99 is never taken
     const std::string longPath = "/tmp/" + std::string(110, 'p');
-    // printed "": refused (-EINVAL unless rv says otherwise), "=": prints as given. A line's index is read from the
-    // start ("x5@" gives none), '!' only follows the device, whose name holds 15 characters.
     struct Case { sa_family_t family; const char* text; const char* printed; int rv = 0; } cases[] = {
         {AF_INET, "10.0.0.1:3000", "="}, {AF_INET, "localhost:3543", "127.0.0.1:3543"},  // the resolver
         {AF_INET, "localhost:nosuchservice", "", -ENODATA}, {AF_INET, nullptr, ""}, {AF_NAME, "", ""},
@@ -72,13 +71,11 @@ TEST(SockAddr, NamesFailedTextHostentAndSockname)
     hostent h = {nullptr, nullptr, AF_INET, 4, list};
     SockAddr crossed(&h);  // the pointer's bytes, not the address, and in the IPv6 field
     EXPECT_TRUE(crossed.GetAF() == AF_INET && memcmp(&crossed.Get().in6.sin6_addr, &h.h_addr_list, 4) == 0 &&
-                crossed.Get().in4.sin_addr.s_addr == 0u);
-    EXPECT_TRUE(crossed.GetSockname(-1) == -EBADF && crossed.GetAF() == 0);
+                crossed.Get().in4.sin_addr.s_addr == 0u && crossed.GetSockname(-1) == -EBADF && crossed.GetAF() == 0);
 }
 
-// Equality ignores what is not the endpoint (scope, line settings, a name's port); ordering is decided
-// by the first differing byte when it is exactly one apart, else falls through to the port.
-// Relations as "a==b a<b b<a", e.g. "!<." for a before b.
+// Equality ignores what is not the endpoint (scope, line settings, a name's port); ordering goes by the first
+// differing byte when exactly one apart, else by the port. Relations as "a==b a<b b<a": "!<." puts a before b.
 TEST(SockAddr, EqualityAndOrdering)
 {
     const unsigned char one[16] = {0, 1};

@@ -44,9 +44,8 @@ TEST(Socket, AcceptsAndExchangesLinesInEveryFamily)
         Socket client(remote);
         fd_set set = {};
         int maxFd = -1;
-        // The connection is made, so the accept waits for nothing.
         ASSERT_TRUE(client.Connect() && server.AcceptListAdd(set, maxFd) && maxFd == server.Fd());
-        std::unique_ptr<Sock> accepted(server.AcceptListCheck(set));
+        std::unique_ptr<Sock> accepted(server.AcceptListCheck(set));  // connected, so it waits for nothing
         ASSERT_TRUE(accepted);
         EXPECT_TRUE(accepted->Remote().GetAF() == at.GetAF() && accepted->Local().GetPort() == remote.GetPort());
         EXPECT_TRUE(client.printf("hello %d\r\n", 1) == 9 && accepted->printf("world\n") == 6 && client.TxBytes() == 9);
@@ -106,8 +105,7 @@ TEST(Socket, SendsWithinTheBufferAndChecksumsLines)
     char line[] = "+0215 hello";  // refused, its length set to the result
     size_t len = sizeof line - 1;
     EXPECT_TRUE(Socket::CheckChecksum(line, len) == -EINVAL && len == size_t(-22));
-    p.s.Checksum(false);
-    p.s.SendFlags(1);  // wait for room first
+    p.s.Checksum(false), p.s.SendFlags(1);  // plain lines, each waiting for room first
     EXPECT_EQ(p.s.printf("ok\n"), 3);
     std::string block(65536, 'f');
     while (send(p.s.Fd(), block.data(), block.size(), MSG_DONTWAIT) > 0) {}
@@ -123,22 +121,21 @@ TEST(Socket, SendsWithinTheBufferAndChecksumsLines)
 TEST(Socket, ReadAheadIsInvisibleToCallers)
 {
     Pair p;
-    Socket& s = p.s;
     bool ready = false;
     p.Send("a\nbc\n");
-    EXPECT_TRUE(Line(s) == "a" && s.RxBytes() == 2u + 1u);
-    EXPECT_TRUE(s.RSelect(ready, 0, 0) && ready);
+    EXPECT_TRUE(Line(p.s) == "a" && p.s.RxBytes() == 2u + 1u);
+    EXPECT_TRUE(p.s.RSelect(ready, 0, 0) && ready);
     StderrCapture log;
-    EXPECT_EQ(s.File(), nullptr);  // would miss "bc\n"
+    EXPECT_EQ(p.s.File(), nullptr);  // would miss "bc\n"
     std::string lines = LogLines(log.Take());
     EXPECT_EQ(lines.find("warn Can't get FILE for /s, 3 bytes read ahead, socket 0x"), 0u) << lines;
     char buf[4] = {};
-    EXPECT_TRUE(s.read(buf, 2, MSG_PEEK) == 2 && s.read(buf, 3, MSG_DONTWAIT) == 3 && buf == std::string("bc\n"));
-    EXPECT_TRUE(s.RSelect(ready, 0, 0) && !ready);
-    FILE* f = s.File();
-    ASSERT_TRUE(f && s.File() == f);
+    EXPECT_TRUE(p.s.read(buf, 2, MSG_PEEK) == 2 && p.s.read(buf, 3, MSG_DONTWAIT) == 3 && buf == std::string("bc\n"));
+    EXPECT_TRUE(p.s.RSelect(ready, 0, 0) && !ready);
+    FILE* f = p.s.File();
+    ASSERT_TRUE(f && p.s.File() == f);
     p.Send("d\n");
-    EXPECT_EQ(Line(s), "d");  // a byte per read now, so the FILE view misses nothing
+    EXPECT_EQ(Line(p.s), "d");  // a byte per read now, so the FILE view misses nothing
     p.Send("e\n");
     char line[8];
     EXPECT_STREQ(fgets(line, sizeof line, f), "e\n");
