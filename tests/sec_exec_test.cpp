@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "process.h"
@@ -18,13 +19,9 @@ const std::string kNoPath = " (no PATH search: give the full path).\n";
 // stream, standard input too, carries far more than a pipe holds.
 TEST(SecExec, StatusesWordsStreamsEnvironmentAndUsage)
 {
-    std::string script = "'i=0; while [ $i -lt 30000 ]; do echo out$i; echo err$i >&2; i=$((i+1)); done'";
-    std::string out, err, input;
-    for (int i = 0; i < 30000; i++) {
-        out += "out" + std::to_string(i) + "\n";
-        err += "err" + std::to_string(i) + "\n";
-        input += "line " + std::to_string(i) + "\n";
-    }
+    std::string lines;
+    for (int i = 0; i < 30000; i++) lines += std::to_string(i) + "\n";
+    const std::string script = "'i=0; while [ $i -lt 30000 ]; do echo $i; echo $i >&2; i=$((i+1)); done'";
     setenv("TZ", "Europe/Oslo", 1);
     setenv("VTEST_KEEP", "kept value", 1);
     setenv("VTEST_DROP", "dropped", 1);
@@ -32,7 +29,7 @@ TEST(SecExec, StatusesWordsStreamsEnvironmentAndUsage)
     const std::string keptEnv =
         "IFS= \t\n\nPATH=" + std::string(getenv("PATH")) + "\nTZ=Europe/Oslo\nVTEST_KEEP=kept value\n";
     const struct { std::vector<std::string> words; int status; std::string out, err, input = ""; } rows[] = {
-        {{"/bin/true"}, 0, "", ""}, {{"/bin/sh", "-c", "'exit 1'"}, 1, "", ""},
+        {{"/bin/sh", "-c", "'exit 1'"}, 1, "", ""},
         {{"/nonexistent"}, 127, "", "sec-exec: cannot execute /nonexistent: No such file or directory" + kNoPath},
         {{"/etc"}, 127, "", "sec-exec: cannot execute /etc: Is a directory" + kNoPath},
         {{"/bin/sh", "-c", "'kill -TERM $$'"}, 143, "", "sec-exec: /bin/sh killed by signal 15 (Terminated).\n"},
@@ -42,23 +39,18 @@ TEST(SecExec, StatusesWordsStreamsEnvironmentAndUsage)
         {{"--bogus", "/bin/true"}, 255, "", "sec-exec: unknown option '--bogus'.\n" + kUsage},
         {{"--keep-env=VTEST_KEEP", "--keep-env=VTEST_UNSET", "--keep-env=PATH", "--keep-env=VTEST_KEEP",
           "/usr/bin/env"}, 0, keptEnv, ""},
-        {{"/bin/sh", "-c", script}, 0, out, err}, {{"/bin/cat"}, 0, input, "", input},
-        {{"/bin/echo", "done"}, 0, "done\n", "", input},  // a child that never reads its input still ends
+        {{"/bin/sh", "-c", script}, 0, lines, lines}, {{"/bin/cat"}, 0, lines, "", lines},
+        {{"/bin/echo", "done"}, 0, "done\n", "", lines},  // a child that never reads its input still ends
     };
     for (const auto& row : rows) {
         std::vector<std::string> args{"sec-exec"};
         args.insert(args.end(), row.words.begin(), row.words.end());
         RunResult r = RunVtest(args, row.input);
-        std::string label;
-        for (const std::string& w : row.words) label += w.substr(0, 40) + " ";
-        EXPECT_FALSE(r.timedOut) << label;
-        EXPECT_EQ(r.status, row.status) << label;
-        EXPECT_EQ(r.out, row.out) << label;
-        EXPECT_EQ(r.err, row.err) << label;
+        const std::string label = row.words.empty() ? "" : row.words.front() + " " + row.words.back().substr(0, 40);
+        EXPECT_EQ(std::tie(r.timedOut, r.status, r.out, r.err), std::make_tuple(false, row.status, row.out, row.err))
+            << label;
     }
-    unsetenv("TZ");
-    unsetenv("VTEST_KEEP");
-    unsetenv("VTEST_DROP");
+    for (const char* name : {"TZ", "VTEST_KEEP", "VTEST_DROP"}) unsetenv(name);
 }
 
 TEST(SecExec, InstalledSetIdGivesUpItsIdsForGood)

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <grp.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -51,22 +50,29 @@ int WaitChild(pid_t pid)
     return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// "status output" of /usr/bin/env started, with `vars` set, by a child in
-// which `start` returned 0 (a process given a pid waits for it).
-std::string EnvSeen(const std::vector<std::pair<const char*, const char*>>& vars, const std::function<pid_t()>& start)
+// What `body`, run in a child, returned, a blank and what it wrote to its standard output.
+std::string InChild(const std::function<int()>& body)
 {
     std::string dir = MakeTempDir(), path = dir + "/out";
     fflush(stdout);
     int rv = RunInNamespaces(0, [&] {
-        for (const auto& [name, value] : vars) setenv(name, value, 1);
         int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        pid_t pid = fd < 0 || dup2(fd, 1) != 1 ? -1 : start();
-        if (pid == 0) execl("/usr/bin/env", "env", static_cast<char*>(nullptr));
-        return pid > 0 ? WaitChild(pid) : 99;
+        return fd < 0 || dup2(fd, 1) != 1 ? 99 : body();
     });
     std::string text = std::to_string(rv) + " " + ReadFile(path);
     RunProgram({"/bin/rm", "-rf", dir});
     return text;
+}
+
+// /usr/bin/env as a child sees it, with `vars` set before `start` (0 in the child).
+std::string EnvSeen(const std::vector<std::pair<const char*, const char*>>& vars, const std::function<pid_t()>& start)
+{
+    return InChild([&] {
+        for (const auto& [name, value] : vars) setenv(name, value, 1);
+        pid_t pid = start();
+        if (pid == 0) execl("/usr/bin/env", "env", static_cast<char*>(nullptr));
+        return pid > 0 ? WaitChild(pid) : 99;
+    });
 }
 
 // Each command through system (output discarded) and through the stream form.
@@ -112,7 +118,7 @@ TEST(Secure, EnvironmentIsTheSafeSetPlusWhatIsKept)
 
 TEST(Secure, SanitizeFilesClosesAllButKeptAndReopensStandardOnes)
 {
-    EXPECT_EQ(0, RunInNamespaces(0, [] {
+    EXPECT_EQ("0 ", InChild([] {
         int dropped = open("/dev/null", O_RDONLY), kept = open("/dev/null", O_RDONLY), keep[] = {kept, -1};
         struct stat null, now;
         stat("/dev/null", &null);
@@ -170,63 +176,55 @@ TEST(Secure, ChildrenStartFromManyThreadsWhileOthersAllocateAndLog)
     EXPECT_EQ(failures, 0);
 }
 
-struct Ids { uid_t uid; gid_t gid; };
+const uid_t kNobody = 65534;
 
-// Runs body in a child shaped like a set-user-id program: real ids `real`,
-// effective and saved ids `owner`.
-int RunShaped(Ids real, Ids owner, const std::function<int()>& body)
+// What `body` returned in a child shaped like a set-user-id program of `owner`
+// run by nobody: real ids nobody's, effective and saved ids `owner` (uid = gid).
+std::string AsSetId(uid_t owner, const std::function<int()>& body)
 {
-    return RunInNamespaces(0, [&] {
-        if (setgroups(0, nullptr) != 0 || setresgid(real.gid, owner.gid, owner.gid) != 0 ||
-            setresuid(real.uid, owner.uid, owner.uid) != 0)
-            return 90;
-        return body();
+    return InChild([&] {
+        bool shaped = setgroups(0, nullptr) == 0 && setresgid(kNobody, owner, owner) == 0 &&
+                      setresuid(kNobody, owner, owner) == 0;
+        return shaped ? body() : 90;
     });
 }
 
-// For a root-owned and an ordinary owner: a permanent drop leaves no way back;
-// a temporary drop is undone from a record filled before; a restore that
-// cannot be done aborts.
+// For a root and an ordinary owner: a permanent drop leaves no way back; a
+// temporary drop is undone from a record filled before (root's groups too);
+// a restore that cannot be done aborts.
 TEST(SecurePrivileges, DropsArePermanentOrRestoredAndImpossibleRestoresAbort)
 {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to take set-user-id shapes with setresuid";
-    auto ids = [](const char* name) {  // getpwnam's record is overwritten by the next call
-        const passwd* entry = getpwnam(name);
-        return entry ? Ids{entry->pw_uid, entry->pw_gid} : Ids{0, 0};
-    };
-    const Ids nobody = ids("nobody"), daemon = ids("daemon");
-    if (nobody.uid == 0 || daemon.uid == 0) GTEST_SKIP() << "needs the users nobody and daemon";
-    for (Ids owner : {Ids{0, 0}, daemon}) {
-        EXPECT_EQ(0, RunShaped(nobody, owner, [&] {
+    for (uid_t owner : {0u, 1u}) {
+        EXPECT_EQ(AsSetId(owner, [owner] {
             auto saved = std::make_unique<Secure::PRIVILEGES>();
             Secure::DropPrivileges(saved.get());
-            CHILD_CHECK(saved->uid == owner.uid && saved->gid == owner.gid);
-            CHILD_CHECK(getuid() == nobody.uid && geteuid() == nobody.uid && getegid() == nobody.gid);
-            return seteuid(owner.uid) == 0 || setegid(owner.gid) == 0 ? 3 : 0;
-        })) << "permanent, owner uid " << owner.uid;
-        EXPECT_EQ(0, RunShaped(nobody, owner, [&] {
+            CHILD_CHECK(saved->uid == owner && saved->gid == owner);
+            CHILD_CHECK(getuid() == kNobody && geteuid() == kNobody && getegid() == kNobody);
+            return seteuid(owner) == 0 || setegid(owner) == 0 ? 3 : 0;
+        }), "0 ") << "permanent, owner " << owner;
+        EXPECT_EQ(AsSetId(owner, [owner] {
             gid_t groups[8] = {4, 7};
-            if (owner.uid == 0 && setgroups(2, groups) != 0) return 91;
             auto saved = std::make_unique<Secure::PRIVILEGES>();
+            if (owner == 0 && setgroups(2, groups) != 0) return 91;
             saved->uid = geteuid();
             saved->gid = getegid();
             saved->ngroups = getgroups(65536, saved->groups);
             Secure::DropPrivileges(nullptr);
-            CHILD_CHECK(geteuid() == nobody.uid && getegid() == nobody.gid);
+            CHILD_CHECK(geteuid() == kNobody && getegid() == kNobody);
             Secure::RestorePrivileges(*saved);
-            CHILD_CHECK(geteuid() == owner.uid && getegid() == owner.gid);
             int n = getgroups(8, groups);
-            return owner.uid == 0 && (n != 2 || groups[0] != 4 || groups[1] != 7) ? 3 : 0;
-        })) << "temporary, owner uid " << owner.uid;
+            CHILD_CHECK(owner != 0 || (n == 2 && groups[0] == 4 && groups[1] == 7));
+            return geteuid() == owner && getegid() == owner ? 0 : 3;
+        }), "0 ") << "temporary, owner " << owner;
     }
-    for (Ids target : {Ids{0, 0}, Ids{nobody.uid, 0}})
-        EXPECT_EQ(128 + SIGABRT, RunShaped(nobody, nobody, [target] {
-            auto saved = std::make_unique<Secure::PRIVILEGES>();
-            saved->uid = target.uid;  // no groups to restore: make_unique zeroed the record
-            saved->gid = target.gid;
+    for (uid_t uid : {0u, kNobody})
+        EXPECT_EQ(AsSetId(kNobody, [uid] {
+            auto saved = std::make_unique<Secure::PRIVILEGES>();  // zeroed: gid 0, no groups
+            saved->uid = uid;
             Secure::RestorePrivileges(*saved);
             return 0;
-        })) << "restoring uid " << target.uid << " gid " << target.gid;
+        }), std::to_string(128 + SIGABRT) + " ") << "restoring uid " << uid << " gid 0";
 }
 
 }  // namespace
