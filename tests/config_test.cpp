@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
@@ -7,6 +8,7 @@
 #include <thread>
 
 #include "Config.h"
+#include "QuillSsl.h"
 #include "fixed_paths.h"
 #include "process.h"
 
@@ -44,7 +46,7 @@ TEST_F(ConfigFile, LinesGiveThesePairsAndMessages)
     const std::string longValue(1017, 'v');
     struct Case { int valid; std::string text; Pairs pairs; std::string log; } cases[] = {  // "@": the path
         {0, "key=value", {{"key", "value"}}, ""}, {0, "k\t=\t =x\n", {{"k", "x"}}, ""},
-        {0, "=a b\n", {{"=a", "b"}}, ""}, {0, "  \t x y\n", {{"x", "y"}}, ""},  // the first character is the key's
+        {0, "=a b\n  \t x y\n", {{"=a", "b"}, {"x", "y"}}, ""},  // the first character after blanks is the key's
         {0, "a 1\nb 2\na 3\n", {{"a", "3"}, {"b", "2"}}, ""},
         {0, "v = inner  blanks # \"kept\" \t\r\n", {{"v", "inner  blanks # \"kept\" \t\r"}}, ""},
         {0, "\n \t\n==\nkey\nkey = \nk\t\n", {},  // blank lines count in the numbering
@@ -58,12 +60,10 @@ TEST_F(ConfigFile, LinesGiveThesePairsAndMessages)
     };
     for (const Case& c : cases) {
         ASSERT_TRUE(WriteFile(m_path, c.text));
+        const std::list<std::string> list = c.valid ? std::list<std::string>{"a", "b", "c"} : std::list<std::string>{};
         StderrCapture capture;
-        const Config::DefaultEntry* defaults = c.valid ? kDefaults : nullptr;
-        auto cfg = c.valid == 2 ? std::make_unique<Config>(m_path.c_str(), defaults, array)
-                                : std::make_unique<Config>(m_path.c_str(), defaults,
-                                                           c.valid ? std::list<std::string>{"a", "b", "c"}
-                                                                   : std::list<std::string>{});
+        auto cfg = c.valid == 2 ? std::make_unique<Config>(m_path.c_str(), kDefaults, array)
+                                : std::make_unique<Config>(m_path.c_str(), c.valid ? kDefaults : nullptr, list);
         EXPECT_EQ(LogLines(capture.Take()), WithPath(c.log)) << c.text;
         StderrCapture again;
         EXPECT_EQ(cfg->Reload(), c.log.rfind("err", 0) != 0) << c.text;
@@ -74,8 +74,7 @@ TEST_F(ConfigFile, LinesGiveThesePairsAndMessages)
 TEST_F(ConfigFile, MissingFileOrNoPathGivesDefaultsAndNewDefaultsWaitForReload)
 {
     StderrCapture capture;
-    Config missing(m_path.c_str(), kDefaults, nullptr);
-    Config none(nullptr, kDefaults, nullptr);
+    Config missing(m_path.c_str(), kDefaults, nullptr), none(nullptr, kDefaults, nullptr);
     EXPECT_EQ(LogLines(capture.Take()), WithPath("info No configuration file \"@\", using defaults.\n"
                                                  "info No configuration file, using defaults.\n"));
     EXPECT_EQ(All(none), (Pairs{{"a", "0"}, {"d", "dv"}}));
@@ -94,8 +93,7 @@ TEST_F(ConfigFile, MissingFileOrNoPathGivesDefaultsAndNewDefaultsWaitForReload)
 // Opened read-write on purpose: a file this process may not write is missing.
 TEST_F(ConfigFile, ReadOnlyFileCountsAsMissing)
 {
-    std::string reason = NamespacesUnavailableReason(CLONE_NEWNS);
-    if (!reason.empty()) GTEST_SKIP() << reason;
+    if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
     ASSERT_TRUE(WriteFile(m_path, "a 1\n"));
     std::string report = RunInMountNamespace([&] {
         int rv = BindReadOnly(m_path.c_str());
@@ -111,14 +109,12 @@ TEST_F(ConfigFile, ReadOnlyFileCountsAsMissing)
 TEST_F(ConfigFile, ReadersNeverSeeHalfALoadedFile)
 {
     std::string files[2];
-    const Pairs defaults{{"a", "0"}, {"d", "dv"}};
-    Pairs expected[2] = {defaults, defaults};
-    for (int k = 0; k < 20; k++)
-        for (int f = 0; f < 2; f++) {
-            std::string key = "k" + std::to_string(k), value = f ? "two" : "one";
-            files[f] += key + " " + value + "\n";
-            expected[f][key] = value;
-        }
+    Pairs expected[2] = {{{"a", "0"}, {"d", "dv"}}, {{"a", "0"}, {"d", "dv"}}};
+    for (int k = 0; k < 40; k++) {
+        std::string key = "k" + std::to_string(k / 2), value = k % 2 ? "two" : "one";
+        files[k % 2] += key + " " + value + "\n";
+        expected[k % 2][key] = value;
+    }
     ASSERT_TRUE(WriteFile(m_path, files[0]));
     Config cfg(m_path.c_str(), kDefaults, nullptr);
     std::atomic<bool> stop{false};
@@ -134,9 +130,38 @@ TEST_F(ConfigFile, ReadersNeverSeeHalfALoadedFile)
         reloaded = WriteFile(staged, files[i % 2]) && rename(staged.c_str(), m_path.c_str()) == 0 && cfg.Reload();
     stop = true;
     for (std::thread& t : readers) t.join();
-    EXPECT_TRUE(reloaded);
-    EXPECT_EQ(torn, 0);
-    EXPECT_GT(copies, 0);
+    EXPECT_TRUE(reloaded && torn == 0 && copies > 0) << reloaded << ", " << torn << " torn of " << copies;
+}
+
+// Each "-altbase" takes the next word, even "-altbase"; the last one wins.
+TEST(QuillSsl, AltbaseScanLastOneWins)
+{
+    const std::pair<std::vector<const char*>, const char*> cases[] = {
+        {{"-altbase", "/a"}, "/a"}, {{"-altbase", "/a", "-altbase", "/b"}, "/b"}, {{"x", "-altbase", "/a", "y"}, "/a"},
+        {{"-altbase", "/a", "-altbase"}, "/a"}, {{"-altbase", "-altbase", "/b"}, "-altbase"},
+        {{"-Altbase", "/a", "altbase", "/b"}, "/etc/ssl"},
+    };
+    for (const auto& [args, baseDir] : cases) {
+        Bbs cfg("ssl");
+        cfg.Set("Ssl.BaseDir", "/etc/ssl");
+        ssl_scan_args(cfg, static_cast<int>(args.size()), const_cast<char* const*>(args.data()));
+        EXPECT_STREQ(cfg.GetStr("Ssl.BaseDir", "<none>"), baseDir) << args.size() << " words, first " << args[0];
+    }
+}
+
+// sslinit reads the fixed file (its absence is only noted), initialises the
+// SSL context and ends with status 0, whatever its arguments.
+TEST(SslInit, RunsOnTheFixedFileAndAlwaysExitsZero)
+{
+    if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
+    std::string report = RunInMountNamespace([] {
+        std::string report = unlink("/etc/vantor.conf") == 0 || errno == ENOENT ? "" : "cannot remove ";
+        RunResult r = RunVtest({"sslinit", "x", "-altbase", "/a", "-altbase"});
+        return report + std::to_string(r.status) + "|" + r.out + "|" + LogLines(r.err);
+    });
+    EXPECT_EQ(report, "0||info No configuration file \"/etc/vantor.conf\", using defaults.\n"
+                      "info SSL: Support not included.\n"
+                      "info SSL: #################### Init check passed ####################\n");
 }
 
 }  // namespace

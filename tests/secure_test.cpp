@@ -142,27 +142,22 @@ TEST(Secure, ChildrenStartFromManyThreadsWhileOthersAllocateAndLog)
     std::atomic<bool> stop{false};
     std::atomic<int> failures{0};
     std::vector<std::thread> busy, starters;
-    for (int t = 0; t < 3; t++)
-        busy.emplace_back([&stop] {
-            while (!stop) {
-                void* p = safe_mem_malloc(64, __FILE__, __LINE__);
-                Mutex census(false);
-                syslog_safe(7, "DBG %s:%d busy %p", __FILE__, __LINE__, p);
-                safe_mem_free(p, __FILE__, __LINE__);
-            }
-        });
+    auto useLocks = [] {  // the allocator's, the logger's and the object census's
+        void* p = safe_mem_malloc(64, __FILE__, __LINE__);
+        Mutex census(false);
+        syslog_safe(7, "DBG %s:%d busy %p", __FILE__, __LINE__, p);
+        safe_mem_free(p, __FILE__, __LINE__);
+    };
+    for (int t = 0; t < 3; t++) busy.emplace_back([&] { while (!stop) useLocks(); });
     for (int t = 0; t < 4; t++)
-        starters.emplace_back([t, &failures] {
+        starters.emplace_back([t, &failures, &useLocks] {
             for (int i = 0; i < 12 && failures == 0; i++) {
                 std::string expected = std::to_string(t) + "-" + std::to_string(i);
                 bool echoed = StreamOutput(("/bin/echo " + expected).c_str()) == expected + "\n|0";
-                int rv = RunInNamespaces(0, [] {  // the forked child logs, allocates and counts an object itself
+                int rv = RunInNamespaces(0, [&] {  // the forked child takes the same locks itself
                     pid_t pid = Secure::fork();
-                    if (pid != 0) return WaitChild(pid);
-                    syslog_safe(7, "DBG %s:%d in the child", __FILE__, __LINE__);
-                    safe_mem_free(safe_mem_malloc(16, __FILE__, __LINE__), __FILE__, __LINE__);
-                    Mutex census(true);
-                    _exit(0);
+                    if (pid == 0) useLocks(), _exit(0);
+                    return WaitChild(pid);
                 }, 20000);
                 if (!echoed || rv != 0 || Secure::system("/nonexistent") != 127) failures++;
             }
