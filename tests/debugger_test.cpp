@@ -23,24 +23,21 @@
 
 namespace {
 
-std::string CaptureLog(int level, const char* text)
-{
-    testing::internal::CaptureStderr();
-    syslog_safe(level, "%s", text);
-    return testing::internal::GetCapturedStderr();
-}
-
+// Each piece of a message is a line with the same prefix (the thread's id in
+// it); levels past the named ones read "unk ".
 TEST(SyslogSafe, SplitsLinesSkipsEmptyPiecesAndNamesLevels)
 {
-    std::string out = CaptureLog(6, "a\n\nb");
-    std::smatch m;
-    const std::regex twoLines(R"((\d\d\.\d{6} \[(\d+)\] )info a\n(\d\d\.\d{6} \[\d+\] )info b\n)");
-    ASSERT_TRUE(std::regex_match(out, m, twoLines)) << out;
-    EXPECT_EQ(m[1], m[3]);
-    EXPECT_EQ(m[2], std::to_string(dbg_gettid()));
+    testing::internal::CaptureStderr();
+    syslog_safe(6, "%s", "a\n\nb");
+    const std::string out = testing::internal::GetCapturedStderr();
+    const std::regex twoLines("(\\d\\d\\.\\d{6} \\[" + std::to_string(dbg_gettid()) + "\\] )info a\n\\1info b\n");
+    EXPECT_TRUE(std::regex_match(out, twoLines)) << out;
     for (const auto& [level, name] : {std::pair<int, std::string>{0, "emrg"}, {3, "err "}, {4, "warn"}, {7, "dbg "},
-                                      {8, "unk "}, {12, "unk "}})
-        EXPECT_NE(CaptureLog(level, "x").find(name + " x\n"), std::string::npos) << level;
+                                      {8, "unk "}, {12, "unk "}}) {
+        StderrCapture capture;
+        syslog_safe(level, "x");
+        EXPECT_EQ(LogLines(capture.Take()), name + " x\n") << level;
+    }
 }
 
 // In a private mount namespace whose /dev is a tmpfs holding only our own
@@ -71,8 +68,7 @@ int CheckDaemonChunks()
 
 TEST(SyslogSafe, DaemonModeSendsChunksMarkedAsContinued)
 {
-    std::string why = NamespacesUnavailableReason(CLONE_NEWNS);
-    if (!why.empty()) GTEST_SKIP() << why;
+    if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
     EXPECT_EQ(RunInNamespaces(CLONE_NEWNS, CheckDaemonChunks), 0);
 }
 
@@ -96,61 +92,54 @@ TEST(CrashHandler, AddFileSplitsAtLineEndsAndCutsLongLines)
 {
     std::string dir = MakeTempDir(), path = dir + "/in";
     ASSERT_TRUE(WriteFile(path, "one\r\ntwo\vthree\n" + std::string(300, 'x') + "\n"));
-    char* written = nullptr;
-    size_t size = 0;
-    FILE* dump = open_memstream(&written, &size);
+    FILE* dump = tmpfile();
     StderrCapture capture;
     EXPECT_EQ(dbg_add_file(path.c_str(), dump, 1), 0);
     EXPECT_EQ(dbg_add_file((dir + "/missing").c_str(), dump, 1), -1);
     std::string log = LogLines(capture.Take());
+    fflush(dump);
+    EXPECT_EQ(ReadFd(fileno(dump)), "\n" + path + "\n-----------------------------------------\none\ntwo\nthree\n" +
+                                       std::string(255, 'x') + "\n" + std::string(45, 'x') + "\n");
     fclose(dump);
-    EXPECT_EQ(written, "\n" + path + "\n-----------------------------------------\none\ntwo\nthree\n" +
-                           std::string(255, 'x') + "\n" + std::string(45, 'x') + "\n");
-    free(written);
     EXPECT_NE(log.find("! ----------------------------------------------------\n"), std::string::npos);
     EXPECT_NE(log.find("err  Unable to open " + dir + "/missing (2).\n"), std::string::npos) << log;
     RunProgram({"/bin/rm", "-rf", dir});
 }
 
-// Starts a vtest blocked opening a FIFO for writing, with its crash handler in
+// "how it ended pid <pid>", "<dump files> <first one>", the log and the dump of
+// a vtest sent `sig` while blocked opening a FIFO with its crash handler in
 // place: SIGSTKFLT, the last signal it installs and one no sanitizer runtime
 // catches, shows in the caught-signal mask; under qemu the mask shows the
 // emulator's own handlers from the start, so it must also block in the open.
-pid_t StartBlockedVtest(const std::string& dir)
-{
-    std::vector<std::string> argv = TargetArgv(VTEST_BINARY, {"usb", "reset", dir + "/hub"});
-    std::vector<char*> args;
-    for (std::string& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    rlimit noCore = {0, 0};  // this is a RunInNamespaces child: the limit stays in it
-    pid_t pid = mkfifo((dir + "/hub").c_str(), 0600) == 0 && setrlimit(RLIMIT_CORE, &noCore) == 0 ? fork() : -1;
-    if (pid == 0) {
-        int err = open((dir + "/stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        if (dup2(err, 2) == 2) execv(args[0], args.data());
-        _exit(127);
-    }
-    const std::string proc = "/proc/" + std::to_string(pid);
-    auto ready = [&] {
-        std::string status = ReadFile(proc + "/status");
-        size_t at = status.find("SigCgt:");
-        return at != std::string::npos && std::stoull(status.substr(at + 7), nullptr, 16) >> (SIGSTKFLT - 1) & 1 &&
-               ReadFile(proc + "/wchan") == "wait_for_partner";
-    };
-    return pid > 0 && WaitUntil(ready, ScaledMs(5000)) ? pid : -1;
-}
-
-// "how it ended pid <pid>", "<dump files> <first one>", the log and the dump of
-// a blocked vtest sent `sig`; a SIGUSR1 run is let go on once its dump is written.
+// A SIGUSR1 run is let go on once its dump is written.
 std::string CrashReport(int sig)
 {
     return RunInMountNamespace([sig] {
-        std::string dir = MakeTempDir(), errPath = dir + "/stderr";
-        pid_t pid = StartBlockedVtest(dir);
-        int reader = -1, status = 0;
-        if (pid <= 0 || kill(pid, sig) != 0) return std::string("no blocked vtest");
+        const std::string dir = MakeTempDir(), errPath = dir + "/stderr", fifo = dir + "/hub";
+        std::vector<std::string> argv = TargetArgv(VTEST_BINARY, {"usb", "reset", fifo});
+        std::vector<char*> args;
+        for (std::string& a : argv) args.push_back(a.data());
+        args.push_back(nullptr);
+        rlimit noCore = {0, 0};  // this is a RunInNamespaces child: the limit stays in it
+        pid_t pid = mkfifo(fifo.c_str(), 0600) == 0 && setrlimit(RLIMIT_CORE, &noCore) == 0 ? fork() : -1;
+        if (pid == 0) {
+            int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            if (dup2(err, 2) == 2) execv(args[0], args.data());
+            _exit(127);
+        }
+        if (pid < 0) return std::string("no vtest");  // never kill(-1) or waitpid(-1)
+        const std::string proc = "/proc/" + std::to_string(pid);
+        auto blocked = [&] {
+            std::string status = ReadFile(proc + "/status");
+            size_t at = status.find("SigCgt:");
+            return at != std::string::npos && std::stoull(status.substr(at + 7), nullptr, 16) >> (SIGSTKFLT - 1) & 1 &&
+                   ReadFile(proc + "/wchan") == "wait_for_partner";
+        };
         auto stored = [&] { return ReadFile(errPath).find("Debug info stored") != std::string::npos; };
-        if (sig == SIGUSR1)  // a run that never stores its dump would block in its open for good
-            WaitUntil(stored, ScaledMs(5000)) ? reader = open((dir + "/hub").c_str(), O_RDONLY) : kill(pid, SIGKILL);
+        int reader = -1, status = 0;
+        if (!WaitUntil(blocked, ScaledMs(5000)) || kill(pid, sig) != 0) kill(pid, SIGKILL);
+        else if (sig == SIGUSR1)  // a run that never stores its dump would block in its open for good
+            WaitUntil(stored, ScaledMs(5000)) ? reader = open(fifo.c_str(), O_RDONLY) : kill(pid, SIGKILL);
         waitpid(pid, &status, 0);
         close(reader);
         glob_t dumps{};
@@ -169,8 +158,7 @@ std::string CrashReport(int sig)
 // fault address, and a SIGUSR1 run goes on to fail its ioctl on the FIFO.
 TEST(CrashHandler, FatalSignalLeavesLogAndDumpFileAndUsr1DumpsAndGoesOn)
 {
-    std::string why = NamespacesUnavailableReason(CLONE_NEWNS);
-    if (!why.empty()) GTEST_SKIP() << why;
+    if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
     const struct { int sig; std::string ended, name, afterHead, more; } rows[] = {
         {SIGSEGV, "signal 11", "SIGSEGV(11)", "Fault address: 0x", "Debug info stored to /var/local/vtest-"},
         {SIGUSR1, "exit 1", "SIGUSR1(10)", "\nBacktrace", "Error in ioctl: Inappropriate ioctl for device\n"},
