@@ -229,9 +229,9 @@ TEST(SecExec, StatusesWordsStreamsEnvironmentAndUsage)
     std::string lines;
     for (int i = 0; i < 30000; i++) lines += std::to_string(i) + "\n";
     const std::string script = "'i=0; while [ $i -lt 30000 ]; do echo $i; echo $i >&2; i=$((i+1)); done'";
-    setenv("TZ", "Europe/Oslo", 1);
-    setenv("VTEST_KEEP", "kept value", 1);
-    setenv("VTEST_DROP", "dropped", 1);
+    const std::pair<const char*, const char*> vars[] = {
+        {"TZ", "Europe/Oslo"}, {"VTEST_KEEP", "kept value"}, {"VTEST_DROP", "x"}};
+    for (const auto& [name, value] : vars) setenv(name, value, 1);
     // A kept name holds its first place; PATH, when kept, its safe one.
     const std::string keptEnv =
         "IFS= \t\n\nPATH=" + std::string(getenv("PATH")) + "\nTZ=Europe/Oslo\nVTEST_KEEP=kept value\n";
@@ -257,7 +257,7 @@ TEST(SecExec, StatusesWordsStreamsEnvironmentAndUsage)
         EXPECT_EQ(std::tie(r.timedOut, r.status, r.out, r.err), std::make_tuple(false, row.status, row.out, row.err))
             << label;
     }
-    for (const char* name : {"TZ", "VTEST_KEEP", "VTEST_DROP"}) unsetenv(name);
+    for (const auto& [name, value] : vars) unsetenv(name);
 }
 
 TEST(SecExec, InstalledSetIdGivesUpItsIdsForGood)
