@@ -19,7 +19,6 @@
 #include "Mutex.hpp"
 #include "Secure.h"
 #include "debugger.h"
-#include "fixed_paths.h"
 #include "process.h"
 #include "utils.h"
 #include "wait.h"
