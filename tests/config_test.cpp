@@ -40,8 +40,7 @@ protected:
     std::string m_path;
 };
 
-// Valid keys: 0 any, 1 the list a, b, c; 2 the array a, "", c, which ends at
-// its empty string. Rows with valid keys load over kDefaults.
+// Valid keys: 0 any, 1 the list a, b, c; 2 the array a, "", c (ends at ""). Rows with valid keys load kDefaults.
 TEST_F(ConfigFile, LinesGiveThesePairsAndMessages)
 {
     const char* const array[] = {"a", "", "c", nullptr};
@@ -105,8 +104,7 @@ TEST_F(ConfigFile, ReadOnlyFileCountsAsMissing)
     EXPECT_EQ(report, WithPath("0 0 info No configuration file \"@\", using defaults.\n"));
 }
 
-// Readers take whole-board copies while the file flips between two contents
-// and is reloaded; each copy must be all of one file.
+// Readers copy the whole board while reloads flip the file between two contents.
 TEST_F(ConfigFile, ReadersNeverSeeHalfALoadedFile)
 {
     std::string files[2];
@@ -134,8 +132,7 @@ TEST_F(ConfigFile, ReadersNeverSeeHalfALoadedFile)
     EXPECT_TRUE(reloaded && torn == 0 && copies > 0) << reloaded << ", " << torn << " torn of " << copies;
 }
 
-// The key ends at the blanks before the first "=" only when that "=" is not
-// among the first two characters; old files rely on each of these rows.
+// The key ends at the blanks before the first "=" unless it is among the first two characters; old files rely on it.
 TEST_F(ConfigFile, ControllerConfLinesGiveThesePairs)
 {
     const std::string x194(194, 'x');
@@ -154,8 +151,7 @@ TEST_F(ConfigFile, ControllerConfLinesGiveThesePairs)
     }
 }
 
-// On the fixed file in a private mount namespace: a setup (0 when it worked),
-// a write of `pairs` and a read back, with every log line, as one report.
+// On the fixed file in a private mount namespace: a setup (0 when it worked), a write, its log and a read back.
 TEST(ControllerConfFile, WriteKeepsABackupAndReportsFailures)
 {
     if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
@@ -206,8 +202,7 @@ TEST(QuillSsl, AltbaseScanLastOneWins)
     }
 }
 
-// sslinit reads the fixed file (its absence is only noted), initialises the
-// SSL context and ends with status 0, whatever its arguments.
+// sslinit reads the fixed file (its absence only noted) and ends with status 0, whatever its arguments.
 TEST(SslInit, RunsOnTheFixedFileAndAlwaysExitsZero)
 {
     if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;

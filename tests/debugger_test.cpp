@@ -23,8 +23,7 @@
 
 namespace {
 
-// Each piece of a message is a line with the same prefix (the thread's id in
-// it); levels past the named ones read "unk ".
+// Each piece of a message is a line with the same prefix; levels past the named ones read "unk ".
 TEST(SyslogSafe, SplitsLinesSkipsEmptyPiecesAndNamesLevels)
 {
     testing::internal::CaptureStderr();
@@ -40,40 +39,35 @@ TEST(SyslogSafe, SplitsLinesSkipsEmptyPiecesAndNamesLevels)
     }
 }
 
-// In a private mount namespace whose /dev is a tmpfs holding only our own
-// /dev/log, so the daemon path's syslog records can be read back.
-int CheckDaemonChunks()
-{
-    CHILD_CHECK(mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0);
-    int server = socket(AF_UNIX, SOCK_DGRAM, 0);
-    sockaddr_un addr = {AF_UNIX, "/dev/log"};
-    CHILD_CHECK(bind(server, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0);
-    openlog("t", LOG_NDELAY, LOG_LOCAL5);
-    daemon_is_on = true;
-    syslog_safe(6, "%s", std::string(450, 'm').c_str());
-    daemon_is_on = false;
-    // Each record: "<pri>timestamp t: PREFIX[...]chunk"; 200 bytes but the last, the later ones marked.
-    const std::regex record(R"(t: (\d\d\.\d{6} \[\d+\] )(\.\.\.)?(m+)$)");
-    char buf[1024];
-    size_t total = 0, i = 0;
-    for (ssize_t n; (n = recv(server, buf, sizeof buf, MSG_DONTWAIT)) > 0; i++) {
-        std::string text(buf, n);
-        std::smatch m;
-        CHILD_CHECK(std::regex_search(text, m, record) && m[2].matched == (i > 0));
-        CHILD_CHECK(i == 2 || m[3].length() == 200 - m[1].length());
-        total += m[3].length();
-    }
-    return i == 3 && total == 450 ? 0 : 16;
-}
-
+// In a private mount namespace whose /dev holds only our own /dev/log, to read the daemon path's records back.
 TEST(SyslogSafe, DaemonModeSendsChunksMarkedAsContinued)
 {
     if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
-    EXPECT_EQ(RunInNamespaces(CLONE_NEWNS, CheckDaemonChunks), 0);
+    EXPECT_EQ(RunInNamespaces(CLONE_NEWNS, [] {
+        CHILD_CHECK(mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0);
+        int server = socket(AF_UNIX, SOCK_DGRAM, 0);
+        sockaddr_un addr = {AF_UNIX, "/dev/log"};
+        CHILD_CHECK(bind(server, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0);
+        openlog("t", LOG_NDELAY, LOG_LOCAL5);
+        daemon_is_on = true;
+        syslog_safe(6, "%s", std::string(450, 'm').c_str());
+        daemon_is_on = false;
+        // Each record: "<pri>timestamp t: PREFIX[...]chunk"; 200 bytes but the last, the later ones marked.
+        const std::regex record(R"(t: (\d\d\.\d{6} \[\d+\] )(\.\.\.)?(m+)$)");
+        char buf[1024];
+        size_t total = 0, i = 0;
+        for (ssize_t n; (n = recv(server, buf, sizeof buf, MSG_DONTWAIT)) > 0; i++) {
+            std::string text(buf, n);
+            std::smatch m;
+            CHILD_CHECK(std::regex_search(text, m, record) && m[2].matched == (i > 0));
+            CHILD_CHECK(i == 2 || m[3].length() == 200 - m[1].length());
+            total += m[3].length();
+        }
+        return i == 3 && total == 450 ? 0 : 16;
+    }), 0);
 }
 
-// The dump test sees the common names, the code-0 cause and a demangled frame;
-// these are the edges: the general cause table ends every search, odd frames stay.
+// The edges the dump test does not see: the general cause table ends every search, odd frames stay.
 TEST(CrashHandler, SignalNamesCauseTextAndDemangling)
 {
     for (const auto& [sig, name] : {std::pair<int, const char*>{0, "UNKNOWN"}, {31, "SIGSYS"}, {32, "UNKNOWN"},
@@ -106,12 +100,9 @@ TEST(CrashHandler, AddFileSplitsAtLineEndsAndCutsLongLines)
     RunProgram({"/bin/rm", "-rf", dir});
 }
 
-// "how it ended pid <pid>", "<dump files> <first one>", the log and the dump of
-// a vtest sent `sig` while blocked opening a FIFO with its crash handler in
-// place: SIGSTKFLT, the last signal it installs and one no sanitizer runtime
-// catches, shows in the caught-signal mask; under qemu the mask shows the
-// emulator's own handlers from the start, so it must also block in the open.
-// A SIGUSR1 run is let go on once its dump is written.
+// "how it ended pid <pid>", "<dump files> <first>", log and dump of a vtest sent `sig` while blocked opening a FIFO.
+// Its handlers are in place once SIGSTKFLT (the last one installed; no sanitizer catches it) shows in the caught
+// mask; under qemu, whose own handlers show from the start, once it also blocks in the open.
 std::string CrashReport(int sig)
 {
     return RunInMountNamespace([sig] {
@@ -154,8 +145,7 @@ std::string CrashReport(int sig)
     });
 }
 
-// The log and dump layout, shared by both signals; only fault signals have a
-// fault address, and a SIGUSR1 run goes on to fail its ioctl on the FIFO.
+// Only fault signals have a fault address; a SIGUSR1 run goes on and fails its ioctl on the FIFO.
 TEST(CrashHandler, FatalSignalLeavesLogAndDumpFileAndUsr1DumpsAndGoesOn)
 {
     if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;

@@ -45,8 +45,7 @@ TEST(Base64, RoundTripsOnOneLineAndRejectsDamagedText)
     }
 }
 
-// One byte past the end (after the NUL) breaks the tail guard: logged, and the
-// block is leaked rather than freed; mended, it frees normally.
+// One byte past the end (after the NUL) breaks the tail guard: logged and leaked; mended, it frees normally.
 TEST(GuardedAllocator, CountsBlocksAndObjectsAndLeaksAnOverrunBlock)
 {
     size_t live = safe_mem_live_blocks();

@@ -1,5 +1,4 @@
-// Starting children safely: statuses, what a child sees, forks while other
-// threads hold locks, identity changes that must abort, and sec-exec on top.
+// Starting children safely: statuses, what a child sees, forks under held locks, identity changes, sec-exec.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -100,9 +99,7 @@ TEST(Secure, StatusesAndWhatTheChildSees)
     EXPECT_EQ(Secure::pclose(stdin), -1);
 }
 
-// A forked child gets the safe set and TZ; SanitizeEnvironment keeps the named
-// variables in the order named (sec-exec's rows cover SafeEnvironment);
-// SanitizeFiles closes all but the kept descriptors and reopens standard ones.
+// SanitizeEnvironment keeps named variables in the order named (sec-exec's rows cover SafeEnvironment).
 TEST(Secure, ChildEnvironmentAndDescriptors)
 {
     EXPECT_EQ(EnvSeen({{"TZ", "UTC"}, {"VTEST_SECRET", "x"}}, Secure::fork), "0 " + kSafeEnv + "TZ=UTC\n");
@@ -125,8 +122,7 @@ TEST(Secure, ChildEnvironmentAndDescriptors)
     }));
 }
 
-// Children start and end from several threads at once while other threads
-// hold the allocator's and the logger's resources at the moment of fork.
+// Children start from several threads while others hold the allocator's and the logger's locks.
 TEST(Secure, ChildrenStartFromManyThreadsWhileOthersAllocateAndLog)
 {
     // This toolchain's AddressSanitizer does not hold its allocator locks across fork.
@@ -168,8 +164,7 @@ TEST(Secure, ChildrenStartFromManyThreadsWhileOthersAllocateAndLog)
 
 const uid_t kNobody = 65534;
 
-// What `body` returned in a child shaped like a set-user-id program of `owner`
-// run by nobody: real ids nobody's, effective and saved ids `owner` (uid = gid).
+// `body` in a child shaped like a set-user-id program of `owner` (uid = gid) that nobody runs.
 std::string AsSetId(uid_t owner, const std::function<int()>& body)
 {
     return InChild([&] {
@@ -179,9 +174,7 @@ std::string AsSetId(uid_t owner, const std::function<int()>& body)
     });
 }
 
-// For a root and an ordinary owner: a permanent drop leaves no way back; a
-// temporary drop is undone from a record filled before (root's groups too);
-// a restore that cannot be done aborts.
+// Root and ordinary owners; a temporary drop is undone from a record filled before (root's groups too).
 TEST(SecurePrivileges, DropsArePermanentOrRestoredAndImpossibleRestoresAbort)
 {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to take set-user-id shapes with setresuid";
@@ -221,8 +214,7 @@ const std::string kUsage =
     std::string("Usage: ") + VTEST_BINARY + " sec-exec [--keep-env=<name>]... <command> [<argument>]...\n";
 const std::string kNoPath = " (no PATH search: give the full path).\n";
 
-// Words are joined, then split again like the daemon's command lines; each
-// stream, standard input too, carries far more than a pipe holds.
+// Words are joined, then split again like the daemon's; each stream carries far more than a pipe holds.
 TEST(SecExec, StatusesWordsStreamsEnvironmentAndUsage)
 {
     std::string lines;
