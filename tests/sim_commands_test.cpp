@@ -10,7 +10,6 @@
 #include "Centrals.h"
 #include "process.h"
 #include "shell_client.h"
-#include "sim_runner.h"
 #include "utils.h"
 
 namespace {
@@ -19,10 +18,9 @@ TEST(SimCommands, AnswersEachCommandWithExactlyTheBytesApiReadsBesideTheDatabase
 {
     SimRunner sim;
     ASSERT_TRUE(sim.Running()) << sim.Log();
-    FdShellTransport database(sim.Connect());
-    ScriptedShellClient shell(database);
-    ASSERT_TRUE(shell.Greet() && shell.Setup());
-    Api api(SockAddr(AF_INET, 0x7F000001u, sim.Port()), strPrompt);
+    auto shell = SimShell(sim);
+    ASSERT_TRUE(shell->Reconnect());
+    Api api(SimAddr(sim), strPrompt);
     api.Timeout(ScaledMs(10000) / 1000);
     // Lines each followed by "|", then "?<error>" unless the output ended at the prompt with no byte left.
     const auto run = [&](const std::string& command) {
@@ -71,16 +69,12 @@ TEST(SimCommands, AnswersEachCommandWithExactlyTheBytesApiReadsBesideTheDatabase
         {std::string(70000, 'z') + "\n", "Error: line longer than 8000 bytes.\n#> "},
     };
     for (const auto& [sent, answer] : firsts) {
-        FdShellTransport link(sim.Connect());
-        std::string bytes, label = sent.substr(0, 20);
-        ASSERT_TRUE(link.ReadUntil("#> ", bytes, 5000) && link.Send(sent)) << label;
-        bytes.clear();
-        EXPECT_TRUE(link.ReadUntil(answer, bytes, 5000) && link.Quiet(50)) << label;
-        EXPECT_EQ(answer, bytes) << label;
-    }
-    std::vector<std::string> lines;  // the database client on the same port is undisturbed
-    EXPECT_EQ(0, shell.Exec("SELECT HwID FROM Hardware LIMIT 2;", lines));
-    EXPECT_EQ((std::vector<std::string>{"HwID", "1", "2"}), lines);
+        RawLink link(sim.Connect());
+        ASSERT_TRUE(link.ReadUntil("#> ") && link.Send(sent)) << sent.substr(0, 20);
+        link.got.clear();
+        EXPECT_TRUE(link.ReadUntil(answer) && link.Quiet(50) && link.got == answer) << sent.substr(0, 20) << link.got;
+    }  // the database client on the same port is undisturbed
+    EXPECT_EQ((std::vector<std::string>{"HwID", "1", "2"}), SimRun(*shell, "SELECT HwID FROM Hardware LIMIT 2;"));
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 
@@ -111,11 +105,10 @@ TEST(SimCommands, CentralsFileIsTakenWholeOrRefusedWithItsLine)
         const std::string path = dir + (file.empty() ? "/none" : "/centrals");
         if (!file.empty()) std::ofstream(path) << file;
         SimRunner sim(SimRunner::Options{false, 0, 0, {"--centrals=" + path}});
-        std::string seen = sim.Log(), expected = says[0] == ':' ? "Centrals file " + path + says : says;
-        FdShellTransport link(sim.Running() ? sim.Connect() : -1);
-        EXPECT_TRUE(!sim.Running() || (link.ReadUntil("#> ", seen, 5000) && link.Send("serial enum\n") &&
-                                       link.ReadUntil(expected, seen, 5000)));
-        EXPECT_NE(std::string::npos, seen.find(expected)) << seen;
+        const std::string expected = says[0] == ':' ? "Centrals file " + path + says : says;
+        RawLink link(sim.Running() ? sim.Connect() : -1);
+        EXPECT_TRUE(!sim.Running() || (link.ReadUntil("#> ") && link.Send("serial enum\n") && link.ReadUntil(expected)));
+        EXPECT_NE(std::string::npos, (sim.Log() + link.got).find(expected)) << sim.Log() << link.got;
     }
     EXPECT_EQ(0, system(("rm -rf " + dir).c_str()));
 }
