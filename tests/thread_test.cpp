@@ -31,19 +31,15 @@ TEST(Thread, StartsOnceAndStopsSilentlyUntilAThreadOutstaysTheWait)
 {
     LoopThread thread("worker"), stubborn("stubborn", false), detached("detached");
     ASSERT_TRUE(thread.Start());
-    EXPECT_TRUE(thread.IsRunning()) << "running when Start returns";
-    EXPECT_FALSE(thread.Start(true)) << "a running thread";
-    EXPECT_TRUE(thread.Stop() && !thread.IsRunning());
-    EXPECT_FALSE(thread.Start()) << "an ended thread";
+    EXPECT_TRUE(thread.IsRunning() && !thread.Start(true)) << "running when Start returns, and started once";
+    EXPECT_TRUE(thread.Stop() && !thread.IsRunning() && !thread.Start()) << "joined, and never started again";
     StderrCapture err;
-    EXPECT_TRUE(thread.Stop()) << "a second stop after the join";
-    EXPECT_TRUE(LoopThread("idle").Stop()) << "an unstarted thread";
+    EXPECT_TRUE(thread.Stop() && LoopThread("idle").Stop()) << "a second stop after the join, an unstarted thread";
     ASSERT_TRUE(detached.Start());
     detached.Detach();
     detached.Detach();
     EXPECT_TRUE(detached.Stop() && WaitUntil([&] { return !detached.IsRunning(); }, ScaledMs(5000)));
-    ASSERT_TRUE(stubborn.Start(true));
-    EXPECT_FALSE(stubborn.Start()) << "a no-wait start counts as started";
+    ASSERT_TRUE(stubborn.Start(true) && !stubborn.Start()) << "a no-wait start counts as started";
     EXPECT_TRUE(stubborn.Stop(true) && stubborn.ShouldStop()) << "a no-wait stop returns at once";
     EXPECT_TRUE(WaitUntil([&] { return stubborn.IsRunning(); }, ScaledMs(5000)));
     for (int seconds : {0, 2}) {
