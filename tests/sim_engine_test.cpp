@@ -10,26 +10,20 @@
 
 namespace {
 
-// Answers and pushed change lines collect in `pending`, through the server's line assembly as on the wire.
+// Answers and pushed change lines collect in `pending`; lines are split as on the wire in sim_parse_test.
 struct EngineClient : AnswerSink, MonitorSink {
-    explicit EngineClient(ShellShared& shared) : session(shared, *this, *this, "test") {}
+    // Past the greeting, like a fresh connection.
+    explicit EngineClient(ShellShared& shared) : session(shared, *this, *this, "test") { EXPECT_TRUE(session.Start()); }
     bool Write(const char* data, size_t len) override { return !peerGone && (pending.append(data, len), true); }
     void Push(const char* line, size_t len) override { pending.append(line, len); }
     std::string Answer(const std::string& line)  // the raw answer bytes of one request line
     {
         pending.clear();
-        const std::string bytes = line + "\r\n";
-        for (size_t at = 0; at < bytes.size();) {
-            LineAssembler::Result r;
-            at += lines.Feed(bytes.data() + at, bytes.size() - at, r);
-            if (r != LineAssembler::kNeedMore)
-                outcome = r == LineAssembler::kLine ? session.HandleLine(lines.Line()) : session.HandleTooLong();
-        }
+        outcome = line.size() > kShellMaxLine ? session.HandleTooLong() : session.HandleLine(line);
         return std::exchange(pending, "");
     }
 
     ShellSession session;
-    LineAssembler lines;
     std::string pending;
     ShellSession::Outcome outcome = ShellSession::kContinue;
     bool peerGone = false;
@@ -39,12 +33,7 @@ class Engine : public ::testing::Test {
 protected:
     void SetUp() override { ASSERT_TRUE(sim_db_prepare(shared.dbPath = dir + "/unit.db", 0)); }
     void TearDown() override { EXPECT_EQ(0, system(("rm -rf " + dir).c_str())); }
-    std::unique_ptr<EngineClient> Connect()  // past the greeting, like a fresh connection
-    {
-        auto client = std::make_unique<EngineClient>(shared);
-        EXPECT_TRUE(client->session.Start());
-        return client;
-    }
+    std::unique_ptr<EngineClient> Connect() { return std::make_unique<EngineClient>(shared); }
 
     const std::string dir = MakeTempDir();
     ShellShared shared;
@@ -112,9 +101,8 @@ TEST_F(Engine, MonitorSendsTheCommittedChangesOfItsTableAndWords)
     const auto run = [&](std::initializer_list<const char*> statements, const std::string& answer = "\v#> \n") {
         for (const char* statement : statements) EXPECT_EQ(answer, writer->Answer(statement)) << statement;
     };
-    run({"BEGIN;", "INSERT INTO Events (EvntDscID) VALUES (1);"});
-    EXPECT_EQ("", watcher->pending);
-    run({"ROLLBACK;", "BEGIN; INSERT INTO Events (EvntDscID) VALUES (2), (3); COMMIT;"});
+    run({"BEGIN;", "INSERT INTO Events (EvntDscID) VALUES (1);", "ROLLBACK;",
+         "BEGIN; INSERT INTO Events (EvntDscID) VALUES (2), (3); COMMIT;"});
     run({"INSERT INTO Events (EvntID) VALUES (13), (1);"}, "\vError: UNIQUE constraint failed: Events.EvntID\n\v#> \n");
     run({"UPDATE Events SET EvntDscID = 2 WHERE EvntID = 3;", "DELETE FROM Hardware WHERE HwID = 7;",
          "DELETE FROM Events WHERE EvntID > 10;"});

@@ -41,7 +41,6 @@ struct RawLink {
     explicit RawLink(int fd) : fd(fd) {}
     ~RawLink() { if (fd >= 0) close(fd); }
     RawLink(const RawLink&) = delete;
-    RawLink& operator=(const RawLink&) = delete;
 
     bool Send(const std::string& bytes)
     {
