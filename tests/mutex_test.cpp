@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <string>
 #include <thread>
 
 #include "Debuggable.h"
-#include "Mutex.hpp"
 #include "fixed_paths.h"
 #include "process.h"
 #include "wait.h"

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <utility>
 
 #include "ShellSession.h"
 #include "SimDatabase.h"
@@ -43,8 +42,7 @@ protected:
 TEST_F(Engine, AnswersEveryRequestWithExactBytes)
 {
     auto client = Connect();
-    EXPECT_EQ("vantor-sim database shell, SQLite " SQLITE_VERSION "\n"
-              "Enter SQL statements terminated with a \";\"\n#> ",
+    EXPECT_EQ("vantor-sim database shell, SQLite " SQLITE_VERSION "\nEnter SQL statements terminated with a \";\"\n#> ",
               client->pending);
     const std::string end = "\v#> \n", ok = "OK\n" + end;
     const std::string usageMonitor = "usage: monitor <table> [select] [insert] [update] [delete]";

@@ -2,16 +2,11 @@
 // report and no thread left.
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
-
 #include <atomic>
-#include <memory>
 #include <thread>
 
 #include "recording_monitor.h"
 #include "shell_client.h"
-#include "sim_runner.h"
-#include "wait.h"
 
 namespace {
 

@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 #include <sys/times.h>
-#include <unistd.h>
 
 #include <climits>
 
 #include "Thread.h"
 #include "fixed_paths.h"
 #include "process.h"
-#include "utils.h"
 #include "wait.h"
 
 namespace {
@@ -55,17 +53,15 @@ TEST(Thread, StartsOnceAndStopsSilentlyUntilAThreadOutstaysTheWait)
 // A self-deleting thread is not joined; Fini stops every thread, then names those whose objects are still alive.
 TEST(Thread, SelfDeletingThreadsLeaveAndFiniReportsThoseStillListed)
 {
-    const long objects = safe_mem_object_count("Thread");
+    const long left = safe_mem_object_count("Thread");
     for (bool byFini : {false, true}) {
         auto* thread = new LoopThread("self");
         thread->Delete();
         ASSERT_TRUE(thread->Start());
         EXPECT_TRUE(byFini ? Thread::Fini() : thread->Stop(true));
         // The thread deletes itself under the list lock: once the count is back under it too, it is done.
-        EXPECT_TRUE(WaitUntil([&] {
-            MUTEX_GUARD(Thread::m_objListLock);
-            return safe_mem_object_count("Thread") == objects;
-        }, ScaledMs(5000))) << byFini;
+        const auto gone = [&] { MUTEX_GUARD(Thread::m_objListLock); return safe_mem_object_count("Thread") == left; };
+        EXPECT_TRUE(WaitUntil(gone, ScaledMs(5000))) << byFini;
     }
     StderrCapture err;
     LoopThread a("lingering"), b("other");
