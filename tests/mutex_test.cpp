@@ -71,10 +71,7 @@ TEST(Mutex, ChildForkedWhileLockedRecordsItsOwnId)
 // Rename cuts at 399 characters and calls the hook; Debug(object, flag) ignores the flag: it unlists the object.
 TEST(Debuggable, RenameCutsAndTheRegistryFollowsCopiesAndRemovals)
 {
-    struct Counting : Named {
-        int updates = 0;
-        void NameUpdated() override { updates++; }
-    } named;
+    struct Counting : Named { int updates = 0; void NameUpdated() override { updates++; } } named;
     named.Rename("%d-%s", 3, std::string(500, 'a').c_str());
     EXPECT_TRUE(named.updates == 1 && std::string(named.Name()) == "3-" + std::string(397, 'a')) << named.Name();
     const size_t listed = Debuggable::Count();

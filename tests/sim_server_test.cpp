@@ -18,10 +18,7 @@ TEST(SimServer, LimitAndIdleTimeOutSpareSubscribers)
     {  // the limit on its own simulator: with an idle time-out a slow machine could free a place first
         SimRunner full({false, 0, 0, {"--max-clients=2"}});
         ASSERT_TRUE(full.Running()) << full.Log();
-        auto first = SimShell(full), second = SimShell(full), third = SimShell(full);
-        ASSERT_TRUE(first->Reconnect() && second->Reconnect());
-        EXPECT_EQ((Rows{"?cannot connect to " + full.Address() + ": Connection reset by peer", "+-32"}),
-                  SimRun(*third, "SELECT 1;"));
+        EXPECT_TRUE(SimShell(full)->Reconnect() && SimShell(full)->Reconnect() && !SimShell(full)->Reconnect());
     }
     SimRunner sim({false, 0, 0, {"--max-clients=2", "--idle-timeout=1"}});
     ASSERT_TRUE(sim.Running()) << sim.Log();
@@ -74,21 +71,17 @@ TEST(SimServer, GarbageAbruptAndNeverReadingClientsDoNotDisturbOthers)
     RawLink hoarder(sim.Connect());
     int small = 4096;
     ASSERT_EQ(0, setsockopt(hoarder.fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small));
-    auto quitter = SimShell(sim), sleeper = SimShell(sim), steady = SimShell(sim);
+    auto sleeper = SimShell(sim), steady = SimShell(sim);
     const std::string table = "T" + std::string(200, 'x');  // 60,000 change lines of it far outgrow every buffer
     EXPECT_EQ(Rows{}, SimRun(*steady, "CREATE TABLE " + table + " (v);"));
     ASSERT_TRUE(hoarder.Send("monitor " + table + "\r\n") && hoarder.ReadUntil("\n#> #> "));
-    ASSERT_TRUE(quitter->Exec("SELECT * FROM Events;") && sleeper->Exec("SELECT * FROM Events;"));
-    quitter.reset();  // it leaves at once; the sleeper never reads on
+    // One asks for 100,000 rows and leaves at once, the sleeper asks and never reads on.
+    ASSERT_TRUE(SimShell(sim)->Exec("SELECT * FROM Events;") && sleeper->Exec("SELECT * FROM Events;"));
     EXPECT_EQ(Rows{}, SimRun(*steady, "WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n WHERE x < 60000) "
                                       "INSERT INTO " + table + " SELECT x FROM n;"));
     const auto cutOff = [&] { return sim.Log().find("unread, disconnecting") != std::string::npos; };
     EXPECT_TRUE(WaitUntil(cutOff, ScaledMs(10000)));
-    EXPECT_EQ((Rows{"n", "100010"}), SimRun(*steady, "SELECT count(*) AS n FROM Events;"));
-    ASSERT_TRUE(steady->Exec("SELECT * FROM Events LIMIT 100000;"));
-    long rows = 0;
-    while (steady->Next()) ++rows;
-    EXPECT_TRUE(rows == 100000 && steady->FailureReason().empty() && steady->Pending() == 0) << rows;
+    EXPECT_EQ(100000u + 1, SimRun(*steady, "SELECT EvntID FROM Events LIMIT 100000;").size());
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 

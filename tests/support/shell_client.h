@@ -14,11 +14,11 @@
 
 inline SockAddr SimAddr(const SimRunner& sim) { return SockAddr(AF_INET, 0x7F000001u, sim.Port()); }
 
-// One connect attempt per call; every wait bounded (a minute, scaled); lines past maxLineLen come in pieces.
-inline std::unique_ptr<SqlWrapper> SimShell(const SimRunner& sim, int maxLineLen = 2048)
+// One connect attempt per call; every wait bounded (a minute, scaled).
+inline std::unique_ptr<SqlWrapper> SimShell(const SimRunner& sim)
 {
     const SockAddr addr = SimAddr(sim);
-    auto shell = std::make_unique<SqlWrapper>(&addr, nullptr, maxLineLen, 0);
+    auto shell = std::make_unique<SqlWrapper>(&addr, nullptr, 2048, 0);
     const int seconds = ScaledMs(60000) / 1000;
     shell->Bounds(seconds, seconds, seconds);
     return shell;
@@ -42,10 +42,7 @@ struct RawLink {
     ~RawLink() { if (fd >= 0) close(fd); }
     RawLink(const RawLink&) = delete;
 
-    bool Send(const std::string& bytes)
-    {
-        return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
-    }
+    bool Send(const std::string& b) { return send(fd, b.data(), b.size(), MSG_NOSIGNAL) == ssize_t(b.size()); }
     // Reads on until `got` ends with `end`; false after waitMs (scaled) or at the peer's close.
     bool ReadUntil(const std::string& end, int waitMs = 5000)
     {
