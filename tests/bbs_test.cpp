@@ -4,17 +4,8 @@
 
 namespace {
 
-// "<int> <short> <bool>" as read from "k": "-" a refusal (the value left alone), a bool as 1 or 0.
-std::string Read(const Bbs& board)
-{
-    const auto as = [&](auto value) {
-        const auto untouched = value;
-        return board.Get("k", value) ? std::to_string(value) : value == untouched ? "-" : "changed";
-    };
-    return as(9999) + " " + as(short(999)) + " " + as(true);
-}
-
-// Numbers scan like scanf's "%10d" and "%5d" (the sign counts, a short narrowed to 16 bits); words are exact.
+// Numbers scan like scanf's "%10d" and "%5d" (the sign counts, a short narrowed to 16 bits); words are exact. A row
+// reads "<int> <short> <bool>": "-" a refusal (the value left alone), a bool as 1 or 0.
 TEST(Bbs, TypedGettersReadTheseValues)
 {
     const std::pair<const char*, const char*> cases[] = {
@@ -25,9 +16,13 @@ TEST(Bbs, TypedGettersReadTheseValues)
         {"yes", "- - 1"}, {"true", "- - 1"}, {"on", "- - 1"}, {"TRUE", "- - -"}, {"", "- - -"}, {" on", "- - -"},
     };
     Bbs board("typed");
+    const auto as = [&](auto value) {
+        const auto untouched = value;
+        return board.Get("k", value) ? std::to_string(value) : value == untouched ? "-" : "changed";
+    };
     for (auto [text, values] : cases) {
         text ? board.Set("k", text) : board.Remove("k");
-        EXPECT_EQ(Read(board), values) << (text ? text : "(absent)");
+        EXPECT_EQ(as(9999) + " " + as(short(999)) + " " + as(true), values) << (text ? text : "(absent)");
     }
 }
 

@@ -9,9 +9,9 @@
 
 namespace {
 
-// Answers and pushed change lines collect in `pending`; lines are split as on the wire in sim_parse_test.
+// Past the greeting, like a fresh connection: answers and pushed change lines collect in `pending` (lines are split
+// as on the wire in sim_parse_test).
 struct EngineClient : AnswerSink, MonitorSink {
-    // Past the greeting, like a fresh connection.
     explicit EngineClient(ShellShared& shared) : session(shared, *this, *this, "test") { EXPECT_TRUE(session.Start()); }
     bool Write(const char* data, size_t len) override { return !peerGone && (pending.append(data, len), true); }
     void Push(const char* line, size_t len) override { pending.append(line, len); }
@@ -28,8 +28,7 @@ struct EngineClient : AnswerSink, MonitorSink {
     bool peerGone = false;
 };
 
-class Engine : public ::testing::Test {
-protected:
+struct Engine : ::testing::Test {
     void SetUp() override { ASSERT_TRUE(sim_db_prepare(shared.dbPath = dir + "/unit.db", 0)); }
     void TearDown() override { EXPECT_EQ(0, system(("rm -rf " + dir).c_str())); }
     std::unique_ptr<EngineClient> Connect() { return std::make_unique<EngineClient>(shared); }

@@ -5,8 +5,6 @@
 #include <unistd.h>
 
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "sim_runner.h"
 #include "sql_wrapper.h"
