@@ -55,7 +55,7 @@ TEST_F(Engine, AnswersEveryRequestWithExactBytes)
         {"SELECT 'a'||char(13,10,11)||'b' t, NULL n, x'01ff' b, 1.5 r;", "t|n|b|r\na   b||X'01FF'|1.5\n" + end},
         {"SELECT 1 AS one; SELECT 2 AS two;", "one\n1\ntwo\n2\n" + end},
         {std::string("SELECT 1 AS one;\0SELECT 2;", 26), "one\n1\n" + end},
-        {"UPDATE Hardware SET HwName = \"renamed\" WHERE HwID = 7;", end}, {"-- only a comment", end},
+        {"UPDATE Hardware SET HwName = \"renamed\" WHERE HwID = 7;", end}, {"-- only a comment", end}, {" \t", end},
         {"SELEC 1;", syntax("SELEC")}, {"shellfish;", syntax("shellfish")}, {"commentary;", syntax("commentary")},
         {"SELECT 1 AS a; SELECT x FROM Nowhere;", "a\n1\n" + error("no such table: Nowhere")},
         {"INSERT INTO Hardware (HwID) VALUES (1);", error("NOT NULL constraint failed: Hardware.HwName")},

@@ -74,7 +74,8 @@ TEST(SimServer, GarbageAbruptAndNeverReadingClientsDoNotDisturbOthers)
     auto sleeper = SimShell(sim), steady = SimShell(sim);
     const std::string table = "T" + std::string(200, 'x');  // 60,000 change lines of it far outgrow every buffer
     EXPECT_EQ(Rows{}, SimRun(*steady, "CREATE TABLE " + table + " (v);"));
-    ASSERT_TRUE(hoarder.Send("monitor " + table + "\r\n") && hoarder.ReadUntil("\n#> #> "));
+    ASSERT_TRUE(hoarder.Send("comment\n" + std::string(70000, 'y') + "\nmonitor " + table + "\r\n") &&
+                hoarder.ReadUntil("#> \vError: line longer than 65535 bytes\n\v#> \n#> "));  // it survived a long line
     // One asks for 100,000 rows and leaves at once, the sleeper asks and never reads on.
     ASSERT_TRUE(SimShell(sim)->Exec("SELECT * FROM Events;") && sleeper->Exec("SELECT * FROM Events;"));
     EXPECT_EQ(Rows{}, SimRun(*steady, "WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n WHERE x < 60000) "
