@@ -64,9 +64,9 @@ TEST(SqlClient, ConnectSkipsTheBannerAndAnnouncesItselfOnce)
 TEST(SqlClient, LinesAgainstTheLineLimitAndTheMarker)
 {
     const std::string shorter(39, 'y');
-    Client c({Then(Greeting("t"), {Expect(shorter), Send("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVW\n12345678\n"
-                                                        "123456789\n1234567890\n\v\n\vError: no such table: T\nconsumed\n"
-                                                        "after\r")})});
+    const std::string sent = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVW\n12345678\n123456789\n1234567890\n"
+                             "\v\n\vError: no such table: T\nconsumed\nafter\r";
+    Client c({Then(Greeting("t"), {Expect(shorter), Send(sent)})});
     PrivateConnection connection(&c.addr, 40, "t");
     ASSERT_TRUE(connection.Connect());
     EXPECT_EQ(connection.Print("%s", std::string(40, 'x').c_str()), -ENOSPC);
