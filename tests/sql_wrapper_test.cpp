@@ -33,34 +33,22 @@ struct Client {
 };
 
 // Banner lines (short, empty, CR-ended, a partial prompt) are skipped; a missing comment is "Unknown connection".
-TEST(SqlClient, ConnectSkipsTheBannerAndAnnouncesItselfOnce)
+// A full print is refused; a long read comes in pieces; only the bare marker ends a result; an error line is consumed.
+TEST(SqlClient, ConnectAndLinesAgainstTheLineLimitAndTheMarker)
 {
     const std::vector<std::pair<const char*, std::string>> cases = {
         {"tester", ""}, {"tester", "a\n\nbc\r\n"}, {"tester", "#>x\n"}, {"", ""}, {nullptr, ""}};
+    const std::string shorter(39, 'y');
+    const std::string sent = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVW\n12345678\n123456789\n1234567890\n"
+                             "\v\n\vError: no such table: T\nconsumed\nafter\r";
     std::vector<Script> scripts;
     for (auto& [comment, banner] : cases) scripts.push_back(Greeting(comment ? comment : "Unknown connection", banner));
+    scripts.push_back(Then(Greeting("t"), {Expect(shorter), Send(sent)}));
     Client c(scripts);
     for (const auto& [comment, banner] : cases) {
         PrivateConnection connection(&c.addr, 2048, comment);
         EXPECT_TRUE(connection.Connect() && connection.Eof() && !connection.Connect()) << banner << ": twice, once";
     }
-    EXPECT_TRUE(c.server.WaitScriptsDone(ScaledMs(5000)));
-    SimRunner sim({true, 0, 0, {}});  // on a Unix socket, with its real banner
-    sockaddr_un un = {AF_UNIX, {}};
-    strncpy(un.sun_path, sim.Address().c_str(), sizeof un.sun_path - 1);
-    SockAddr local(un), none;
-    PrivateConnection overUnix(&local, 2048, "x"), foreign(&none, 2048, "x");
-    EXPECT_TRUE(overUnix.Connect() && !foreign.Connect());
-    EXPECT_TRUE(foreign.ReadLine() == -EINVAL && foreign.Print("x") == -EINVAL) << "no link";
-}
-
-// A full print is refused; a long read comes in pieces; only the bare marker ends a result; an error line is consumed.
-TEST(SqlClient, LinesAgainstTheLineLimitAndTheMarker)
-{
-    const std::string shorter(39, 'y');
-    const std::string sent = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVW\n12345678\n123456789\n1234567890\n"
-                             "\v\n\vError: no such table: T\nconsumed\nafter\r";
-    Client c({Then(Greeting("t"), {Expect(shorter), Send(sent)})});
     PrivateConnection connection(&c.addr, 40, "t");
     ASSERT_TRUE(connection.Connect());
     EXPECT_EQ(connection.Print("%s", std::string(40, 'x').c_str()), -ENOSPC);
@@ -75,7 +63,15 @@ TEST(SqlClient, LinesAgainstTheLineLimitAndTheMarker)
                   text + std::string(n == 0 ? "<eof>" : ""));
     }
     EXPECT_EQ(connection.LastError(), "Error: no such table: T");
-    EXPECT_EQ(c.server.Received(0), CommentLine("t") + shorter);
+    EXPECT_TRUE(c.server.WaitScriptsDone(ScaledMs(5000)));
+    EXPECT_EQ(c.server.Received(cases.size()), CommentLine("t") + shorter);
+    SimRunner sim({true, 0, 0, {}});  // on a Unix socket, with its real banner
+    sockaddr_un un = {AF_UNIX, {}};
+    strncpy(un.sun_path, sim.Address().c_str(), sizeof un.sun_path - 1);
+    SockAddr local(un), none;
+    PrivateConnection overUnix(&local, 2048, "x"), foreign(&none, 2048, "x");
+    EXPECT_TRUE(overUnix.Connect() && !foreign.Connect());
+    EXPECT_TRUE(foreign.ReadLine() == -EINVAL && foreign.Print("x") == -EINVAL) << "no link";
 }
 
 // Connect failures and "not ready" answers share the retry count: 0 and 1 make one attempt, 2 make two (their
@@ -105,8 +101,10 @@ TEST(SqlClient, RetriesCountConnectFailuresAndNotReadyAnswers)
 }
 
 // Vector rows stop at 30 columns unless asked for more; map rows drop values without a name; the end leaves either
-// untouched. In place, escapes are removed and columns split also past the caller's capacity.
-TEST(SqlClient, RowsAsVectorsMapsAndInPlace)
+// untouched. In place, escapes are removed and columns split also past the caller's capacity. A statement without
+// its final ";" never reaches the server (the script would see it in place of the next). The first statement is one
+// without rows: a later one would still show the headers of the result before.
+TEST(SqlClient, RowsAndStatements)
 {
     std::string header = "c1", row = "1";
     for (int i = 2; i <= 35; i++) header += "|c" + std::to_string(i), row += "|" + std::to_string(i);
@@ -115,35 +113,11 @@ TEST(SqlClient, RowsAsVectorsMapsAndInPlace)
         {"a\\\\b|c", {"a\\b", "c"}}, {"ab\\", {"ab"}},        {"", {}}};
     std::string parsed = "h\n";
     for (const auto& row : rows) parsed += row.first + "\n";
-    Client c({Answering({{"SELECT *;", header + "\n" + row + "\n" + row + "\n"}, {"SELECT m;", "id|name\n1|x|2\n"},
-                         {"SELECT h;", parsed + "a|b\\|c|d\\|e\n"}})});
-    std::vector<std::string> columns;
-    ASSERT_TRUE(c.sql.Exec("SELECT *;") && c.sql.Next(columns));
-    EXPECT_EQ(columns.size(), 30u);
-    EXPECT_TRUE(c.sql.Next(columns, 35) && !c.sql.Next(columns) && columns.size() == 35u) << "35 asked for, kept";
-    std::map<std::string, std::string> map;
-    ASSERT_TRUE(c.sql.Exec("SELECT m;") && c.sql.Next(map) && !c.sql.Next(map));
-    EXPECT_EQ(map, (std::map<std::string, std::string>{{"id", "1"}, {"name", "x"}}));
-    ASSERT_TRUE(c.sql.Exec("SELECT h;"));
-    for (const auto& [line, want] : rows) {
-        char* columns[8];
-        int count = 8;
-        ASSERT_TRUE(c.sql.NextParsed(columns, count)) << line;
-        EXPECT_EQ(std::vector<std::string>(columns, columns + count), want) << line;
-    }
-    char* first[1];
-    int count = 1;
-    ASSERT_TRUE(c.sql.NextParsed(first, count));
-    EXPECT_TRUE(count == 3 && std::string(first[0] + 3) == "b|c") << "the second column, moved over its escape";
-}
-
-// A statement without its final ";" never reaches the server (the script would see it in place of the next).
-TEST(SqlClient, StatementsWithoutSemicolonsRowsOrSuccessAndUndrainedResults)
-{
     StderrCapture err;
     Client c({Answering({{"INSERT 1;", ""}, {"SELECT bad;", "Error: near \"bad\": syntax error\n"},
                          {"SELECT T;", "\vError: no such table: T\n"}, {"SELECT a;", "a\n1\n2\n3\n"},
-                         {"SELECT 2;", "v\n2\n"}})});
+                         {"SELECT 2;", "v\n2\n"}, {"SELECT *;", header + "\n" + row + "\n" + row + "\n"},
+                         {"SELECT m;", "id|name\n1|x|2\n"}, {"SELECT h;", parsed + "a|b\\|c|d\\|e\n"}})});
     SqlWrapper& sql = c.sql;
     EXPECT_FALSE(sql.Exec("SELECT 1") || sql.Exec(""));
     ASSERT_TRUE(sql.Exec("INSERT 1;"));
@@ -154,6 +128,24 @@ TEST(SqlClient, StatementsWithoutSemicolonsRowsOrSuccessAndUndrainedResults)
                                     "warn <SqlWrapper> \"\" missing semicolon.\nerr  <SqlWrapper> Got prompt.\n");
     ASSERT_TRUE(sql.Exec("SELECT a;") && sql.Next() && sql.Exec("SELECT 2;") && sql.Next());
     EXPECT_STREQ(sql.Line(), "2") << "the rest of the last result flushed";
+    std::vector<std::string> columns;
+    ASSERT_TRUE(sql.Exec("SELECT *;") && sql.Next(columns));
+    EXPECT_EQ(columns.size(), 30u);
+    EXPECT_TRUE(sql.Next(columns, 35) && !sql.Next(columns) && columns.size() == 35u) << "35 asked for, kept";
+    std::map<std::string, std::string> map;
+    ASSERT_TRUE(sql.Exec("SELECT m;") && sql.Next(map) && !sql.Next(map));
+    EXPECT_EQ(map, (std::map<std::string, std::string>{{"id", "1"}, {"name", "x"}}));
+    ASSERT_TRUE(sql.Exec("SELECT h;"));
+    for (const auto& [line, want] : rows) {
+        char* columns[8];
+        int count = 8;
+        ASSERT_TRUE(sql.NextParsed(columns, count)) << line;
+        EXPECT_EQ(std::vector<std::string>(columns, columns + count), want) << line;
+    }
+    char* first[1];
+    int count = 1;
+    ASSERT_TRUE(sql.NextParsed(first, count));
+    EXPECT_TRUE(count == 3 && std::string(first[0] + 3) == "b|c") << "the second column, moved over its escape";
     EXPECT_EQ(c.server.Accepted(), 1);
 }
 
