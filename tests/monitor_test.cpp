@@ -15,15 +15,6 @@ Script Subscribed(const std::string& pushed, const std::string& request = "monit
     return Then(Greeting("SQL monitor"), {Expect(request), Send("#> "), Send(pushed)});
 }
 
-// A monitor of `server`, started; the unique pointer lets a test time its stop.
-std::unique_ptr<RecordingMonitor> Started(const ScriptedServer& server, unsigned operations = 0, int setupSeconds = 0)
-{
-    auto monitor = std::make_unique<RecordingMonitor>(server.Addr(), operations);
-    monitor->Bounds(setupSeconds, setupSeconds, 0);
-    EXPECT_TRUE(monitor->InitOK());
-    return monitor;
-}
-
 // Event lines lose their six-character prefix and the '!'; error lines are skipped; a lost connection or a bare
 // marker is a loss, then a resubscription a second later; nothing is called back before the first subscription.
 // A refused subscription is handed over and tried again, never a change; with bounds set, a silent greeting or
@@ -48,7 +39,9 @@ TEST(MonitorTest, EventsAndLossesAsTheServerSendsThem)
     };
     for (Case& c : cases) {
         ScriptedServer server(std::move(c.scripts));
-        auto monitor = Started(server, c.operations, c.setupSeconds);
+        auto monitor = std::make_unique<RecordingMonitor>(server.Addr(), c.operations);  // its stop is timed
+        monitor->Bounds(c.setupSeconds, c.setupSeconds, 0);
+        EXPECT_TRUE(monitor->InitOK()) << c.label;
         ASSERT_TRUE(monitor->WaitForEntries(c.log.size()) && WaitUntil([&] { return server.Accepted() >= 1; },
                                                                        ScaledMs(5000))) << c.label;
         EXPECT_EQ(monitor->Log(), c.log) << c.label;
@@ -67,12 +60,12 @@ TEST(MonitorTest, StartsOnceAndCallsNothingBackAfterItsStop)
     std::string flood;
     for (int i = 0; i < 5000; i++) flood += "abcdefline" + std::to_string(i) + "!\n";
     ScriptedServer server({Subscribed(flood)});
-    auto monitor = Started(server);
-    EXPECT_TRUE(!monitor->Start() && monitor->InitOK()) << "started once, by the first InitOK";
-    ASSERT_TRUE(monitor->WaitForEntries(100) && monitor->Stop());
-    size_t seen = monitor->Log().size();
-    EXPECT_FALSE(WaitUntil([&] { return monitor->Log().size() != seen; }, ScaledMs(200)));
-    EXPECT_NE(monitor->Log().back(), "down") << "a stop is no lost connection";
+    RecordingMonitor monitor(server.Addr(), 0);
+    EXPECT_TRUE(monitor.InitOK() && !monitor.Start() && monitor.InitOK()) << "started once, by the first InitOK";
+    ASSERT_TRUE(monitor.WaitForEntries(100) && monitor.Stop());
+    size_t seen = monitor.Log().size();
+    EXPECT_FALSE(WaitUntil([&] { return monitor.Log().size() != seen; }, ScaledMs(200)));
+    EXPECT_NE(monitor.Log().back(), "down") << "a stop is no lost connection";
 }
 
 // State to standard error once per change (retries log their first failure only), changes to standard output;
