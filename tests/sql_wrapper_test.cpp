@@ -75,7 +75,8 @@ TEST(SqlClient, ConnectAndLinesAgainstTheLineLimitAndTheMarker)
 }
 
 // Connect failures and "not ready" answers share the retry count: 0 and 1 make one attempt, 2 make two (their
-// second apart is the monitor's test), with the retry message before each further one and the final one once.
+// second apart is the monitor's test), with the retry message before each further one and the final one once. An
+// over-long statement is retried with reconnects until the count ends; a lost result is the sql command's test.
 TEST(SqlClient, RetriesCountConnectFailuresAndNotReadyAnswers)
 {
     const Script notReady = Then(Greeting("SQL Wrapper"), {Expect("shell \\ |\r\n"), Send("DB not ready\n")});
@@ -98,6 +99,10 @@ TEST(SqlClient, RetriesCountConnectFailuresAndNotReadyAnswers)
     PrivateConnection base(&c.addr, 2048, "x");
     base.Retries(2);
     EXPECT_TRUE(!base.Reconnect() && c.server.Accepted() == 2) << "the base class keeps its own loop";
+    Client longer({Prepared(), Prepared()}, 1, 40);
+    EXPECT_TRUE(!longer.sql.Exec("SELECT 'a statement longer than the line';") &&
+                longer.sql.FailureReason() == "statement longer than 37 bytes");
+    EXPECT_EQ(longer.server.Received(1), CommentLine("SQL Wrapper") + "shell \\ |\r\n.header on\r\n");
 }
 
 // Vector rows stop at 30 columns unless asked for more; map rows drop values without a name; the end leaves either
@@ -149,29 +154,16 @@ TEST(SqlClient, RowsAndStatements)
     EXPECT_EQ(c.server.Accepted(), 1);
 }
 
-// An over-long statement is retried with reconnects until the count ends (a lost result is the sql command's test).
-TEST(SqlClient, OverlongStatements)
-{
-    Client longer({Prepared(), Prepared()}, 1, 40);
-    EXPECT_FALSE(longer.sql.Exec("SELECT 'a statement longer than the line';"));
-    EXPECT_EQ(longer.sql.FailureReason(), "statement longer than 37 bytes");
-    EXPECT_TRUE(longer.server.WaitScriptsDone(ScaledMs(5000)));
-    EXPECT_EQ(longer.server.Received(1), CommentLine("SQL Wrapper") + "shell \\ |\r\n.header on\r\n");
-}
-
-// Runs `work` on another thread and stops it once `ready` holds; the stop must end it.
-template <class Stopper, class Work, class Ready>
-bool InterruptDuring(Stopper stop, Work work, Ready ready)
-{
-    auto result = std::async(std::launch::async, work);
-    EXPECT_TRUE(WaitUntil(ready, ScaledMs(5000)));
-    stop();
-    EXPECT_EQ(result.wait_for(std::chrono::milliseconds(ScaledMs(5000))), std::future_status::ready);
-    return result.get();
-}
-
+// Each interrupt runs `work` on another thread and stops it once `ready` holds; the stop must end it.
 TEST(SqlClient, StopEndsThePromptWaitTheRetrySleepAndAReadAsCloseDoes)
 {
+    auto InterruptDuring = [](auto stop, auto work, auto ready) {
+        auto result = std::async(std::launch::async, work);
+        EXPECT_TRUE(WaitUntil(ready, ScaledMs(5000)));
+        stop();
+        EXPECT_EQ(result.wait_for(std::chrono::milliseconds(ScaledMs(5000))), std::future_status::ready);
+        return result.get();
+    };
     Client silent({{Send("banner without prompt\n")}}), none({}, PrivateConnection::INFINITE_RETRY);
     auto accepted = [](const Client& c) { return [&c] { return c.server.Accepted() == 1; }; };
     PrivateConnection connection(&silent.addr, 2048, "x");
