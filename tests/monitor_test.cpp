@@ -15,10 +15,8 @@ Script Subscribed(const std::string& pushed, const std::string& request = "monit
     return Then(Greeting("SQL monitor"), {Expect(request), Send("#> "), Send(pushed)});
 }
 
-// Event lines lose their six-character prefix and the '!'; error lines are skipped; a lost connection or a bare
-// marker is a loss, then a resubscription a second later; nothing is called back before the first subscription.
-// A refused subscription is handed over and tried again, never a change; with bounds set, a silent greeting or
-// subscription is dropped and retried. Whatever the server does, the stop (ENTER in the command) is prompt.
+// Events lose their six-byte prefix and the '!'; a loss, a refusal or a silent set-up is retried a second later;
+// whatever the server does, the stop (ENTER in the command) is prompt.
 TEST(MonitorTest, EventsAndLossesAsTheServerSendsThem)
 {
     const Script asked = Then(Greeting("SQL monitor"), {Expect("monitor Events\r\n")});
@@ -68,8 +66,7 @@ TEST(MonitorTest, StartsOnceAndCallsNothingBackAfterItsStop)
     EXPECT_NE(monitor.Log().back(), "down") << "a stop is no lost connection";
 }
 
-// State to standard error once per change (retries log their first failure only), changes to standard output;
-// ENTER before the first connection ends it; a refused table ends it with one line and status 1.
+// State changes go to standard error once each (a retry logs its first failure only), changes to standard output.
 TEST(MonitorCommand, PrintsChangesAndItsStateAndGivesUpOnARefusedTable)
 {
     SimRunner sim;

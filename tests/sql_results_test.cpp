@@ -1,6 +1,5 @@
-// sql, sql_file and the self-test end to end: whatever the server, the input or a standard stream does, the output
-// is the data as it is, or the rows so far and a failure with its reason and status; never a cut or shifted result
-// with status 0, and nothing meant for the terminal reaches a server.
+// sql, sql_file, monitor's usage and the self-test end to end: the output is the data as it is, or the rows so far
+// and a failure with its reason and status (never a cut one with status 0); no terminal output reaches a server.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -98,8 +97,7 @@ TEST(SqlResults, NeitherLostNorInvented)
         {"12 full", {rows}, {"sql", "S", "SELECT x;"}, "", 74, "", full, ">/dev/full"},
         {"12 full+fail", {refused}, {"sql", "S", "SELEC 1;"}, "", 254, "", ExecFailed("Error: x") + full, ">/dev/full"},
         {"12 full from sec-exec", {}, {"sec-exec", "/usr/bin/seq", "100000"}, "", 74, "", full, ">/dev/full"},
-        // Nothing that never answers may hang the tool: connecting and the greeting are bounded at 10 s, answers by
-        // --timeout; a timed-out connection goes, so no late answer can pass for the next statement's.
+        // Nothing that never answers may hang the tool, and no late answer may pass for the next statement's.
         {"13 connect", {}, {"sql", "--server=" + holeAt, "--timeout=1", "SELECT 1;"}, "", 254, holeIs,
          ExecFailed("cannot connect to " + holeAt + ": Connection timed out")},
         {"13 greeting", {Script{}}, {"sql", "S", "SELECT 1;"}, "", 254, "", ExecFailed("no greeting within 10 s")},
