@@ -60,8 +60,7 @@ TEST(MonitorTest, StartsOnceAndCallsNothingBackAfterItsStop)
     RecordingMonitor monitor(server.Addr(), 0);
     EXPECT_TRUE(monitor.InitOK() && !monitor.Start() && monitor.InitOK()) << "started once, by the first InitOK";
     ASSERT_TRUE(monitor.WaitForEntries(100) && monitor.Stop());
-    size_t seen = monitor.Log().size();
-    EXPECT_FALSE(WaitUntil([&] { return monitor.Log().size() != seen; }, ScaledMs(200)));
+    EXPECT_FALSE(WaitUntil([&, seen = monitor.Log().size()] { return monitor.Log().size() != seen; }, ScaledMs(200)));
     EXPECT_NE(monitor.Log().back(), "down") << "a stop is no lost connection";
 }
 
