@@ -154,8 +154,7 @@ TEST(SqlClient, StopEndsThePromptWaitTheRetrySleepAndAReadAsCloseDoes)
     for (bool close : {false, true}) {
         Client c({Prepared({Expect("SELECT a;\r\n"), Send("a\n")})}, PrivateConnection::INFINITE_RETRY);
         ASSERT_TRUE(c.sql.Exec("SELECT a;"));
-        auto start = std::chrono::steady_clock::now();
-        // Nothing to poll for a blocked read: give it a moment to block.
+        auto start = std::chrono::steady_clock::now();  // nothing to poll for a blocked read: it gets a moment
         EXPECT_FALSE(InterruptDuring([&] { close ? c.sql.Close() : c.sql.Stop(); }, [&] { return c.sql.Next(); },
                                      [&] { return MsSince(start) > 100; }));
         EXPECT_TRUE((close ? !c.sql.Connected() : c.sql.GetRV()) && c.server.Accepted() == 1)
