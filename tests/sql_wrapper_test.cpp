@@ -70,7 +70,7 @@ TEST(SqlClient, RetriesCountConnectFailuresAndNotReadyAnswers)
         for (int count : {0, 1, 2}) {
             const int attempts = count == 2 ? 2 : 1;
             StderrCapture err;
-            Client c(std::vector<Script>(ready ? attempts : 0u, notReady), count);
+            Client c(std::vector<Script>(ready ? attempts : 0, notReady), count);
             auto start = std::chrono::steady_clock::now();
             EXPECT_TRUE(!c.sql.Reconnect() && (count || MsSince(start) < 1000)) << "no sleep at count 0";
             EXPECT_EQ(c.server.Accepted(), attempts) << count;
