@@ -87,8 +87,7 @@ TEST(SqlClient, RetriesCountConnectFailuresAndNotReadyAnswers)
     EXPECT_EQ(longer.server.Received(1), CommentLine("SQL Wrapper") + "shell \\ |\r\n.header on\r\n");
 }
 
-// A statement without its ";" never reaches the server (the script would see it in place of the next). The first
-// statement has no rows: a later one would still show the headers of the result before.
+// A statement without its ";" never reaches the server (the script would see it in place of the next).
 TEST(SqlClient, RowsAndStatements)
 {
     std::string header = "c1", row = "1";
@@ -104,7 +103,7 @@ TEST(SqlClient, RowsAndStatements)
              {"INSERT 1;", ""}, {"SELECT bad;", "Error: near \"bad\": syntax error\n"},
              {"SELECT T;", "\vError: no such table: T\n"}, {"SELECT a;", "a\n1\n2\n3\n"}, {"SELECT 2;", "v\n2\n"},
              {"SELECT *;", header + "\n" + row + "\n" + row + "\n"}, {"SELECT m;", "id|name\n1|x|2\n"},
-             {"SELECT h;", parsed + "a|b\\|c|d\\|e\n"}})
+             {"SELECT h;", parsed + "a|b\\|c|d\\|e\n"}, {"INSERT 2;", ""}})
         script = Then(script, Answer(statement, answer));
     Client c({script});
     SqlWrapper& sql = c.sql;
@@ -132,6 +131,7 @@ TEST(SqlClient, RowsAndStatements)
     int count = 1;
     EXPECT_TRUE(sql.NextParsed(first, count) && count == 3 && std::string(first[0] + 3) == "b|c")
         << "the second column, moved over its escape";
+    EXPECT_TRUE(sql.Exec("INSERT 2;") && sql.Eof() && sql.GetHeaders().empty()) << "no headers of the result before";
     EXPECT_EQ(c.server.Accepted(), 1);
 }
 
