@@ -132,8 +132,7 @@ TEST(DiscoverCli, WithoutRouteTheHandBuiltFrameCarriesTheRequest)
         sockaddr_ll at = {AF_PACKET, htons(ETH_P_IP), static_cast<int>(if_nametoindex("lan0")), 0, 0, 0, {}};
         EXPECT_EQ(bind(capture, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
     }));
-    RunResult r = lan.Vtest({"discover", "--timeout=0.5"});
-    EXPECT_EQ(Lines(r.out), 3u) << r.out << r.err;
+    EXPECT_EQ(Lines(lan.Vtest({"discover", "--timeout=0.5"}).out), 3u);
     // IPv4 header (checksum zeroed), don't-fragment, TTL 64; UDP (source port zeroed) to 3543 without checksum.
     const unsigned char header[] = {0x45, 0, 0, 34, 0, 0, 0x40, 0, 64, 17, 0, 0, 192, 168, 77, 1, 255, 255, 255, 255,
                                     0, 0, 0x0d, 0xd7, 0, 14, 0, 0, 'H', 'e', 'l', 'l', 'o', 0};

@@ -67,6 +67,7 @@ TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
         {"usage", {"--timeout=3601", "a"}, {}, 255, "", "Error: bad --timeout value '3601' (whole seconds, 1 to 3600).\n"},
         {"usage", {"--retries=-2", "a"}, {}, 255, "", "Error: bad --retries value '-2' (-1, or 0 to 86400).\n"},
         {"usage", {"--server=10.0.0.256", "a"}, {}, 255, "", "Error: bad IPv4 address '10.0.0.256'.\n"},
+        {"usage", {"--server=127.0.0.1:0", "a"}, {}, 255, "", "Error: bad port '0' (1 to 65535).\n"},
         {"usage", {"--server=[::1", "a"}, {}, 255, "", "Error: expected [IPv6 address]:port.\n"},
         {"usage", {"--stdin", "--file", "x"}, {}, 255, "", "Error: --stdin and --file exclude each other.\n"},
         {"usage", {"--stdin", "a"}, {}, 255, "", "Error: commands come from arguments, --stdin or --file.\n"},
