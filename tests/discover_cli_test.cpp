@@ -45,9 +45,15 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswersAndRefusedCommandLines)
                       discover = usage + " discover [full] [tree] [--json]" + tail,
                       ipconfig = usage + " ipconfig <addrType> <addr> <ipv4Address> <ipv4Mask> <ipv4Gateway> <dnsList> "
                                          "[temporary] [--no-confirm]" + tail;
-    struct Case { std::string label, args; std::vector<std::string> answers; std::string out,
-                  request = "Hello" + std::string(1, '\0'); int status = 0; std::string err = ""; };
-    std::vector<Case> cases = {
+    struct Case { std::string label, args; std::vector<std::string> answers; std::string out; int status = 0;
+                  std::string err = "", request = "Hello" + std::string(1, '\0'); };
+    const std::string mac = "ipconfig mac 02:00:00:00:00:01 ", ok = mac + "10.0.0.5 255.0.0.0 10.0.0.1 - ";
+    // A refused command line: the reason, then the command's usage; nothing is sent.
+    auto refused = [&](const std::string& args, const std::string& why) {
+        return Case{"refused", args, {}, "", 255, Words(args)[0] + ": " + why + ".\n" +
+                                                  (args[0] == 'd' ? discover : ipconfig), ""};
+    };
+    const std::vector<Case> cases = {
         {"tree: slaves under the first of their master's MAC, cycles last; the brief columns", "discover tree",
          {unit("a1", "") + "\nhwid=7\nhostname=b\nversion=1.0", unit("a2", "A1"), unit("a3", "a2"), unit("a4", "a5"),
           unit("a5", "a4"), unit("a6", "a6"), unit("a7", "a99"), unit("a8", "A9"), unit("a9", ""),
@@ -63,26 +69,18 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswersAndRefusedCommandLines)
          {"mac=01\nname=q\"b\\s\x01\xff\xc3\xa9", "mac=02"},
          "[\n  {\"mac\": \"01\", \"name\": \"q\\\"b\\\\s\\u0001\\ufffd\xc3\xa9\", \"remote\": \"192.168.77.2:3543\"},\n"
          "  {\"mac\": \"02\", \"remote\": \"192.168.77.2:3543\"}\n]\n"},
-        {"json when none answered", "discover --json", {}, "[]\n", "Hello" + std::string(1, '\0'), 1,
-         "No unit answered within 0.3 s.\n"},
+        {"json when none answered", "discover --json", {}, "[]\n", 1, "No unit answered within 0.3 s.\n"},
         {"ipconfig sends the library's MAC text, - as no DNS",
-         "ipconfig mac 0A:0B:0C:0D:0E:0F 10.1.2.3 255.255.0.0 10.1.0.1 - temporary --no-confirm", {}, "",
+         "ipconfig mac 0A:0B:0C:0D:0E:0F 10.1.2.3 255.255.0.0 10.1.0.1 - temporary --no-confirm", {}, "", 0, "",
          "SetIPv4 mac:0a:0b:0c:0d:0e:0f 10.1.2.3 255.255.0.0 10.1.0.1 temporary" + std::string(1, '\0')},
+        refused("discover tree --json", "tree and --json do not go together"),
+        refused("discover --timeout=0.05", "invalid time-out '0.05' (seconds, 0.1 to 60)"),
+        refused(mac + "10.0.0.5 255.0.0.0", "missing parameter: ipv4Gateway"),
+        refused("ipconfig eth 02:00:00:00:00:01 10.0.0.5 255.0.0.0 10.0.0.1 -", "unknown address type 'eth'"),
+        refused(mac + "10.0.0.500 255.0.0.0 10.0.0.1 -", "ipv4Address must be a dotted quad, not '10.0.0.500'"),
+        refused(ok + "permanent", "unexpected argument 'permanent'"),
+        refused(ok + "--interface=abcdefghijklmnop", "invalid interface name 'abcdefghijklmnop' (1 to 15 characters)"),
     };
-    // Refused command lines: the reason, then the command's usage; nothing is sent.
-    const std::string mac = "ipconfig mac 02:00:00:00:00:01 ", ok = mac + "10.0.0.5 255.0.0.0 10.0.0.1 - ";
-    const std::pair<std::string, std::string> refused[] = {
-        {"discover tree --json", "tree and --json do not go together"},
-        {"discover --timeout=0.05", "invalid time-out '0.05' (seconds, 0.1 to 60)"},
-        {mac + "10.0.0.5 255.0.0.0", "missing parameter: ipv4Gateway"},
-        {"ipconfig eth 02:00:00:00:00:01 10.0.0.5 255.0.0.0 10.0.0.1 -", "unknown address type 'eth'"},
-        {mac + "10.0.0.500 255.0.0.0 10.0.0.1 -", "ipv4Address must be a dotted quad, not '10.0.0.500'"},
-        {ok + "permanent", "unexpected argument 'permanent'"},
-        {ok + "--interface=abcdefghijklmnop", "invalid interface name 'abcdefghijklmnop' (1 to 15 characters)"},
-    };
-    for (const auto& [args, why] : refused)
-        cases.push_back({"refused", args, {}, "", "", 255, Words(args)[0] + ": " + why + ".\n" +
-                                                           (args[0] == 'd' ? discover : ipconfig)});
     for (const auto& c : cases) {
         Script answers;
         for (const std::string& answer : c.answers) answers.push_back(Send(answer));
