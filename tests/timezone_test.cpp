@@ -197,21 +197,17 @@ std::string Glibc(int64_t t)
 
 TEST(TimeZoneRules, AgreeWithGlibcAroundEveryChange)
 {
-    const std::pair<const char*, const char*> rules[] = {  // ours, glibc's text when it needs another
-        {"IST-2IDT,M3.4.4/26,M10.5.0", nullptr}, {"<-02>2<-01>,M3.5.0/-1,M10.5.0/0", nullptr},
-        {"XXX3YYY,J60/0,J300", nullptr}, {"XXX3YYY,59/0,299", nullptr}, {"AAA-5BBB,M3.1.0/167,M10.1.0/-167", nullptr},
-        {"<+0513>-5:13:17<+0613>-6:13:17,M3.5.0/1:02:03,M10.5.0/3:04:05", nullptr},
-        {"<-03>3<-02>,M10.1.0/0,M3.3.0/0", nullptr},
-        {"EST5EDT", "EST5EDT,M3.2.0,M11.1.0"},  // glibc would read the file of that name
-    };
-    for (const auto& r : rules) {
+    const char* rules[] = {"IST-2IDT,M3.4.4/26,M10.5.0", "<-02>2<-01>,M3.5.0/-1,M10.5.0/0", "XXX3YYY,J60/0,J300",
+                           "XXX3YYY,59/0,299", "AAA-5BBB,M3.1.0/167,M10.1.0/-167", "<-03>3<-02>,M10.1.0/0,M3.3.0/0",
+                           "<+0513>-5:13:17<+0613>-6:13:17,M3.5.0/1:02:03,M10.5.0/3:04:05", "EST5EDT"};
+    for (const char* rule : rules) {
         TimeZone zone;
-        ASSERT_TRUE(zone.LoadRule(r.first)) << r.first << ": " << zone.Error();
-        setenv("TZ", r.second ? r.second : r.first, 1), tzset();
+        ASSERT_TRUE(zone.LoadRule(rule)) << rule << ": " << zone.Error();
+        setenv("TZ", std::string(rule) == "EST5EDT" ? "EST5EDT,M3.2.0,M11.1.0" : rule, 1), tzset();  // not its file
         int changes = 0;  // each year's two from 1970 to 2400
         for (int64_t t = 0, next; zone.NextTransition(t, &next) && next < 13569465600; t = next, changes++)
-            for (int64_t at : {t + (next - t) / 2, next - 1, next}) ASSERT_EQ(Show(zone, at), Glibc(at)) << r.first;
-        EXPECT_EQ(changes, 860) << r.first;
+            for (int64_t at : {t + (next - t) / 2, next - 1, next}) ASSERT_EQ(Show(zone, at), Glibc(at)) << rule;
+        EXPECT_EQ(changes, 860) << rule;
     }
     unsetenv("TZ"), tzset();
     const struct { const char* rule; int64_t t; std::string shows; } hand[] = {  // a change at t: t-1, t
@@ -219,8 +215,6 @@ TEST(TimeZoneRules, AgreeWithGlibcAroundEveryChange)
          "1903-03-27T01:59:59 +7200 IST 0, 1903-03-27T03:00:00 +10800 IDT 1"},
         {"<+13>-13<+14>,J1/1,M3.1.0/3", 1704024000,
          "2024-01-01T00:59:59 +46800 +13 0, 2024-01-01T02:00:00 +50400 +14 1"},
-        {"<-11>11<-10>,M10.1.0,J365/23", 1704099600,
-         "2023-12-31T22:59:59 -36000 -10 1, 2023-12-31T22:00:00 -39600 -11 0"},
         {"EST5EDT,0/0,J365/25", 0, "1969-12-31T19:59:59 -14400 EDT 1, 1969-12-31T20:00:00 -14400 EDT 1"},  // all year
     };
     for (const auto& h : hand) {
@@ -256,11 +250,11 @@ TEST(TimeZoneLoad, NamesPathsRulesAndTheirErrors)
     RunProgram({"/bin/mkdir", dir + "/Test"});
     std::ofstream(dir + "/Test/Zone", std::ios::binary) << Tzif::Rule("<+0130>-1:30", 5400, "+0130").Bytes();
     setenv("TZDIR", dir.c_str(), 1);
-    const std::string file = "1970-01-01T01:30:00 +5400 +0130 0", est = "1969-12-31T19:00:00 -18000 EST 0";
+    const std::string file = "1970-01-01T01:30:00 +5400 +0130 0";
     const std::string rule = "not a POSIX TZ rule: expected an offset [+-]hh[:mm[:ss]], hours 0-24 at byte ";
-    const std::pair<std::string, std::string> cases[] = {  // zone, shows at @0 or the error
-        {"Test/Zone", file}, {":Test/Zone", file}, {dir + "/Test/Zone", file}, {"EST5", est},
-        {"Test", "\"" + dir + "/Test\": Is a directory"}, {"/dev/null", "\"/dev/null\": not a regular file"},
+    const std::pair<std::string, std::string> cases[] = {  // zone, shows at @0 or the error; paths, rules: TimeCommand
+        {"Test/Zone", file}, {":Test/Zone", file}, {"Test", "\"" + dir + "/Test\": Is a directory"},
+        {"/dev/null", "\"/dev/null\": not a regular file"},
         {":Test/../Zone", "after \":\" a zone name or a file path is needed"}, {"Test/../Test/Zone", rule + "5"},
         {"Nowhere/Zone", "no file \"" + dir + "/Nowhere/Zone\", and " + rule + "8"},
     };
@@ -334,16 +328,14 @@ TEST(TimeCommand, ConvertsListsAndRefusesTimesAndItsCommandLine)
         {{"time", kBerlin, "2024-06-01T12:00:00+02:00", "2024-06-01 12:00+0200", "2024-06-01T10:00Z",
           "2024-06-01T12:00:00+02", "2024-06-01T06:30:00-03:30", "2024-06-01 12:00"},
          "", 0, kSummer + kSummer + kSummer + kSummer + kSummer + kSummer, ""},
-        {{"time", kBerlin, "@-2422054409"}, "", 0,
-         "@-2422054409 1893-03-31T23:06:31Z 1893-03-31T23:59:59+00:53:28 LMT isdst=0 gmtoff=3208\n", ""},
         {{"time", kBerlin, "2024-03-31T02:30"}, "", 1, "", "time: \"2024-03-31T02:30\": " + kGap},
         {{"time", kBerlin, "--pick=earlier", "2024-03-31T02:30"}, "", 0,
          "@1711845000 2024-03-31T00:30:00Z 2024-03-31T01:30:00+01:00 CET isdst=0 gmtoff=3600 gap=earlier\n", ""},
         {{"time", "--pick=reject", kBerlin, "2024-10-27 02:30", "2024-03-31T02:30", "@1"}, "", 1, kAt1,
          "time: \"2024-10-27 02:30\": occurs twice (refused by --pick=reject)\n"
          "time: \"2024-03-31T02:30\": skipped by a change of offset\n"},
-        {{"time", "--tz=<+0530>-5:30", "@-62135596800", "@253402300799", "0000-12-31", "@99999999999999999999"}, "", 1,
-         "@-62135596800 0001-01-01T00:00:00Z 0001-01-01T05:30:00+05:30 +0530 isdst=0 gmtoff=19800\n",
+        {{"time", "--tz=<+0530>-5:30:15", "@-62135596800", "@253402300799", "0000-12-31", "@99999999999999999999"},
+         "", 1, "@-62135596800 0001-01-01T00:00:00Z 0001-01-01T05:30:15+05:30:15 +0530 isdst=0 gmtoff=19815\n",
          "time: \"@253402300799\": outside the years 0001-9999\n"
          "time: \"0000-12-31\": outside the years 0001-9999\n"
          "time: \"@99999999999999999999\": outside the years 0001-9999\n"},
