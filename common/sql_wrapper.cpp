@@ -184,6 +184,7 @@ bool SqlWrapper::ExecStatement(const char* statement)
 bool SqlWrapper::Exec(const char* statement)
 {
     m_reason.clear();
+    m_column_names.clear();  // a statement without rows must not show the headers of the one before
     if (!StatementOk(statement)) return false;
     if (!Connected() && !Reconnect()) return false;
     if (!ExecStatement(statement)) return false;

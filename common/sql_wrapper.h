@@ -25,10 +25,10 @@ public:
 
     // Runs one statement (it must end in ";" and hold no CR or LF: the wire
     // takes one line per request; both are checked before connecting) and,
-    // when it returns rows, reads the header row into GetHeaders(). False
-    // when the statement is refused, fails (server text in LastError()) or
-    // the connection cannot be made within Retries(); FailureReason() then
-    // says why.
+    // when it returns rows, reads the header row into GetHeaders() (else it
+    // is left empty). False when the statement is refused, fails (server
+    // text in LastError()) or the connection cannot be made within
+    // Retries(); FailureReason() then says why.
     bool Exec(const char* statement);
     bool Exec(const std::string& statement) { return Exec(statement.c_str()); }
     // The next row, one string per column, at most maxColumns (0: the

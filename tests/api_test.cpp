@@ -12,27 +12,18 @@ namespace {
 
 // A call's result, the error it left and the lines HandleOutput got (each with its end, then "|"), as one text.
 std::string Ran(bool ok, int error, const std::string& lines = "")
-{
-    return std::string(ok ? "true " : "false ") + std::to_string(error) + ": " + lines;
-}
+{ return std::string(ok ? "true " : "false ") + std::to_string(error) + ": " + lines; }
 
-// Waits at most 10 s.
 class Recorder : public Api {
 public:
     explicit Recorder(const SockAddr& server) : Api(server, strPrompt) { Timeout(10); }
     void HandleOutput(const char* out) override { seen += out + std::string(!!LastLineEnd(), LastLineEnd()) + "|"; }
-    std::string Run(const char* cmd)
-    {
-        seen.clear();
-        const bool ok = Exec(cmd);
-        return Ran(ok, LastError(), seen);
-    }
+    std::string Run(const char* cmd) { seen.clear(); const bool ok = Exec(cmd); return Ran(ok, LastError(), seen); }
     char after[16] = "untouched";  // right behind Api's own line buffer (its last member): an overrun shows here
     std::string seen;
 };
 
-// Lines of every shape, and long ones (of the greeting too) in pieces of kLineLen - 1 bytes, so that each
-// piece's NUL stays inside the buffer.
+// Lines of every shape; long ones (of the greeting too) in pieces of kLineLen - 1 bytes, each NUL inside the buffer.
 TEST(Api, SendsCommandsAndCutsOutputIntoLines)
 {
     struct Row { std::string label, greeting, answer, lines; int pending = 0; };
@@ -60,8 +51,7 @@ TEST(Api, SendsCommandsAndCutsOutputIntoLines)
     }
 }
 
-// A close after every byte of greeting, output and prompt: a cut greeting fails Exec, a cut output
-// keeps its whole lines and the cut one, and each next Exec connects anew.
+// A close after every byte: a cut greeting fails Exec, a cut output keeps its lines and the cut one; then reconnect.
 TEST(Api, CloseAtEveryByteOffset)
 {
     const std::string greeting = "Hi\r\n#> ", output = "one\r\ntwo\n\nthree\n#> ";
@@ -85,8 +75,7 @@ TEST(Api, CloseAtEveryByteOffset)
     }
 }
 
-// Each row on its own thread (they wait in parallel). Link-dead time-out 0: dead after a silent second
-// unless Timeout() switched the check off. After a failure the next Exec reconnects; else it goes on.
+// Rows wait in parallel. Link-dead time-out 0: dead after a silent second unless Timeout() switched the check off.
 TEST(Api, SilenceEndsByTimeOutOrDeadLinkAndTheNextExecReconnects)
 {
     const long linkDead = Sock::DefaultLinkDeadTimeout();
@@ -119,33 +108,28 @@ TEST(Api, SilenceEndsByTimeOutOrDeadLinkAndTheNextExecReconnects)
     Sock::DefaultLinkDeadTimeout(linkDead);
 }
 
-// Refused, then open; a command too long to send; a connect that hangs; a family that cannot.
-TEST(Api, ConnectFailuresAndRefusedCommands)
+// Refused, then open; a command too long to send; a connect that hangs; a family that cannot. A copy takes all but
+// the link (the callback and its data too); the original keeps its connection.
+TEST(Api, ConnectFailuresRefusedCommandsAndCopies)
 {
     const SockAddr addr = RefusedAddr();
     Recorder api(addr);
     EXPECT_EQ(Ran(false, -ECONNREFUSED), api.Run("cmd"));
     EXPECT_EQ(-EPIPE, api.Pending());
-    ScriptedServer server({{Send("#> "), Expect("cmd\n"), Send("up\n#> "), Expect("next\n"), Send("#> ")}}, addr);
+    ScriptedServer server({{Send("#> "), Expect("cmd\n"), Send("up\n#> "), Expect("next\n"), Send("#> "), Close()},
+                           {Send("#> "), Expect("a\n"), Send("1\n#> x"), Close()},
+                           {Send("Hello\n#> "), Expect("b\n"), Send("2\n#> ")}}, addr);
     EXPECT_EQ(Ran(true, 0, "up\n|"), api.Run("cmd"));
-    // Nothing sent and the link kept: the one script goes on.
+    // Nothing sent and the link kept: its script goes on.
     EXPECT_EQ(Ran(false, -E2BIG), api.Run(std::string(7999, 'x').c_str()));
     EXPECT_EQ(Ran(true, 0), api.Run("next"));
     BlackHole hole;
     Api hanging(hole.Addr(), nullptr);
-    Recorder serial(SockAddr(AF_RS485, "ttyS1", 3));
     hanging.Timeout(1);
     const bool connected = hanging.Connect();
     EXPECT_EQ(Ran(false, -ETIMEDOUT), Ran(connected, hanging.LastError()));
-    EXPECT_EQ(Ran(false, -EAFNOSUPPORT), serial.Run("cmd"));
-}
-
-// A copy takes all but the link (the callback and its data too); the original keeps its connection.
-TEST(Api, CopiesStartUnconnectedAndAreListed)
-{
-    ScriptedServer server({{Send("#> "), Expect("a\n"), Send("1\n#> x"), Close()},
-                           {Send("Hello\n#> "), Expect("b\n"), Send("2\n#> ")}});
-    Recorder original(server.Addr());
+    EXPECT_EQ(Ran(false, -EAFNOSUPPORT), Recorder(SockAddr(AF_RS485, "ttyS1", 3)).Run("cmd"));
+    Recorder original(addr);  // the second and third connections
     std::string called;  // each line the callback saw, then "|"
     auto call = [](void* to, const char* out) { *static_cast<std::string*>(to) += out + std::string("|"); };
     original.RegisterOutputCb(call, &called);

@@ -1,5 +1,4 @@
-// discover and ipconfig end to end inside network namespaces made here: scripted and simulated units,
-// routes and interfaces missing.
+// discover and ipconfig end to end in namespaces made here: scripted and simulated units, no route or interface.
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -18,20 +17,16 @@
 
 namespace {
 
-std::string Brief(const char* mac, const char* address, const char* hwid, const char* host, const char* version,
+std::string Brief(const char* mac, const char* at, const char* hwid, const char* host, const char* ver,
                   const char* master, int indent = 0)
 {
     char line[300];
-    snprintf(line, sizeof line, "%*s%-17s %-15s %6s %-16s %-10s %s\n", indent, "", mac, address, hwid, host, version,
-             master);
+    snprintf(line, sizeof line, "%*s%-17s %-15s %6s %-16s %-10s %s\n", indent, "", mac, at, hwid, host, ver, master);
     return line;
 }
 
 std::vector<std::string> Words(const std::string& text)
-{
-    std::istringstream in(text);
-    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
-}
+{ std::istringstream in(text); return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()}; }
 
 size_t Lines(const std::string& text) { return static_cast<size_t>(std::count(text.begin(), text.end(), '\n')); }
 
@@ -46,14 +41,19 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswersAndRefusedCommandLines)
     // A tree line of a unit with a MAC and a master only.
     auto t = [u](const char* mac, const char* master, int in = 0) { return Brief(mac, u, "-", "-", "-", master, in); };
     auto unit = [](const char* mac, const char* master) { return std::string("mac=") + mac + "\nmasterMac=" + master; };
-    const std::string discover = "Usage: " VTEST_BINARY " discover [full] [tree] [--json] [--timeout=<seconds>] "
-                                 "[--interface=<name>]\n";
-    const std::string ipconfig = "Usage: " VTEST_BINARY " ipconfig <addrType> <addr> <ipv4Address> <ipv4Mask> "
-                                 "<ipv4Gateway> <dnsList> [temporary] [--no-confirm] [--timeout=<seconds>] "
-                                 "[--interface=<name>]\n";
-    struct Case { std::string label, args; std::vector<std::string> answers; std::string out,
-                  request = "Hello" + std::string(1, '\0'); int status = 0; std::string err = ""; };
-    std::vector<Case> cases = {
+    const std::string tail = " [--timeout=<seconds>] [--interface=<name>]\n", usage = "Usage: " VTEST_BINARY,
+                      discover = usage + " discover [full] [tree] [--json]" + tail,
+                      ipconfig = usage + " ipconfig <addrType> <addr> <ipv4Address> <ipv4Mask> <ipv4Gateway> <dnsList> "
+                                         "[temporary] [--no-confirm]" + tail;
+    struct Case { std::string label, args; std::vector<std::string> answers; std::string out; int status = 0;
+                  std::string err = "", request = "Hello" + std::string(1, '\0'); };
+    const std::string mac = "ipconfig mac 02:00:00:00:00:01 ", ok = mac + "10.0.0.5 255.0.0.0 10.0.0.1 - ";
+    // A refused command line: the reason, then the command's usage; nothing is sent.
+    auto refused = [&](const std::string& args, const std::string& why) {
+        return Case{"refused", args, {}, "", 255, Words(args)[0] + ": " + why + ".\n" +
+                                                  (args[0] == 'd' ? discover : ipconfig), ""};
+    };
+    const std::vector<Case> cases = {
         {"tree: slaves under the first of their master's MAC, cycles last; the brief columns", "discover tree",
          {unit("a1", "") + "\nhwid=7\nhostname=b\nversion=1.0", unit("a2", "A1"), unit("a3", "a2"), unit("a4", "a5"),
           unit("a5", "a4"), unit("a6", "a6"), unit("a7", "a99"), unit("a8", "A9"), unit("a9", ""),
@@ -69,37 +69,25 @@ TEST(DiscoverCli, LayoutsOfScriptedAnswersAndRefusedCommandLines)
          {"mac=01\nname=q\"b\\s\x01\xff\xc3\xa9", "mac=02"},
          "[\n  {\"mac\": \"01\", \"name\": \"q\\\"b\\\\s\\u0001\\ufffd\xc3\xa9\", \"remote\": \"192.168.77.2:3543\"},\n"
          "  {\"mac\": \"02\", \"remote\": \"192.168.77.2:3543\"}\n]\n"},
-        {"json when none answered", "discover --json", {}, "[]\n", "Hello" + std::string(1, '\0'), 1,
-         "No unit answered within 0.3 s.\n"},
+        {"json when none answered", "discover --json", {}, "[]\n", 1, "No unit answered within 0.3 s.\n"},
         {"ipconfig sends the library's MAC text, - as no DNS",
-         "ipconfig mac 0A:0B:0C:0D:0E:0F 10.1.2.3 255.255.0.0 10.1.0.1 - temporary --no-confirm", {}, "",
+         "ipconfig mac 0A:0B:0C:0D:0E:0F 10.1.2.3 255.255.0.0 10.1.0.1 - temporary --no-confirm", {}, "", 0, "",
          "SetIPv4 mac:0a:0b:0c:0d:0e:0f 10.1.2.3 255.255.0.0 10.1.0.1 temporary" + std::string(1, '\0')},
+        refused("discover tree --json", "tree and --json do not go together"),
+        refused("discover --timeout=0.05", "invalid time-out '0.05' (seconds, 0.1 to 60)"),
+        refused(mac + "10.0.0.5 255.0.0.0", "missing parameter: ipv4Gateway"),
+        refused("ipconfig eth 02:00:00:00:00:01 10.0.0.5 255.0.0.0 10.0.0.1 -", "unknown address type 'eth'"),
+        refused(mac + "10.0.0.500 255.0.0.0 10.0.0.1 -", "ipv4Address must be a dotted quad, not '10.0.0.500'"),
+        refused(ok + "permanent", "unexpected argument 'permanent'"),
+        refused(ok + "--interface=abcdefghijklmnop", "invalid interface name 'abcdefghijklmnop' (1 to 15 characters)"),
     };
-    // Refused command lines: the reason, then the command's usage; nothing is sent.
-    const std::string mac = "ipconfig mac 02:00:00:00:00:01 ", ok = mac + "10.0.0.5 255.0.0.0 10.0.0.1 - ";
-    const std::pair<std::string, std::string> refused[] = {
-        {"discover tree --json", "tree and --json do not go together"},
-        {"discover --timeout=0.05", "invalid time-out '0.05' (seconds, 0.1 to 60)"},
-        {mac + "10.0.0.5 255.0.0.0", "missing parameter: ipv4Gateway"},
-        {"ipconfig eth 02:00:00:00:00:01 10.0.0.5 255.0.0.0 10.0.0.1 -", "unknown address type 'eth'"},
-        {mac + "10.0.0.500 255.0.0.0 10.0.0.1 -", "ipv4Address must be a dotted quad, not '10.0.0.500'"},
-        {ok + "permanent", "unexpected argument 'permanent'"},
-        {ok + "--interface=abcdefghijklmnop", "invalid interface name 'abcdefghijklmnop' (1 to 15 characters)"},
-    };
-    for (const auto& [args, why] : refused) {
-        const std::string command = Words(args)[0];
-        const std::string& usage = command == "discover" ? discover : ipconfig;
-        cases.push_back({"refused", args, {}, "", "", 255, command + ": " + why + ".\n" + usage});
-    }
     for (const auto& c : cases) {
         Script answers;
         for (const std::string& answer : c.answers) answers.push_back(Send(answer));
         std::unique_ptr<ScriptedDatagramPeer> unit;
         ASSERT_TRUE(RunInNetns(lan.Units(), [&] { unit.reset(new ScriptedDatagramPeer({answers}, 3543)); }));
         RunResult r = lan.Vtest(Words(c.args + " --timeout=0.3"));
-        EXPECT_EQ(r.out, c.out) << c.label << ": " << c.args;
-        EXPECT_EQ(r.status, c.status) << c.label << ": " << c.args;
-        EXPECT_EQ(r.err, c.err) << c.label << ": " << c.args;
+        EXPECT_EQ(std::tie(r.status, r.out, r.err), std::tie(c.status, c.out, c.err)) << c.label << ": " << c.args;
         if (!c.request.empty()) WaitUntil([&] { return !unit->Received().empty(); }, ScaledMs(2000));
         EXPECT_EQ(unit->Received(), std::vector<std::string>(c.request.empty() ? 0 : 1, c.request)) << c.label;
     }
@@ -110,8 +98,7 @@ TEST(DiscoverCli, SendFailuresNameTheirCause)
     SKIP_WITHOUT_NETNS();
     const std::vector<std::string> noRaw = {"/usr/bin/setpriv", "--inh-caps=-net_raw", "--bounding-set=-net_raw"}, caps,
                                    down = InShell("/sbin/ip link set eth0 down && exec \"$@\"", {});
-    // up: the LAN's options
-    const struct { const char* label; std::string up; const std::vector<std::string>& prefix; std::string args;
+    const struct { const char* label; std::string lanOptions; const std::vector<std::string>& prefix; std::string args;
                    int status; std::string err; } cases[] = {
         {"frame without CAP_NET_RAW", "0 --no-route", noRaw, "discover", 2,
          "discover: cannot send: no route for the broadcast, and its hand-built frame needs CAP_NET_RAW.\n"},
@@ -123,11 +110,10 @@ TEST(DiscoverCli, SendFailuresNameTheirCause)
         {"--interface up needs no route", "2 --no-route", noRaw, "discover --interface=eth0 --timeout=0.5", 0, ""},
     };
     for (const auto& c : cases) {
-        SimLan lan(Words(c.up));
+        SimLan lan(Words(c.lanOptions));
         ASSERT_TRUE(lan.Up()) << lan.Error();
         RunResult r = lan.Vtest(Words(c.args), c.prefix);
-        EXPECT_EQ(r.status, c.status) << c.label << ": " << c.args;
-        EXPECT_EQ(OperatorErrors(r.err), c.err) << c.label << ": " << c.args;
+        EXPECT_EQ(std::tuple(r.status, OperatorErrors(r.err)), std::tie(c.status, c.err)) << c.label << ": " << c.args;
     }
 }
 
@@ -144,10 +130,8 @@ TEST(DiscoverCli, WithoutRouteTheHandBuiltFrameCarriesTheRequest)
         sockaddr_ll at = {AF_PACKET, htons(ETH_P_IP), static_cast<int>(if_nametoindex("lan0")), 0, 0, 0, {}};
         EXPECT_EQ(bind(capture, reinterpret_cast<sockaddr*>(&at), sizeof at), 0);
     }));
-    RunResult r = lan.Vtest({"discover", "--timeout=0.5"});
-    EXPECT_EQ(Lines(r.out), 3u) << r.out << r.err;
-    // IPv4 header (checksum zeroed) with don't-fragment and TTL 64, then UDP (source port zeroed) to 3543 without
-    // checksum.
+    EXPECT_EQ(Lines(lan.Vtest({"discover", "--timeout=0.5"}).out), 3u);
+    // IPv4 header (checksum zeroed), don't-fragment, TTL 64; UDP (source port zeroed) to 3543 without checksum.
     const unsigned char header[] = {0x45, 0, 0, 34, 0, 0, 0x40, 0, 64, 17, 0, 0, 192, 168, 77, 1, 255, 255, 255, 255,
                                     0, 0, 0x0d, 0xd7, 0, 14, 0, 0, 'H', 'e', 'l', 'l', 'o', 0};
     unsigned char frame[2048];
@@ -166,10 +150,8 @@ TEST(DiscoverCli, AThousandUnitsAndIpconfig)
     SKIP_WITHOUT_NETNS();
     SimLan lan({"1000", "--", "--setipv4-delay=1"});
     ASSERT_TRUE(lan.Up()) << lan.Error();
-    RunResult all = lan.Vtest({"discover"});
-    EXPECT_EQ(Lines(all.out), 1000u) << all.err;
+    EXPECT_EQ(Lines(lan.Vtest({"discover"}).out), 1000u);
     SKIP_IF_EMULATED(EmulationGap::Transparent);  // moved units answer from their new addresses
-    // Each moves to the gateway 10.9.9.1.
     const struct { const char* label; std::string target, option; int status; std::string out, err; } cases[] = {
         {"taken late, within the time-out", "02:56:54:00:00:0A 10.9.9.9", "--timeout=6", 0,
          Brief("02:56:54:00:00:0a", "10.9.9.9", "110", "unit-0010", "3.2.0", "02:56:54:00:00:01"), ""},
@@ -181,9 +163,7 @@ TEST(DiscoverCli, AThousandUnitsAndIpconfig)
     };
     for (const auto& c : cases) {
         RunResult r = lan.Vtest(Words("ipconfig mac " + c.target + " 255.255.255.0 10.9.9.1 - " + c.option));
-        EXPECT_EQ(r.status, c.status) << c.label;
-        EXPECT_EQ(r.out, c.out) << c.label;
-        EXPECT_EQ(r.err, c.err) << c.label;
+        EXPECT_EQ(std::tie(r.status, r.out, r.err), std::tie(c.status, c.out, c.err)) << c.label;
     }
     // The unconfirmed request reaches the simulator's log after vtest has gone.
     const char* moved = "SetIPv4: unit 10.77.0.14 moves to 10.9.9.6 in 1 s.";

@@ -51,7 +51,6 @@ void Collect(const char* line, int* value)
     g_counter = value;
 }
 
-// The tests play the units themselves, in a LAN of their own.
 class DiscoverLan : public ::testing::Test {
 protected:
     void SetUp() override { SKIP_WITHOUT_NETNS(); ASSERT_TRUE(lan.Up()) << lan.Error(); }
@@ -64,9 +63,8 @@ protected:
     SimLan lan{{"0"}};
 };
 
-// The pairs and callback forms read the same answers; requests go out byte for byte; a raised exit
-// flag ends the pause at once. Reported: at "hostname", at "master" before any "hwid", and (once,
-// after the answers) the last answer that collected values without a report.
+// Pairs and callback forms read the same answers; a raised exit flag ends the pause at once. Reported: at
+// "hostname", at "master" before any "hwid", and once at the end the last answer that collected values unreported.
 TEST_F(DiscoverLan, ReadsAnswersAndSendsRequestsByteForByte)
 {
     Script answers = {Send("mac:00:11:22:33:44:55 hwid:5"), Send("mac=02:00:00:00:00:01\nipv4=i\nhostname=a"),
@@ -88,10 +86,9 @@ TEST_F(DiscoverLan, ReadsAnswersAndSendsRequestsByteForByte)
         EXPECT_EQ(g_reported, "02:00:00:00:00:01 i NONE NONE NONE #4|m NONE NONE NONE NONE #4|"
                               "02:00:00:00:00:02 NONE 3 NONE NONE #4|");
         discovery.SetWait(30);
-        std::list<DiscoverRecord> none;
         daemon_should_exit = true;
         const auto start = std::chrono::steady_clock::now();
-        EXPECT_TRUE(discovery.Find(none) && std::chrono::steady_clock::now() - start < std::chrono::seconds(10));
+        EXPECT_TRUE(discovery.Find(pairs) && std::chrono::steady_clock::now() - start < std::chrono::seconds(10));
         daemon_should_exit = false;
         SockAddr target(AF_MAC, "00:11:22:33:44:55");
         EXPECT_TRUE(discovery.SetIPv4(target, "192.168.1.20", "255.255.255.0", "192.168.1.1", "192.168.1.1", true, "x"));
@@ -135,19 +132,13 @@ TEST_F(DiscoverLan, CentralSearchReportsEachCentralLine)
                               "NONE NONE 41 NONE NONE aa:bb:cc:dd:ee:ff #41|");
         discovery.ChangeRS485Address("10.0.0.1", "02:00:00:00:00:09", 12);  // true whatever happened
         discovery.ChangeRS485Address("10.0.0.1", std::string(200, 'm').c_str(), 12);
-        EXPECT_TRUE(daemon.WaitScriptsDone(ScaledMs(5000)));
-        EXPECT_EQ(daemon.Accepted(), 4);  // the too long "serial set" is not sent
+        EXPECT_TRUE(daemon.WaitScriptsDone(ScaledMs(5000)) && daemon.Accepted() == 4);  // long "serial set" unsent
         // The searches left the units' answers queued for this pass.
         std::list<DiscoverRecord> units;
         ASSERT_TRUE(discovery.Find(units));
         EXPECT_EQ(Text(units), " mac=01 n=fresh remote=192.168.77.2:3543 | mac=02 n=queued remote=192.168.77.2:3543 |");
     }));
-}
-
-// With only the loopback interface even the hand-built frame has no source.
-TEST(DiscoverRs485, WithoutAnInterfaceNoSearchStarts)
-{
-    SKIP_WITHOUT_NETNS();
+    // With only the loopback interface even the hand-built frame has no source: no search starts.
     EXPECT_EQ(0, RunInNamespaces(CLONE_NEWNET, [] {
         ScriptedServer daemon({SerialEnum("")}, SockAddr(AF_INET, 0x7F000001u, 3543));
         Discover discovery(3543);

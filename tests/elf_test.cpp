@@ -86,10 +86,9 @@ std::string Report(const std::string& path)
     Elf elf;
     char* buf = nullptr;
     size_t len = 0;
-    if (!elf.Open(path.c_str())) return "<not opened>";
-    FILE* out = open_memstream(&buf, &len);
-    elf.PrintAll(out);
-    fclose(out);
+    FILE* out = elf.Open(path.c_str()) ? open_memstream(&buf, &len) : nullptr;
+    if (!out) return "<not opened>";
+    elf.PrintAll(out), fclose(out);
     std::string text(buf, len);
     return free(buf), text;
 }
@@ -202,7 +201,7 @@ TEST_F(ElfTest, ShowsEachDamageInItsBlockAndSurvivesEveryCut)
     for (const auto& c : cases) {
         Image image = good;
         c.damage(image);
-        std::string report = Report(Save(image.bytes));
+        const std::string report = Report(Save(image.bytes));
         EXPECT_NE(report.find(c.shows), std::string::npos) << c.label << "\n" << report;
     }
     FILE* sink = fopen("/dev/null", "w");  // cut at every length past the header, each still opens and prints
@@ -273,8 +272,7 @@ TEST_F(ElfTest, ProgramsFrameTheReport)
         // Emulated, the tool cannot run without its emulator, nor find itself through /proc/self/exe.
         if (c.argv[0] == "/bin/bash" && !EmulationSkipReason(EmulationGap::ProcSelfExe).empty()) continue;
         RunResult r = RunProgram(c.argv);
-        EXPECT_EQ(std::tie(r.status, r.out), std::tie(c.status, c.out)) << c.label;
-        EXPECT_EQ(LogLines(r.err), c.log) << c.label;
+        EXPECT_EQ(std::make_tuple(r.status, r.out, LogLines(r.err)), std::tie(c.status, c.out, c.log)) << c.label;
     }
 }
 

@@ -13,11 +13,7 @@
 
 namespace {
 
-std::string AddrText(const SockAddr& addr)
-{
-    char text[SockAddr::m_strLen];
-    return addr.Str(text, true);
-}
+std::string AddrText(const SockAddr& addr) { char text[SockAddr::m_strLen]; return addr.Str(text, true); }
 
 // A connection that sends the greeting and then answers each command in turn.
 Script Answers(const std::vector<std::pair<std::string, std::string>>& exchanges, bool close = false)
@@ -27,8 +23,7 @@ Script Answers(const std::vector<std::pair<std::string, std::string>>& exchanges
     return close ? Then(script, {Close()}) : script;
 }
 
-// Each row on its own thread and peer (the time-outs wait in parallel). In errors "@" is the server. A command
-// sent wrongly or too often finds no answer in the script, so the output or the status shows it.
+// Rows wait in parallel, "@" is the server. A command sent wrongly or too often finds no answer in the script.
 TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
 {
     const std::string clean = "\xef\xbb\xbf  first  \r\n\n# comment\n\t# indented\nsecond\tline\t\n", tooLong(4001, 'x');
@@ -36,7 +31,6 @@ TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
     std::ofstream(script, std::ios::binary) << clean << "third";
     const struct Row { const char* label; std::vector<std::string> args; std::vector<Script> scripts; int status;
                        std::string out, errors = "", input = ""; } rows[] = {
-        {"one command: no header", {"version"}, {Answers({{"version", "1.0\r\n#> "}})}, 0, "1.0\n"},
         {"CR LF, CR, pieces of a long line", {"a", "b"}, {Answers({{"a", "x\r\ny\r\r\n" + l + "\n#> "}, {"b", "#> "}})}, 0,
          "#> a\nx\ny\n\n" + l + "\n#> b\n"},
         {"no echo; --", {"--no-echo", "--", "--x", "b"}, {Answers({{"--x", "1\n#> "}, {"b", "2\n#> "}})}, 0, "1\n2\n"},
@@ -47,22 +41,21 @@ TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
         {"another error prefix; a failure stops the run", {"--error-prefix=FAIL", "a", "b", "c"},
          {Answers({{"a", "Error: no\n#> "}, {"b", "FAILED\n#> "}})}, 1, "#> a\nError: no\n#> b\nFAILED\n",
          "Error: 'b' failed on @.\n"},
-        {"an empty error prefix", {"--error-prefix=", "a"}, {Answers({{"a", "Error: x\n#> "}})}, 0, "Error: x\n"},
+        {"empty prefix; no header", {"--error-prefix=", "a"}, {Answers({{"a", "Error: x\n#> "}})}, 0, "Error: x\n"},
         {"an output line starting with the prompt text", {"a", "b"},
          {Answers({{"a", "#> hello\nmore\n#> "}, {"b", "ok\n#> "}})}, 0, "#> a\n#> hello\nmore\n#> b\nok\n"},
-        {"a greeting line starting with the prompt text", {"a"}, {{Send("#> hi\n#> "), Expect("a\n"), Send("1\n#> ")}}, 0, "1\n"},
+        {"prompt text starts a greeting line", {"a"}, {{Send("#> hi\n#> "), Expect("a\n"), Send("1\n#> ")}}, 0, "1\n"},
         {"time-out during the output: 3", {"--timeout=1", "a"}, {Answers({{"a", "x\npar"}})}, 3, "x\npar\n",
          "Error: no answer from @ to 'a' within 1 s.\n"},
         {"closed during the output: 4, the cut line printed, never sent again; the next reconnects",
          {"--keep-going", "a", "b"}, {Answers({{"a", "p"}}, true), Answers({{"b", "2\n#> "}})}, 4, "#> a\np\n#> b\n2\n",
          "Error: connection to @ closed during 'a'.\n"},
-        {"closed before the first prompt: 2", {"a"}, {{Send("Hi\n"), Close()}}, 2, "",
+        {"closed before the prompt", {"a"}, {{Send("Hi\n"), Close()}}, 2, "",
          "Error: cannot connect to @: closed before the prompt.\n"},
         {"closed right behind the first prompt: no endless reconnecting", {"--retries=1", "a"},
          {{Send("Hi\n#> "), Close()}, {Send("#> x\n"), Close()}}, 2, "",
          "Error: cannot connect to @: closed before the prompt (2 attempts).\n"},
-        {"silent before the first prompt: 2", {"--timeout=1", "a"}, {{Send("Hi\n")}}, 2, "",
-         "Error: cannot connect to @: no answer within 1 s.\n"},
+        {"quiet", {"--timeout=1", "a"}, {{Send("Hi\n")}}, 2, "", "Error: cannot connect to @: no answer within 1 s.\n"},
         {"script: byte-order mark, CR LF, blanks, comments", {"--no-echo", "--file=" + script},
          {Answers({{"first", "1\n#> "}, {"second\tline", "2\n#> "}, {"third", "3\n#> "}})}, 0, "1\n2\n3\n"},
         {"script: a long line stops the run", {"--stdin"}, {Answers({{"first", "#> "}, {"second\tline", "#> "}})}, 5,
@@ -88,22 +81,20 @@ TEST(Exec, PrintsOutputsAndEndsWithTheFirstFailuresStatus)
     for (const Row& row : rows)
         threads.emplace_back([&row, &usage] {
             ScriptedServer server(row.scripts);
-            const std::string at = AddrText(server.Addr()), label = row.label + (" " + row.errors);
+            const std::string at = AddrText(server.Addr());
             std::vector<std::string> args = {"exec", "--server=" + at};
             args.insert(args.end(), row.args.begin(), row.args.end());
             RunResult r = RunVtest(args, row.input);
-            std::string err = row.errors;
+            std::string err = row.errors + (row.status == 255 ? usage : "");
             for (size_t i; (i = err.find('@')) != std::string::npos;) err.replace(i, 1, at);
-            EXPECT_EQ(row.status, r.status) << label << "\n" << r.err;
-            EXPECT_EQ(row.out, r.out) << label;
-            EXPECT_EQ(err + (row.status == 255 ? usage : ""), OperatorErrors(r.err)) << label;
+            EXPECT_EQ(std::tie(row.status, row.out, err), std::tuple(r.status, r.out, OperatorErrors(r.err)))
+                << row.label;
         });
     for (std::thread& t : threads) t.join();
     unlink(script.c_str()), rmdir(dir.c_str());
 }
 
-// End-of-file behind a prompt is the daemon closing between commands: the next one connects again.
-// Standard input is streamed, so the close has surely come before the next line is written.
+// End-of-file behind a prompt is the daemon closing between commands: the next line (written after it) reconnects.
 TEST(Exec, StreamsStandardInputAndReconnectsWhenTheDaemonClosedBetweenCommands)
 {
     ScriptedServer server({Answers({{"a", "1\n#> "}}, true), Answers({{"b", "2\n#> "}})});
@@ -136,8 +127,7 @@ TEST(Exec, EveryServerForm)
     rmdir(dir.c_str());
 }
 
-// The simulated unit's own greeting, prompt and error lines, as the scripted peers above play them; the sleep cut
-// by the time-out is still running when the simulator stops, and ends at once.
+// The simulated unit as the peers above play it; the sleep cut by the time-out ends at once when the simulator stops.
 TEST(Exec, AgainstTheSimulatedUnit)
 {
     SimRunner sim;

@@ -45,10 +45,7 @@ struct Tzif {
     }
 
 private:
-    static void Put(std::string& s, uint64_t v, int bytes)
-    {
-        for (int i = bytes - 1; i >= 0; i--) s += static_cast<char>(v >> (8 * i));
-    }
+    static void Put(std::string& s, uint64_t v, int bytes) { while (bytes--) s += static_cast<char>(v >> (8 * bytes)); }
     std::string Block(int timeBytes) const
     {
         std::string s = std::string("TZif") + version + std::string(15, '\0');
@@ -69,14 +66,17 @@ const int64_t kSpring2024 = 1711846800;  // 2024-03-31T01:00:00Z, Berlin to summ
 const std::string kBerlinSpring = "2024-03-31T03:00:00 +7200 CEST 1";
 
 // "2024-03-31T03:00:00 +7200 CEST 1", or "-" when out of range.
-std::string Show(const TimeZone& zone, int64_t t)
+std::string Text(const LocalTime& l)
 {
-    LocalTime l;
-    if (!zone.ToLocal(t, l)) return "-";
     char buf[320];
     snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d %+d %s %d", l.year, l.month, l.day, l.hour, l.minute,
              l.second, l.utoff, l.abbr, l.isdst);
     return buf;
+}
+std::string Show(const TimeZone& zone, int64_t t)
+{
+    LocalTime l;
+    return zone.ToLocal(t, l) ? Text(l) : "-";
 }
 
 TimeZone Loaded(const std::string& bytes)
@@ -86,9 +86,9 @@ TimeZone Loaded(const std::string& bytes)
     return zone;
 }
 
-void Put32(std::string& bytes, size_t at, uint32_t value)
+void Put32(std::string& b, size_t at, uint32_t v)
 {
-    for (int i = 0; i < 4; i++) bytes[at + i] = static_cast<char>(value >> (24 - 8 * i));
+    for (int i = 0; i < 4; i++) b[at + i] = static_cast<char>(v >> (24 - 8 * i));
 }
 
 TEST(TimeZoneFiles, ReadsEveryVersionLeapTablesAndTypeZeroFirst)
@@ -189,31 +189,25 @@ TEST(TimeZoneFiles, RefusesDamagedFilesWithTheirReason)
 std::string Glibc(int64_t t)
 {
     time_t at = t;
-    struct tm l;
-    char buf[96];
-    localtime_r(&at, &l);
-    snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d %+ld %s %d", l.tm_year + 1900, l.tm_mon + 1, l.tm_mday,
-             l.tm_hour, l.tm_min, l.tm_sec, l.tm_gmtoff, l.tm_zone, l.tm_isdst);
-    return buf;
+    struct tm m;
+    localtime_r(&at, &m);
+    return Text({m.tm_year + 1900, m.tm_mon + 1, m.tm_mday, m.tm_hour, m.tm_min, m.tm_sec,
+                 static_cast<int32_t>(m.tm_gmtoff), m.tm_isdst > 0, m.tm_zone});
 }
 
 TEST(TimeZoneRules, AgreeWithGlibcAroundEveryChange)
 {
-    const std::pair<const char*, const char*> rules[] = {  // ours, glibc's text when it needs another
-        {"IST-2IDT,M3.4.4/26,M10.5.0", nullptr}, {"<-02>2<-01>,M3.5.0/-1,M10.5.0/0", nullptr},
-        {"XXX3YYY,J60/0,J300", nullptr}, {"XXX3YYY,59/0,299", nullptr}, {"AAA-5BBB,M3.1.0/167,M10.1.0/-167", nullptr},
-        {"<+0513>-5:13:17<+0613>-6:13:17,M3.5.0/1:02:03,M10.5.0/3:04:05", nullptr},
-        {"<-03>3<-02>,M10.1.0/0,M3.3.0/0", nullptr},
-        {"EST5EDT", "EST5EDT,M3.2.0,M11.1.0"},  // glibc would read the file of that name
-    };
-    for (const auto& r : rules) {
+    const char* rules[] = {"IST-2IDT,M3.4.4/26,M10.5.0", "<-02>2<-01>,M3.5.0/-1,M10.5.0/0", "XXX3YYY,J60/0,J300",
+                           "XXX3YYY,59/0,299", "AAA-5BBB,M3.1.0/167,M10.1.0/-167", "<-03>3<-02>,M10.1.0/0,M3.3.0/0",
+                           "<+0513>-5:13:17<+0613>-6:13:17,M3.5.0/1:02:03,M10.5.0/3:04:05", "EST5EDT"};
+    for (const char* rule : rules) {
         TimeZone zone;
-        ASSERT_TRUE(zone.LoadRule(r.first)) << r.first << ": " << zone.Error();
-        setenv("TZ", r.second ? r.second : r.first, 1), tzset();
+        ASSERT_TRUE(zone.LoadRule(rule)) << rule << ": " << zone.Error();
+        setenv("TZ", std::string(rule) == "EST5EDT" ? "EST5EDT,M3.2.0,M11.1.0" : rule, 1), tzset();  // not its file
         int changes = 0;  // each year's two from 1970 to 2400
         for (int64_t t = 0, next; zone.NextTransition(t, &next) && next < 13569465600; t = next, changes++)
-            for (int64_t at : {t + (next - t) / 2, next - 1, next}) ASSERT_EQ(Show(zone, at), Glibc(at)) << r.first;
-        EXPECT_EQ(changes, 860) << r.first;
+            for (int64_t at : {t + (next - t) / 2, next - 1, next}) ASSERT_EQ(Show(zone, at), Glibc(at)) << rule;
+        EXPECT_EQ(changes, 860) << rule;
     }
     unsetenv("TZ"), tzset();
     const struct { const char* rule; int64_t t; std::string shows; } hand[] = {  // a change at t: t-1, t
@@ -221,8 +215,6 @@ TEST(TimeZoneRules, AgreeWithGlibcAroundEveryChange)
          "1903-03-27T01:59:59 +7200 IST 0, 1903-03-27T03:00:00 +10800 IDT 1"},
         {"<+13>-13<+14>,J1/1,M3.1.0/3", 1704024000,
          "2024-01-01T00:59:59 +46800 +13 0, 2024-01-01T02:00:00 +50400 +14 1"},
-        {"<-11>11<-10>,M10.1.0,J365/23", 1704099600,
-         "2023-12-31T22:59:59 -36000 -10 1, 2023-12-31T22:00:00 -39600 -11 0"},
         {"EST5EDT,0/0,J365/25", 0, "1969-12-31T19:59:59 -14400 EDT 1, 1969-12-31T20:00:00 -14400 EDT 1"},  // all year
     };
     for (const auto& h : hand) {
@@ -245,8 +237,7 @@ TEST(TimeZoneRules, RefusesMalformedRules)
         "EST5EDT,M3.2.0/-168,M11.1.0", "EST5EDT4x", "EST5 ", "EST5EDT,M3.2.0/,M11.1.0", over.c_str(),
     };
     TimeZone zone;
-    ASSERT_TRUE(zone.LoadRule(longest.c_str()));
-    ASSERT_TRUE(zone.LoadRule("UTC0"));
+    ASSERT_TRUE(zone.LoadRule(longest.c_str()) && zone.LoadRule("UTC0"));
     for (const char* text : bad) EXPECT_FALSE(zone.LoadRule(text)) << text;
     EXPECT_EQ(Show(zone, 0), "1970-01-01T00:00:00 +0 UTC 0");
     EXPECT_FALSE(zone.LoadRule("EST5EDT,M3.2.0/2:60,M11.1.0"));
@@ -259,11 +250,11 @@ TEST(TimeZoneLoad, NamesPathsRulesAndTheirErrors)
     RunProgram({"/bin/mkdir", dir + "/Test"});
     std::ofstream(dir + "/Test/Zone", std::ios::binary) << Tzif::Rule("<+0130>-1:30", 5400, "+0130").Bytes();
     setenv("TZDIR", dir.c_str(), 1);
-    const std::string file = "1970-01-01T01:30:00 +5400 +0130 0", est = "1969-12-31T19:00:00 -18000 EST 0";
+    const std::string file = "1970-01-01T01:30:00 +5400 +0130 0";
     const std::string rule = "not a POSIX TZ rule: expected an offset [+-]hh[:mm[:ss]], hours 0-24 at byte ";
-    const std::pair<std::string, std::string> cases[] = {  // zone, shows at @0 or the error
-        {"Test/Zone", file}, {":Test/Zone", file}, {dir + "/Test/Zone", file}, {"EST5", est},
-        {"Test", "\"" + dir + "/Test\": Is a directory"}, {"/dev/null", "\"/dev/null\": not a regular file"},
+    const std::pair<std::string, std::string> cases[] = {  // zone, shows at @0 or the error; paths, rules: TimeCommand
+        {"Test/Zone", file}, {":Test/Zone", file}, {"Test", "\"" + dir + "/Test\": Is a directory"},
+        {"/dev/null", "\"/dev/null\": not a regular file"},
         {":Test/../Zone", "after \":\" a zone name or a file path is needed"}, {"Test/../Test/Zone", rule + "5"},
         {"Nowhere/Zone", "no file \"" + dir + "/Nowhere/Zone\", and " + rule + "8"},
     };
@@ -291,24 +282,22 @@ TEST(TimeZoneReal, SampleZonesAgreeWithZdumpZoneinfoAndGlibc)
     EXPECT_NE(r.out.find("right/: 7 zones"), std::string::npos) << r.out;
 }
 
-// A loaded zone is read-only: threads sharing it see what one thread alone sees.
+// A loaded zone is read-only: threads sharing it (its table, then its rule) see what one thread alone sees.
 TEST(TimeZone, ZonesServeParallelThreads)
 {
-    TimeZone zones[2] = {Loaded(Tzif::Berlin().Bytes())};
-    ASSERT_TRUE(zones[1].LoadRule("AEST-10AEDT,M10.1.0,M4.1.0/3"));
-    auto run = [](const TimeZone& zone, std::string& out) {
+    const TimeZone zone = Loaded(Tzif::Berlin().Bytes());
+    auto run = [&zone](std::string& out) {
         LocalTime l;
         int64_t back[2];
         LocalKind kind;
-        for (int64_t t = 1600000000; t < 1600000000 + 4000 * 9973; t += 9973)
-            if (zone.ToLocal(t, l)) out += Show(zone, t) + std::to_string(zone.FromLocal(l, back, &kind)) + ",";
+        for (int64_t t = 1700000000; t < 1700000000 + 4000 * 9973; t += 9973)
+            if (zone.ToLocal(t, l)) out += Text(l) + std::to_string(zone.FromLocal(l, back, &kind)) + ",";
     };
-    std::string seen[6];
-    run(zones[0], seen[4]), run(zones[1], seen[5]);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; i++) threads.emplace_back(run, std::cref(zones[i % 2]), std::ref(seen[i]));
-    for (std::thread& t : threads) t.join();
-    for (int i = 0; i < 4; i++) EXPECT_EQ(seen[i], seen[4 + i % 2]) << i;
+    std::string alone, first, second;
+    run(alone);
+    std::thread other(run, std::ref(first));
+    run(second), other.join();
+    EXPECT_EQ(first + second, alone + alone);
 }
 
 const std::string kNotATime = "not a time (@SECONDS, YYYY-MM-DD[ HH:MM[:SS]][Z|+HH:MM|-HH:MM] or now)\n";
@@ -317,16 +306,16 @@ const std::string kBerlin = "--tz=Europe/Berlin", kRange = " (<from>:<to>, years
 const std::string kSummer = "@1717236000 2024-06-01T10:00:00Z 2024-06-01T12:00:00+02:00 CEST isdst=1 gmtoff=7200\n";
 const std::string kAt1 = "@1 1970-01-01T00:00:01Z 1970-01-01T01:00:01+01:00 CET isdst=0 gmtoff=3600\n";
 
-struct Case { std::vector<std::string> args; std::string input; int status; std::string out, err; };
-
-void Check(const Case& c)
+TEST(TimeCommand, ConvertsListsAndRefusesTimesAndItsCommandLine)
 {
-    RunResult r = RunVtest(c.args, c.input);
-    EXPECT_EQ(std::tie(r.status, r.out, r.err), std::tie(c.status, c.out, c.err)) << c.args[1] + " " + c.args.back();
-}
-
-TEST(TimeCommand, ConvertsListsAndRefusesTimes)
-{
+    const std::string synopsis = std::string(VTEST_BINARY) +
+                                 " time --tz=<timezone> [--pick=all|earlier|later|reject] (<time>)+ | --stdin\n" +
+                                 VTEST_BINARY + " time --tz=<timezone> --transitions[=<from>:<to>]\n\tConvert time.\n";
+    struct Case { std::vector<std::string> args; std::string input; int status; std::string out, err; };
+    auto usage = [&](std::vector<std::string> args, const std::string& why) {  // refused with the synopsis
+        args.insert(args.begin(), "time");
+        return Case{args, "", 255, "", "Error: " + why + "\n" + synopsis};
+    };
     const Tzif odd{'2', {0}, {1}, {{{0, 0, 0}}, {{3600, 1, 1}}}, std::string("\0a/b\x01\0", 6)};  // "" then "a/b\x01"
     std::string dir = MakeTempDir(), path = dir + "/odd", bad, badErr;
     std::ofstream(path, std::ios::binary) << odd.Bytes();
@@ -339,16 +328,14 @@ TEST(TimeCommand, ConvertsListsAndRefusesTimes)
         {{"time", kBerlin, "2024-06-01T12:00:00+02:00", "2024-06-01 12:00+0200", "2024-06-01T10:00Z",
           "2024-06-01T12:00:00+02", "2024-06-01T06:30:00-03:30", "2024-06-01 12:00"},
          "", 0, kSummer + kSummer + kSummer + kSummer + kSummer + kSummer, ""},
-        {{"time", kBerlin, "@-2422054409"}, "", 0,
-         "@-2422054409 1893-03-31T23:06:31Z 1893-03-31T23:59:59+00:53:28 LMT isdst=0 gmtoff=3208\n", ""},
         {{"time", kBerlin, "2024-03-31T02:30"}, "", 1, "", "time: \"2024-03-31T02:30\": " + kGap},
         {{"time", kBerlin, "--pick=earlier", "2024-03-31T02:30"}, "", 0,
          "@1711845000 2024-03-31T00:30:00Z 2024-03-31T01:30:00+01:00 CET isdst=0 gmtoff=3600 gap=earlier\n", ""},
         {{"time", "--pick=reject", kBerlin, "2024-10-27 02:30", "2024-03-31T02:30", "@1"}, "", 1, kAt1,
          "time: \"2024-10-27 02:30\": occurs twice (refused by --pick=reject)\n"
          "time: \"2024-03-31T02:30\": skipped by a change of offset\n"},
-        {{"time", "--tz=<+0530>-5:30", "@-62135596800", "@253402300799", "0000-12-31", "@99999999999999999999"}, "", 1,
-         "@-62135596800 0001-01-01T00:00:00Z 0001-01-01T05:30:00+05:30 +0530 isdst=0 gmtoff=19800\n",
+        {{"time", "--tz=<+0530>-5:30:15", "@-62135596800", "@253402300799", "0000-12-31", "@99999999999999999999"},
+         "", 1, "@-62135596800 0001-01-01T00:00:00Z 0001-01-01T05:30:15+05:30:15 +0530 isdst=0 gmtoff=19815\n",
          "time: \"@253402300799\": outside the years 0001-9999\n"
          "time: \"0000-12-31\": outside the years 0001-9999\n"
          "time: \"@99999999999999999999\": outside the years 0001-9999\n"},
@@ -372,31 +359,25 @@ TEST(TimeCommand, ConvertsListsAndRefusesTimes)
         {{"time", "--tz=UTC0", "--transitions=1:10000"}, "", 0, "", ""},
         {{"time", "--tz=/dev/null\x01\"", "@1"}, "", 2, "",
          "time: cannot load time zone \"/dev/null\\x01\\x22\": \"/dev/null\\x01\\x22\": No such file or directory\n"},
+        usage({"@1"}, "missing --tz=<timezone>."),
+        usage({"--tz=", "@1"}, "empty --tz= value."),
+        usage({kBerlin}, "give exactly one of <time>, --stdin and --transitions."),
+        usage({kBerlin, "--pick=later", "--transitions"}, "--pick does not go with --transitions."),
+        usage({kBerlin, "@1", kBerlin}, "option --tz given twice."),
+        usage({kBerlin, "--transitions", "--transitions=1:2"}, "option --transitions given twice."),
+        usage({kBerlin, "--stdin=x"}, "option --stdin takes no value."),
+        usage({"--tz", "@1"}, "option --tz needs =<value>."),
+        usage({kBerlin, "--pic=all", "@1"}, "unknown option \"--pic=all\"."),
+        usage({kBerlin, "--pick=first", "@1"}, "unknown --pick value \"first\" (all, earlier, later or reject)."),
+        usage({kBerlin, "--transitions=2000:2000"}, "bad --transitions range \"2000:2000\"" + kRange),
+        usage({kBerlin, "--transitions=1:10001"}, "bad --transitions range \"1:10001\"" + kRange),
     };
-    for (const Case& c : cases) Check(c);
+    for (const auto& c : cases) {
+        RunResult r = RunVtest(c.args, c.input);
+        EXPECT_EQ(std::tie(r.status, r.out, r.err), std::tie(c.status, c.out, c.err))
+            << c.args[1] + ' ' + c.args.back();
+    }
     RunProgram({"/bin/rm", "-rf", dir});
-}
-
-TEST(TimeCommand, CommandLineErrorsShowTheSynopsis)
-{
-    std::string synopsis = std::string(VTEST_BINARY) +
-                           " time --tz=<timezone> [--pick=all|earlier|later|reject] (<time>)+ | --stdin\n" +
-                           VTEST_BINARY + " time --tz=<timezone> --transitions[=<from>:<to>]\n\tConvert time.\n";
-    const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{"time", "@1"}, "missing --tz=<timezone>."},
-        {{"time", "--tz=", "@1"}, "empty --tz= value."},
-        {{"time", kBerlin}, "give exactly one of <time>, --stdin and --transitions."},
-        {{"time", kBerlin, "--pick=later", "--transitions"}, "--pick does not go with --transitions."},
-        {{"time", kBerlin, "@1", kBerlin}, "option --tz given twice."},
-        {{"time", kBerlin, "--transitions", "--transitions=1:2"}, "option --transitions given twice."},
-        {{"time", kBerlin, "--stdin=x"}, "option --stdin takes no value."},
-        {{"time", "--tz", "@1"}, "option --tz needs =<value>."},
-        {{"time", kBerlin, "--pic=all", "@1"}, "unknown option \"--pic=all\"."},
-        {{"time", kBerlin, "--pick=first", "@1"}, "unknown --pick value \"first\" (all, earlier, later or reject)."},
-        {{"time", kBerlin, "--transitions=2000:2000"}, "bad --transitions range \"2000:2000\"" + kRange},
-        {{"time", kBerlin, "--transitions=1:10001"}, "bad --transitions range \"1:10001\"" + kRange},
-    };
-    for (const auto& c : cases) Check({c.first, "", 255, "", "Error: " + c.second + "\n" + synopsis});
 }
 
 }  // namespace
