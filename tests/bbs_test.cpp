@@ -52,12 +52,10 @@ TEST(Bbs, SetReplacesRemoveErasesCopyIsWholeAndGlobalIsOneBoardUntilFini)
     board.Set("A", "upper");
     board.Set("b", "");
     std::string text = "keep";
-    EXPECT_TRUE(!board.Get("none", text) && text == "keep");
-    EXPECT_TRUE(board.Get("b", text) && text.empty());
+    EXPECT_TRUE(!board.Get("none", text) && text == "keep" && board.Get("b", text) && text.empty());
     EXPECT_TRUE(board.GetStr("none", nullptr) == nullptr && std::string(board.GetStr("A", "x")) == "upper");
     EXPECT_TRUE(board.GetInt("a", 0) == -17 && board.GetShort("none", 3) == 3 && board.GetBool("A", true));
-    board.Remove("absent");
-    board.Remove("b");
+    for (const char* key : {"absent", "b"}) board.Remove(key);
     std::map<std::string, std::string> all{{"stale", "x"}};
     board.Get(all);
     EXPECT_EQ(all, (std::map<std::string, std::string>{{"A", "upper"}, {"a", "-17"}}));

@@ -9,7 +9,6 @@
 
 namespace {
 
-// Greeting, subscription request, its prompt, then what the server pushes.
 Script Subscribed(const std::string& pushed, const std::string& request = "monitor Events\r\n")
 {
     return Then(Greeting("SQL monitor"), {Expect(request), Send("#> "), Send(pushed)});

@@ -56,7 +56,6 @@ TEST(Mutex, BlockedWaiterReportsHolderAndLatestStep)
     m.Unlock();
 }
 
-// The holder id is cached per thread: a child forked while its parent holds a lock records its own id.
 TEST(Mutex, ChildForkedWhileLockedRecordsItsOwnId)
 {
     Mutex held(true), inChild(false);
@@ -77,8 +76,7 @@ TEST(Debuggable, RenameCutsAndTheRegistryFollowsCopiesAndRemovals)
     const size_t listed = Debuggable::Count();
     const long census = safe_mem_object_count("Debuggable");
     Debuggable a("a"), b("b"), c("c%d", 1), copy(c);
-    EXPECT_TRUE(Debuggable::Debug(&b, true));
-    EXPECT_FALSE(b.Debug() || Debuggable::Debug(&b, true));
+    EXPECT_TRUE(Debuggable::Debug(&b, true) && !b.Debug() && !Debuggable::Debug(&b, true));
     EXPECT_TRUE(Debuggable::Count() == listed + 3 && safe_mem_object_count("Debuggable") == census + 4);
     c.Debug(true);
     a = c;

@@ -1,4 +1,3 @@
-// The command channel over real sockets, read with Api's own reads: no byte left over, no read left waiting.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -88,7 +87,6 @@ TEST(SimCommands, CentralsFileIsTakenWholeOrRefusedWithItsLine)
         std::string error, listing = centrals.Parse(file, error) ? centrals.Enum() : "";
         EXPECT_EQ(outcome, error.empty() ? listing.substr(listing.rfind('\n', listing.size() - 2) + 1) : error);
     }
-    // The simulator serves a good file; for a bad or missing one it names the file and the reason, and stops.
     const std::string dir = MakeTempDir();
     const std::pair<std::string, std::string> runs[] = {  // file ("" for none), what the simulator says
         {rows[0].first, rows[0].second + "#> "}, {rows[1].first, ": " + rows[1].second + "."},

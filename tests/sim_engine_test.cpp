@@ -1,4 +1,3 @@
-// The protocol engine without sockets (the SQL client's reads over it run in sim_server_test, sql_results_test).
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -9,8 +8,7 @@
 
 namespace {
 
-// Past the greeting, like a fresh connection: answers and pushed change lines collect in `pending` (lines are split
-// as on the wire in sim_parse_test).
+// Past the greeting, like a fresh connection: answers and pushed change lines collect in `pending`.
 struct EngineClient : AnswerSink, MonitorSink {
     explicit EngineClient(ShellShared& shared) : session(shared, *this, *this, "test") { EXPECT_TRUE(session.Start()); }
     bool Write(const char* data, size_t len) override { return !peerGone && (pending.append(data, len), true); }
@@ -37,7 +35,6 @@ struct Engine : ::testing::Test {
     ShellShared shared;
 };
 
-// One session, in order: rows and errors with the header on, then off, an over-long line, the directives, the end.
 TEST_F(Engine, AnswersEveryRequestWithExactBytes)
 {
     auto client = Connect();

@@ -1,4 +1,3 @@
-// Request lines are classified in sim_engine_test, through their answers.
 #include <gtest/gtest.h>
 
 #include "ShellLine.h"
@@ -35,9 +34,8 @@ std::string Parsed(std::vector<std::string> args, SimOptions& o)
         return args.size() == 2 && error.find(args[1]) != std::string::npos ? "refused" : error;
     const SimListen& l = o.listen;
     char text[SockAddr::m_strLen];
-    const SockAddr addr = l.family == AF_UNIX ? SockAddr(l.un) : l.family == AF_INET6 ? SockAddr(l.in6)
-                                                                                      : SockAddr(l.in4);
-    return addr.Str(text, true);
+    return (l.family == AF_UNIX ? SockAddr(l.un) : l.family == AF_INET6 ? SockAddr(l.in6) : SockAddr(l.in4))
+        .Str(text, true);
 }
 
 // Ports are decimal 0..65535 without sign or leading zero; a refusal leaves the options as they were.

@@ -18,9 +18,7 @@ struct Client {
     explicit Client(std::vector<Script> scripts, int retries = 0, int maxLineLen = 2048)
         : server(std::move(scripts)), addr(server.Addr()), sql(&addr, nullptr, maxLineLen, retries) {}
     ~Client() { sql.Close(); for (const std::string& failure : server.Failures()) ADD_FAILURE() << failure; }
-    ScriptedServer server;
-    SockAddr addr;
-    SqlWrapper sql;
+    ScriptedServer server; SockAddr addr; SqlWrapper sql;
 };
 
 // Banner lines are skipped up to the prompt; a long read comes in pieces; only the bare marker ends a result.
@@ -132,7 +130,6 @@ TEST(SqlClient, RowsAndStatements)
     EXPECT_TRUE(sql.NextParsed(first, count) && count == 3 && std::string(first[0] + 3) == "b|c")
         << "the second column, moved over its escape";
     EXPECT_TRUE(sql.Exec("INSERT 2;") && sql.Eof() && sql.GetHeaders().empty()) << "no headers of the result before";
-    EXPECT_EQ(c.server.Accepted(), 1);
 }
 
 // Each interrupt runs `work` on another thread and stops it once `ready` holds; the stop must end it.

