@@ -12,9 +12,8 @@ namespace {
 TEST(SimCommands, AnswersEachCommandWithExactlyTheBytesApiReadsBesideTheDatabaseShell)
 {
     SimRunner sim;
-    ASSERT_TRUE(sim.Running()) << sim.Log();
     auto shell = SimShell(sim);
-    ASSERT_TRUE(shell->Reconnect());
+    ASSERT_TRUE(shell->Reconnect()) << sim.Log();
     Api api(SimAddr(sim), strPrompt);
     api.Timeout(ScaledMs(10000) / 1000);
     // Lines each followed by "|", then "?<error>" unless the output ended at the prompt with no byte left.

@@ -20,9 +20,8 @@ TEST(SimServer, LimitAndIdleTimeOutSpareSubscribers)
         EXPECT_TRUE(SimShell(full)->Reconnect() && SimShell(full)->Reconnect() && !SimShell(full)->Reconnect());
     }
     SimRunner sim({false, 0, 0, {"--max-clients=2", "--idle-timeout=1"}});
-    ASSERT_TRUE(sim.Running()) << sim.Log();
     RecordingMonitor watcher(SimAddr(sim), 0);
-    ASSERT_TRUE(watcher.InitOK() && watcher.WaitForEntries(1));
+    ASSERT_TRUE(watcher.InitOK() && watcher.WaitForEntries(1)) << sim.Log();
     auto silent = SimShell(sim);  // greeted after the subscription: once it is dropped, the watcher was as silent
     ASSERT_TRUE(silent->Connect());
     EXPECT_TRUE(WaitUntil([&] { return silent->Pending() == -EPIPE; }, ScaledMs(5000)));
