@@ -3,8 +3,15 @@
 // are accepted and closed at once. Every wait is bounded.
 #pragma once
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -30,20 +37,53 @@ inline ScriptStep Close() { return {ScriptStep::Close, ""}; }
 inline ScriptStep Wait(int ms) { return {ScriptStep::Wait, "", ms}; }
 // Reads nothing until the test calls Release(): a peer that stops reading.
 inline ScriptStep Hold() { return {ScriptStep::Hold, ""}; }
-inline Script Then(Script script, const Script& more)
-{
-    script.insert(script.end(), more.begin(), more.end());
-    return script;
-}
+inline Script Then(Script a, const Script& b) { a.insert(a.end(), b.begin(), b.end()); return a; }
 // Sends `bytes` in pieces of `size` bytes, `ms` apart.
-Script Trickle(const std::string& bytes, size_t size, int ms);
+inline Script Trickle(const std::string& bytes, size_t size, int ms)
+{
+    Script steps;
+    for (size_t at = 0; at < bytes.size(); at += size) {
+        if (at > 0) steps.push_back(Wait(ms));
+        steps.push_back(Send(bytes.substr(at, size)));
+    }
+    return steps;
+}
+
+// A listening socket on `addr` (port 0: a free one), the port then in `bound`; -1 on failure.
+inline int ListenOn(const SockAddr& addr, int backlog, SockAddr& bound)
+{
+    int fd = socket(addr.GetAF(), SOCK_STREAM | SOCK_CLOEXEC, 0);
+    bound = addr;
+    bool un = addr.GetAF() == AF_UNIX;
+    socklen_t len = un ? sizeof(sockaddr_un) : sizeof(sockaddr_all);  // the kernel refuses a longer Unix address
+    if (un) (void)unlink(addr.Get().un.sun_path);
+    if (fd >= 0 && (bind(fd, &addr.Get().addr, len) != 0 || listen(fd, backlog) != 0 ||
+                    (!un && getsockname(fd, &bound.GetPrivate().addr, &len) != 0)))
+        close(fd), fd = -1;
+    return fd;
+}
+const SockAddr kLoopback4(AF_INET, 0x7F000001u, 0);
 
 class ScriptedServer {
 public:
     // Listens on a free port of 127.0.0.1, or of `listen` (::1, or a Unix socket path).
-    explicit ScriptedServer(std::vector<Script> scripts, int stepTimeoutMs = 10000);
-    ScriptedServer(std::vector<Script> scripts, const SockAddr& listen, int stepTimeoutMs = 10000);
-    ~ScriptedServer();
+    explicit ScriptedServer(std::vector<Script> scripts, int stepTimeoutMs = 10000)
+        : ScriptedServer(std::move(scripts), kLoopback4, stepTimeoutMs) {}
+    ScriptedServer(std::vector<Script> scripts, const SockAddr& listen, int stepTimeoutMs = 10000)
+        : m_scripts(std::move(scripts)), m_stepTimeoutMs(stepTimeoutMs), m_listenFd(ListenOn(listen, 16, m_addr))
+    {
+        if (m_listenFd < 0)
+            Fail("cannot listen");
+        else
+            m_thread = std::thread(&ScriptedServer::Run, this);
+    }
+    ~ScriptedServer()
+    {
+        m_going = true;  // every wait of the thread looks at this at least every 20 ms
+        if (m_thread.joinable()) m_thread.join();
+        if (m_listenFd >= 0) close(m_listenFd);
+        if (m_addr.GetAF() == AF_UNIX) (void)unlink(m_addr.Get().un.sun_path);
+    }
     ScriptedServer(const ScriptedServer&) = delete;
     ScriptedServer& operator=(const ScriptedServer&) = delete;
 
@@ -54,7 +94,7 @@ public:
     std::string Received(size_t index) const
     {
         std::lock_guard<std::mutex> guard(m_lock);
-        return index < m_received.size() ? m_received[index] : std::string();
+        return index < m_received.size() ? m_received[index] : "";
     }
     // Scripts played to their end or their Close (whose end-of-file is sent).
     int ScriptsDone() const { return m_scriptsDone; }
@@ -75,40 +115,129 @@ private:
         std::lock_guard<std::mutex> guard(m_lock);
         return value;
     }
-    void Run();
-    void Play(int fd, size_t index);
-    bool ReadSome(int fd, size_t index, int timeoutMs);
-    void Fail(const std::string& what)
+    void Fail(const std::string& what) { std::lock_guard<std::mutex> guard(m_lock); m_failures.push_back(what); }
+
+    void Run()
     {
+        while (!m_going) {
+            pollfd p = {m_listenFd, POLLIN, 0};
+            int fd = poll(&p, 1, 20) > 0 ? accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
+            if (fd < 0) continue;
+            // Each Send leaves at once as its own segment, so a script's cuts reach the client as cuts.
+            int on = 1;
+            if (m_addr.GetAF() != AF_UNIX) (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+            size_t index;
+            {
+                std::lock_guard<std::mutex> guard(m_lock);
+                index = m_received.size();
+                m_received.emplace_back();
+                m_acceptTimes.push_back(std::chrono::steady_clock::now());
+            }
+            m_accepted++;
+            if (index < m_scripts.size()) Play(fd, index);
+            close(fd);
+            m_closed++;
+        }
+    }
+
+    // Appends what arrives within timeoutMs; false when the peer closed, the server is going or nothing came.
+    bool ReadSome(int fd, size_t index, int timeoutMs)
+    {
+        std::string got;
+        int r = 0;
+        WaitUntil([&] { return m_going || (r = ReadWithin(fd, got, 20)) != 0; }, timeoutMs);
         std::lock_guard<std::mutex> guard(m_lock);
-        m_failures.push_back(what);
+        m_received[index] += got;
+        return r > 0 && !m_going;
+    }
+
+    void Play(int fd, size_t index)
+    {
+        size_t seen = 0;
+        const std::string tag = "connection " + std::to_string(index) + ": ";
+        // Reads until `has` holds for what came; false, the failure recorded, when nothing more comes.
+        auto readUntil = [&](const std::string& want, auto has) {
+            for (std::string got; !has(got = Received(index));)
+                if (!ReadSome(fd, index, m_stepTimeoutMs))
+                    return Fail(tag + "expected \"" + want + "\", got \"" + got.substr(seen) + "\""), false;
+            return true;
+        };
+        const Script& script = m_scripts[index];
+        for (size_t i = 0; i < script.size(); i++) {
+            const ScriptStep& step = script[i];
+            const std::string& bytes = step.bytes;
+            bool hold = step.kind == ScriptStep::Hold;
+            if (step.kind == ScriptStep::Close) {
+                (void)shutdown(fd, SHUT_WR);  // the end-of-file is on its way before the script counts as done
+                m_scriptsDone++;
+                return;
+            } else if (step.kind == ScriptStep::Send) {
+                // Bytes right before a close are held back so that TCP sends the end-of-file in
+                // their segment: the peer then never sees them without the close behind them.
+                bool closeNext = i + 1 < script.size() && script[i + 1].kind == ScriptStep::Close;
+                if (send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | (closeNext ? MSG_MORE : 0)) != ssize_t(bytes.size()))
+                    Fail(tag + "send failed");
+            } else if (hold || step.kind == ScriptStep::Wait) {
+                auto awake = [&] { return m_going || (hold && m_released > 0); };
+                bool woke = WaitUntil(awake, hold ? m_stepTimeoutMs : step.ms);
+                if (hold && !woke) Fail(tag + "never released");
+                if (m_going || (hold && !woke)) return;
+                if (hold) m_released--;
+            } else if (step.kind == ScriptStep::ExpectUntil) {
+                size_t found = std::string::npos;
+                auto has = [&](const std::string& got) { return (found = got.find(bytes, seen)) != std::string::npos; };
+                if (!readUntil(bytes, has)) return;
+                seen = found + bytes.size();
+            } else {  // Expect: the bytes as they come, so a short read is no mismatch
+                if (!readUntil(bytes, [&](const std::string& got) { return got.size() >= seen + bytes.size(); })) return;
+                std::string got = Received(index).substr(seen, bytes.size());
+                if (got != bytes) Fail(tag + "expected \"" + bytes + "\", got \"" + got + "\"");
+                seen += bytes.size();
+            }
+        }
+        m_scriptsDone++;
+        while (ReadSome(fd, index, INT_MAX)) {
+        }
     }
 
     std::vector<Script> m_scripts;
     int m_stepTimeoutMs;
+    SockAddr m_addr;  // before m_listenFd, which is made with it
     int m_listenFd = -1;
-    int m_wakePipe[2] = {-1, -1};
-    SockAddr m_addr;
     std::atomic<int> m_accepted{0}, m_scriptsDone{0}, m_closed{0}, m_released{0};
     std::atomic<bool> m_going{false};
     mutable std::mutex m_lock;
-    std::vector<std::string> m_received;
+    std::vector<std::string> m_received, m_failures;
     std::vector<std::chrono::steady_clock::time_point> m_acceptTimes;
-    std::vector<std::string> m_failures;
     std::thread m_thread;
 };
 
 // A loopback address (a port just free again) where nothing listens.
-SockAddr RefusedAddr();
+inline SockAddr RefusedAddr()
+{
+    SockAddr bound;
+    int fd = ListenOn(kLoopback4, 1, bound);
+    if (fd >= 0) close(fd);
+    return bound;
+}
 
 // A loopback address whose accept queue is full: a connect hangs (the SYN dropped) until the client gives up.
 class BlackHole {
 public:
-    BlackHole();
+    BlackHole()
+    {
+        // A backlog-0 listener's queue holds one connection, later SYNs are dropped: fill it until one stays pending.
+        m_fds.push_back(ListenOn(kLoopback4, 0, m_addr));
+        for (int i = 0; i < 8 && m_fds.back() >= 0; i++) {
+            m_fds.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+            (void)connect(m_fds.back(), &m_addr.Get().addr, sizeof(sockaddr_in));
+            pollfd pfd = {m_fds.back(), POLLOUT, 0};
+            if (poll(&pfd, 1, 200) == 0) return;
+        }
+    }
     ~BlackHole()
     {
-        for (int fd : m_fds)
-            if (fd >= 0) close(fd);
+        for (int fd : m_fds) if (fd >= 0) close(fd);
     }
     BlackHole(const BlackHole&) = delete;
     BlackHole& operator=(const BlackHole&) = delete;
@@ -124,8 +253,19 @@ private:
 // sender, Wait pauses, other steps are ignored).
 class ScriptedDatagramPeer {
 public:
-    ScriptedDatagramPeer(std::vector<Script> scripts, unsigned short port);
-    ~ScriptedDatagramPeer();
+    ScriptedDatagramPeer(std::vector<Script> scripts, unsigned short port)
+        : m_scripts(std::move(scripts)), m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        SockAddr any(AF_INET, 0u, static_cast<int>(port));
+        if (m_fd >= 0 && bind(m_fd, &any.Get().addr, sizeof(sockaddr_in)) == 0)
+            m_thread = std::thread(&ScriptedDatagramPeer::Run, this);
+    }
+    ~ScriptedDatagramPeer()
+    {
+        m_stop = true;
+        if (m_thread.joinable()) m_thread.join();
+        if (m_fd >= 0) close(m_fd);
+    }
     ScriptedDatagramPeer(const ScriptedDatagramPeer&) = delete;
     ScriptedDatagramPeer& operator=(const ScriptedDatagramPeer&) = delete;
     std::vector<std::string> Received() const
@@ -135,7 +275,29 @@ public:
     }
 
 private:
-    void Run();
+    void Run()
+    {
+        std::vector<char> buffer(65536);
+        while (!m_stop) {
+            pollfd p = {m_fd, POLLIN, 0};
+            sockaddr_in from = {};
+            socklen_t len = sizeof from;
+            auto* to = reinterpret_cast<sockaddr*>(&from);
+            ssize_t n = poll(&p, 1, 20) > 0 ? recvfrom(m_fd, buffer.data(), buffer.size(), 0, to, &len) : -1;
+            if (n < 0) continue;
+            size_t index;
+            {
+                std::lock_guard<std::mutex> guard(m_lock);
+                index = m_received.size();
+                m_received.emplace_back(buffer.data(), static_cast<size_t>(n));
+            }
+            for (const ScriptStep& step : index < m_scripts.size() ? m_scripts[index] : Script())
+                if (step.kind == ScriptStep::Wait)
+                    WaitUntil([&] { return m_stop.load(); }, step.ms);
+                else if (step.kind == ScriptStep::Send)
+                    (void)sendto(m_fd, step.bytes.data(), step.bytes.size(), 0, to, len);
+        }
+    }
 
     std::vector<Script> m_scripts;
     int m_fd = -1;
