@@ -30,9 +30,12 @@
 struct RunResult {
     int status = -1;        // exit status, or 128 + signal; -1 when it could not run
     bool timedOut = false;  // killed after the time limit
-    std::string out;
-    std::string err;
+    std::string out, err;
 };
+
+// `a` followed by `b`.
+template <class T>
+std::vector<T> Joined(std::vector<T> a, const std::vector<T>& b) { a.insert(a.end(), b.begin(), b.end()); return a; }
 
 // ms times VTEST_TIME_SCALE (a whole 1..100; else 1), for slow (emulated) hosts.
 inline int ScaledMs(int ms)
@@ -94,8 +97,7 @@ inline RunResult RunProgram(const std::vector<std::string>& argv, const std::str
         result.out = ReadFd(out);
         result.err = ReadFd(err);
     }
-    for (int fd : {out, err})
-        if (fd >= 0) close(fd);
+    for (int fd : {out, err}) if (fd >= 0) close(fd);
     return result;
 }
 
@@ -108,8 +110,7 @@ inline std::vector<std::string> TargetArgv(const std::string& binary, const std:
     for (std::string word; words >> word;) argv.push_back(word);
 #endif
     argv.push_back(binary);
-    argv.insert(argv.end(), args.begin(), args.end());
-    return argv;
+    return Joined(argv, args);
 }
 
 // Runs this build's vtest.
@@ -140,9 +141,7 @@ inline size_t CountOf(const std::string& text, const std::string& what)
 // /bin/sh -c `script` with `argv` as "$@" (e.g. "exec \"$@\" 2>&1").
 inline std::vector<std::string> InShell(const std::string& script, const std::vector<std::string>& argv)
 {
-    std::vector<std::string> all = {"/bin/sh", "-c", script, "sh"};
-    all.insert(all.end(), argv.begin(), argv.end());
-    return all;
+    return Joined({"/bin/sh", "-c", script, "sh"}, argv);
 }
 
 // Fresh private directory under /tmp (empty on failure); the caller removes it.
@@ -152,23 +151,14 @@ inline std::string MakeTempDir()
     return mkdtemp(tmpl) ? tmpl : "";
 }
 
-// Why namespaces cannot be made here, or empty.
-inline std::string NamespacesUnavailableReason(int flags)
-{
-    pid_t pid = fork();
-    if (pid == 0) _exit(unshare(flags) == 0 ? 0 : 1);
-    if (WaitBounded(pid, ScaledMs(10000)) == 0) return "";
-    return "cannot create namespaces here (needs root and unshare(2); not available under user-mode emulation)";
-}
-
 // Runs `body` in a child inside new namespaces (CLONE_NEWNS and/or CLONE_NEWNET). With CLONE_NEWNS /var/local is a
 // private tmpfs and /etc an overlay whose writes land in a tmpfs; with CLONE_NEWNET loopback is up. The body's
 // result, or -1 when the namespaces could not be made or time ran out.
 inline int RunInNamespaces(int flags, const std::function<int()>& body, int timeoutMs = 60000)
 {
     std::string scratch = (flags & CLONE_NEWNS) ? MakeTempDir() : "", up = scratch + "/up", work = scratch + "/work";
+    std::string options = "lowerdir=/etc,upperdir=" + up + ",workdir=" + work;  // made before the fork, as in Spawn
     auto privatePaths = [&] {
-        std::string options = "lowerdir=/etc,upperdir=" + up + ",workdir=" + work;
         mkdir("/var/local", 0755);
         return mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
                mount("tmpfs", "/var/local", "tmpfs", 0, "mode=0755") == 0 &&
@@ -187,6 +177,13 @@ inline int RunInNamespaces(int flags, const std::function<int()>& body, int time
     int rv = WaitBounded(pid, ScaledMs(timeoutMs), &timedOut);
     if (!scratch.empty()) rmdir(scratch.c_str());
     return timedOut || rv >= kNoNamespace ? -1 : rv;
+}
+
+// Why namespaces cannot be made here, or empty.
+inline std::string NamespacesUnavailableReason(int flags)
+{
+    bool can = RunInNamespaces(flags, [] { return 0; }, 10000) == 0;
+    return can ? "" : "cannot create namespaces here (needs root and unshare(2); not under user-mode emulation)";
 }
 
 // For a RunInNamespaces body, where gtest's checks do not reach the parent.
@@ -270,8 +267,6 @@ public:
     bool Running() const { return m_pid > 0; }
 
 private:
-    int m_pid = -1;
-    int m_in = -1;
-    int m_outFd = -1;
+    int m_pid = -1, m_in = -1, m_outFd = -1;
     std::string m_out;
 };

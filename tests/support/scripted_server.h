@@ -84,8 +84,6 @@ public:
         if (m_listenFd >= 0) close(m_listenFd);
         if (m_addr.GetAF() == AF_UNIX) (void)unlink(m_addr.Get().un.sun_path);
     }
-    ScriptedServer(const ScriptedServer&) = delete;
-    ScriptedServer& operator=(const ScriptedServer&) = delete;
 
     SockAddr Addr() const { return m_addr; }
     int Accepted() const { return m_accepted; }
@@ -110,29 +108,21 @@ public:
 
 private:
     template <class T>
-    T Locked(const T& value) const
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        return value;
-    }
+    T Locked(const T& value) const { std::lock_guard<std::mutex> guard(m_lock); return value; }
     void Fail(const std::string& what) { std::lock_guard<std::mutex> guard(m_lock); m_failures.push_back(what); }
 
     void Run()
     {
-        while (!m_going) {
+        for (int fd, on = 1; !m_going;) {
             pollfd p = {m_listenFd, POLLIN, 0};
-            int fd = poll(&p, 1, 20) > 0 ? accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC) : -1;
-            if (fd < 0) continue;
+            if ((fd = poll(&p, 1, 20) > 0 ? accept4(m_listenFd, nullptr, nullptr, SOCK_CLOEXEC) : -1) < 0) continue;
             // Each Send leaves at once as its own segment, so a script's cuts reach the client as cuts.
-            int on = 1;
             if (m_addr.GetAF() != AF_UNIX) (void)setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-            size_t index;
-            {
-                std::lock_guard<std::mutex> guard(m_lock);
-                index = m_received.size();
-                m_received.emplace_back();
-                m_acceptTimes.push_back(std::chrono::steady_clock::now());
-            }
+            std::unique_lock<std::mutex> guard(m_lock);
+            size_t index = m_received.size();
+            m_received.emplace_back();
+            m_acceptTimes.push_back(std::chrono::steady_clock::now());
+            guard.unlock();
             m_accepted++;
             if (index < m_scripts.size()) Play(fd, index);
             close(fd);
@@ -155,18 +145,10 @@ private:
     {
         size_t seen = 0;
         const std::string tag = "connection " + std::to_string(index) + ": ";
-        // Reads until `has` holds for what came; false, the failure recorded, when nothing more comes.
-        auto readUntil = [&](const std::string& want, auto has) {
-            for (std::string got; !has(got = Received(index));)
-                if (!ReadSome(fd, index, m_stepTimeoutMs))
-                    return Fail(tag + "expected \"" + want + "\", got \"" + got.substr(seen) + "\""), false;
-            return true;
-        };
         const Script& script = m_scripts[index];
         for (size_t i = 0; i < script.size(); i++) {
             const ScriptStep& step = script[i];
             const std::string& bytes = step.bytes;
-            bool hold = step.kind == ScriptStep::Hold;
             if (step.kind == ScriptStep::Close) {
                 (void)shutdown(fd, SHUT_WR);  // the end-of-file is on its way before the script counts as done
                 m_scriptsDone++;
@@ -174,25 +156,29 @@ private:
             } else if (step.kind == ScriptStep::Send) {
                 // Bytes right before a close are held back so that TCP sends the end-of-file in
                 // their segment: the peer then never sees them without the close behind them.
-                bool closeNext = i + 1 < script.size() && script[i + 1].kind == ScriptStep::Close;
-                if (send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | (closeNext ? MSG_MORE : 0)) != ssize_t(bytes.size()))
+                int more = i + 1 < script.size() && script[i + 1].kind == ScriptStep::Close ? MSG_MORE : 0;
+                if (send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | more) != static_cast<ssize_t>(bytes.size()))
                     Fail(tag + "send failed");
-            } else if (hold || step.kind == ScriptStep::Wait) {
-                auto awake = [&] { return m_going || (hold && m_released > 0); };
-                bool woke = WaitUntil(awake, hold ? m_stepTimeoutMs : step.ms);
-                if (hold && !woke) Fail(tag + "never released");
-                if (m_going || (hold && !woke)) return;
-                if (hold) m_released--;
-            } else if (step.kind == ScriptStep::ExpectUntil) {
-                size_t found = std::string::npos;
-                auto has = [&](const std::string& got) { return (found = got.find(bytes, seen)) != std::string::npos; };
-                if (!readUntil(bytes, has)) return;
-                seen = found + bytes.size();
-            } else {  // Expect: the bytes as they come, so a short read is no mismatch
-                if (!readUntil(bytes, [&](const std::string& got) { return got.size() >= seen + bytes.size(); })) return;
-                std::string got = Received(index).substr(seen, bytes.size());
-                if (got != bytes) Fail(tag + "expected \"" + bytes + "\", got \"" + got + "\"");
-                seen += bytes.size();
+            } else if (step.kind == ScriptStep::Wait) {
+                if (WaitUntil([&] { return m_going.load(); }, step.ms)) return;
+            } else if (step.kind == ScriptStep::Hold) {
+                if (!WaitUntil([&] { return m_going || m_released > 0; }, m_stepTimeoutMs))
+                    return Fail(tag + "never released");
+                if (m_going) return;
+                m_released--;
+            } else {  // Expect takes its bytes as they come (a short read is no mismatch), ExpectUntil reads up to them
+                bool until = step.kind == ScriptStep::ExpectUntil;
+                auto end = [&](const std::string& got) {  // where the awaited bytes end in what came, or npos
+                    size_t at = until ? got.find(bytes, seen) : seen;
+                    return at != got.npos && at + bytes.size() <= got.size() ? at + bytes.size() : got.npos;
+                };
+                std::string got;
+                while (end(got = Received(index)) == std::string::npos)
+                    if (!ReadSome(fd, index, m_stepTimeoutMs))
+                        return Fail(tag + "expected \"" + bytes + "\", got \"" + got.substr(seen) + "\"");
+                if (!until && got.compare(seen, bytes.size(), bytes) != 0)
+                    Fail(tag + "expected \"" + bytes + "\", got \"" + got.substr(seen, bytes.size()) + "\"");
+                seen = end(got);
             }
         }
         m_scriptsDone++;
@@ -235,10 +221,7 @@ public:
             if (poll(&pfd, 1, 200) == 0) return;
         }
     }
-    ~BlackHole()
-    {
-        for (int fd : m_fds) if (fd >= 0) close(fd);
-    }
+    ~BlackHole() { for (int fd : m_fds) if (fd >= 0) close(fd); }
     BlackHole(const BlackHole&) = delete;
     BlackHole& operator=(const BlackHole&) = delete;
     SockAddr Addr() const { return m_addr; }
@@ -266,13 +249,7 @@ public:
         if (m_thread.joinable()) m_thread.join();
         if (m_fd >= 0) close(m_fd);
     }
-    ScriptedDatagramPeer(const ScriptedDatagramPeer&) = delete;
-    ScriptedDatagramPeer& operator=(const ScriptedDatagramPeer&) = delete;
-    std::vector<std::string> Received() const
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        return m_received;
-    }
+    std::vector<std::string> Received() const { std::lock_guard<std::mutex> guard(m_lock); return m_received; }
 
 private:
     void Run()

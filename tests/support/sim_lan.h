@@ -22,9 +22,7 @@ public:
     {
         static std::atomic<int> counter{0};
         m_name = "vt" + std::to_string(getpid()) + "x" + std::to_string(counter++);
-        std::vector<std::string> args = {"up"};
-        args.insert(args.end(), upArgs.begin(), upArgs.end());
-        RunResult r = Script(args);
+        RunResult r = Script(Joined({"up"}, upArgs));
         m_up = r.status == 0;
         m_error = r.out + r.err;
     }
@@ -45,10 +43,8 @@ public:
     // vtest with `args` in the client namespace, after `prefix` (setpriv ...).
     RunResult Vtest(const std::vector<std::string>& args, const std::vector<std::string>& prefix = {}) const
     {
-        std::vector<std::string> argv = {"/sbin/ip", "netns", "exec", Client()}, vtest = TargetArgv(VTEST_BINARY, args);
-        argv.insert(argv.end(), prefix.begin(), prefix.end());
-        argv.insert(argv.end(), vtest.begin(), vtest.end());
-        return RunProgram(argv);
+        std::vector<std::string> argv = Joined({"/sbin/ip", "netns", "exec", Client()}, prefix);
+        return RunProgram(Joined(argv, TargetArgv(VTEST_BINARY, args)));
     }
 
 private:
@@ -59,8 +55,7 @@ private:
                                          "SIM_EMULATOR=" VTEST_EMULATOR,
 #endif
                                          "/bin/bash", VTEST_SOURCE_DIR "/scripts/sim-lan.sh"};
-        argv.insert(argv.end(), args.begin(), args.end());
-        return RunProgram(argv, "", 60000);
+        return RunProgram(Joined(argv, args), "", 60000);
     }
 
     std::string m_name;

@@ -33,8 +33,8 @@ public:
         std::vector<std::string> args = {"--listen=" + listen, "--db=" + m_dir + "/sim.db",
                                          "--events=" + std::to_string(options.events),
                                          "--not-ready=" + std::to_string(options.notReady)};
-        args.insert(args.end(), options.extraArgs.begin(), options.extraArgs.end());
-        m_child = std::make_unique<ChildProcess>(TargetArgv(VTEST_SIM_BINARY, args), m_logPath);
+        args = TargetArgv(VTEST_SIM_BINARY, Joined(args, options.extraArgs));
+        m_child = std::make_unique<ChildProcess>(args, m_logPath);
         // Its one line on standard output, once it listens: "vantor-sim listening on <address>, database <path>".
         const std::string lead = "vantor-sim listening on ", &line = m_child->Output();
         size_t end = m_child->WaitForOutput("\n", 30000) && line.compare(0, lead.size(), lead) == 0
