@@ -28,8 +28,7 @@ inline std::string RunInMountNamespace(const std::function<std::string()>& body)
     return text;
 }
 
-// Bind-mounts `path` read-only onto itself (even root gets EROFS writing it); only in a private mount namespace.
-// 0 or -errno.
+// Bind-mounts `path` read-only onto itself (root too gets EROFS), in a private mount namespace: 0 or -errno.
 inline int BindReadOnly(const char* path)
 {
     bool ok = mount(path, path, nullptr, MS_BIND, nullptr) == 0 &&

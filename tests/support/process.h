@@ -33,7 +33,6 @@ struct RunResult {
     std::string out, err;
 };
 
-// `a` followed by `b`.
 template <class T>
 std::vector<T> Joined(std::vector<T> a, const std::vector<T>& b) { a.insert(a.end(), b.begin(), b.end()); return a; }
 
@@ -113,7 +112,6 @@ inline std::vector<std::string> TargetArgv(const std::string& binary, const std:
     return Joined(argv, args);
 }
 
-// Runs this build's vtest.
 inline RunResult RunVtest(const std::vector<std::string>& args, const std::string& input = "", int timeoutMs = 20000)
 {
     return RunProgram(TargetArgv(VTEST_BINARY, args), input, timeoutMs);
@@ -151,9 +149,8 @@ inline std::string MakeTempDir()
     return mkdtemp(tmpl) ? tmpl : "";
 }
 
-// Runs `body` in a child inside new namespaces (CLONE_NEWNS and/or CLONE_NEWNET). With CLONE_NEWNS /var/local is a
-// private tmpfs and /etc an overlay whose writes land in a tmpfs; with CLONE_NEWNET loopback is up. The body's
-// result, or -1 when the namespaces could not be made or time ran out.
+// Runs `body` in a child in new namespaces: with CLONE_NEWNS /var/local a tmpfs and /etc an overlay on one, with
+// CLONE_NEWNET loopback up. The body's result, or -1 when the namespaces could not be made or time ran out.
 inline int RunInNamespaces(int flags, const std::function<int()>& body, int timeoutMs = 60000)
 {
     std::string scratch = (flags & CLONE_NEWNS) ? MakeTempDir() : "", up = scratch + "/up", work = scratch + "/work";
@@ -195,8 +192,7 @@ inline std::string NamespacesUnavailableReason(int flags)
 // What user-mode emulation (qemu-user runs the armhf build's tests; see docs/arm.md) may not give a test.
 enum class EmulationGap { Namespaces, PacketSockets, Ptrace, SetIdPrograms, ProcSelfExe, Transparent };
 
-// Why a test needing `gap` cannot run emulated; always empty natively. Sockets are probed: qemu 7.2 passes
-// them through, so a failure is the emulator's or the host's.
+// Why a test needing `gap` cannot run emulated, empty natively. Sockets are probed (qemu passes them through).
 inline std::string EmulationSkipReason([[maybe_unused]] EmulationGap gap)
 {
     std::string why;

@@ -86,7 +86,7 @@ public:
     }
 
     SockAddr Addr() const { return m_addr; }
-    int Accepted() const { return m_accepted; }
+    int Accepted() const { return static_cast<int>(Locked(m_acceptTimes).size()); }
     std::vector<std::chrono::steady_clock::time_point> AcceptTimes() const { return Locked(m_acceptTimes); }
     // Everything connection `index` received (also after its script ended).
     std::string Received(size_t index) const
@@ -123,7 +123,6 @@ private:
             m_received.emplace_back();
             m_acceptTimes.push_back(std::chrono::steady_clock::now());
             guard.unlock();
-            m_accepted++;
             if (index < m_scripts.size()) Play(fd, index);
             close(fd);
             m_closed++;
@@ -190,7 +189,7 @@ private:
     int m_stepTimeoutMs;
     SockAddr m_addr;  // before m_listenFd, which is made with it
     int m_listenFd = -1;
-    std::atomic<int> m_accepted{0}, m_scriptsDone{0}, m_closed{0}, m_released{0};
+    std::atomic<int> m_scriptsDone{0}, m_closed{0}, m_released{0};
     std::atomic<bool> m_going{false};
     mutable std::mutex m_lock;
     std::vector<std::string> m_received, m_failures;
@@ -231,9 +230,8 @@ private:
     SockAddr m_addr;
 };
 
-// The datagram side, for discovery: a UDP socket on `port` of any address, in the network namespace of the
-// thread that makes it; it records each datagram and answers the k-th with script k (Send goes back to the
-// sender, Wait pauses, other steps are ignored).
+// The datagram side, for discovery: UDP on `port` of any address in the making thread's network namespace. It
+// records each datagram and answers the k-th with script k (Send goes back to the sender, Wait pauses; no more).
 class ScriptedDatagramPeer {
 public:
     ScriptedDatagramPeer(std::vector<Script> scripts, unsigned short port)
@@ -254,20 +252,17 @@ public:
 private:
     void Run()
     {
-        std::vector<char> buffer(65536);
-        while (!m_stop) {
+        for (std::vector<char> buffer(65536); !m_stop;) {
             pollfd p = {m_fd, POLLIN, 0};
             sockaddr_in from = {};
             socklen_t len = sizeof from;
             auto* to = reinterpret_cast<sockaddr*>(&from);
             ssize_t n = poll(&p, 1, 20) > 0 ? recvfrom(m_fd, buffer.data(), buffer.size(), 0, to, &len) : -1;
             if (n < 0) continue;
-            size_t index;
-            {
-                std::lock_guard<std::mutex> guard(m_lock);
-                index = m_received.size();
-                m_received.emplace_back(buffer.data(), static_cast<size_t>(n));
-            }
+            std::unique_lock<std::mutex> guard(m_lock);
+            m_received.emplace_back(buffer.data(), static_cast<size_t>(n));
+            size_t index = m_received.size() - 1;
+            guard.unlock();
             for (const ScriptStep& step : index < m_scripts.size() ? m_scripts[index] : Script())
                 if (step.kind == ScriptStep::Wait)
                     WaitUntil([&] { return m_stop.load(); }, step.ms);
