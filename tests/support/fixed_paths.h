@@ -74,8 +74,7 @@ public:
     }
 
 private:
-    int m_saved = -1;
-    int m_file = -1;
+    int m_saved = -1, m_file = -1;
 };
 
 // The logger's lines without their "SS.uuuuuu [tid] " prefix, each ending in "\n", e.g. "info Updated /x.\n".

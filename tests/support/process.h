@@ -23,13 +23,14 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "wait.h"
 
 struct RunResult {
-    int status = -1;        // exit status, or 128 + signal; -1 when it could not run
-    bool timedOut = false;  // killed after the time limit
+    int status = -1;        // exit status, or 128 + signal; -1 when it could not run or was killed at the time limit
+    bool timedOut = false;  // killed at the time limit
     std::string out, err;
 };
 
@@ -55,7 +56,7 @@ inline int WaitBounded(pid_t pid, int timeoutMs, bool* timedOut = nullptr)
                            timeoutMs);
     if (late && kill(pid, SIGKILL) == 0) r = waitpid(pid, &status, 0);
     if (timedOut) *timedOut = late;
-    if (r != pid) return -1;
+    if (r != pid || late) return -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : WIFSIGNALED(status) ? 128 + WTERMSIG(status) : -1;
 }
 
@@ -170,10 +171,9 @@ inline int RunInNamespaces(int flags, const std::function<int()>& body, int time
             _exit(kNoNamespace);
         _exit(body() & 0xff);
     }
-    bool timedOut = false;
-    int rv = WaitBounded(pid, ScaledMs(timeoutMs), &timedOut);
+    int rv = WaitBounded(pid, ScaledMs(timeoutMs));
     if (!scratch.empty()) rmdir(scratch.c_str());
-    return timedOut || rv >= kNoNamespace ? -1 : rv;
+    return rv >= kNoNamespace ? -1 : rv;
 }
 
 // Why namespaces cannot be made here, or empty.
@@ -253,13 +253,7 @@ public:
     bool Signal(int signal) { return m_pid > 0 && kill(m_pid, signal) == 0; }
     void CloseInput() { if (m_in >= 0) close(m_in); m_in = -1; }
     // Exit status as RunResult::status, or -1 after timeoutMs (scaled; then killed).
-    int Wait(int timeoutMs)
-    {
-        bool timedOut = false;
-        int status = WaitBounded(m_pid, ScaledMs(timeoutMs), &timedOut);
-        m_pid = -1;
-        return timedOut ? -1 : status;
-    }
+    int Wait(int timeoutMs) { return WaitBounded(std::exchange(m_pid, -1), ScaledMs(timeoutMs)); }
     bool Running() const { return m_pid > 0; }
 
 private:

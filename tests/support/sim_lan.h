@@ -58,9 +58,8 @@ private:
         return RunProgram(Joined(argv, args), "", 60000);
     }
 
-    std::string m_name;
+    std::string m_name, m_error;
     bool m_up = false;
-    std::string m_error;
 };
 
 // Runs `body` on a thread that joined network namespace `name` (its sockets stay there); false when it could not.
