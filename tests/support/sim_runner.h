@@ -50,8 +50,6 @@ public:
         Stop();
         if (!m_dir.empty()) (void)!system(("rm -rf '" + m_dir + "'").c_str());
     }
-    SimRunner(const SimRunner&) = delete;
-    SimRunner& operator=(const SimRunner&) = delete;
 
     bool Running() const { return m_child->Running(); }
     // "127.0.0.1:PORT" (as --server= takes it) or the Unix socket path.
@@ -76,5 +74,5 @@ public:
 private:
     std::string m_dir, m_logPath, m_address;
     int m_port = 0;
-    std::unique_ptr<ChildProcess> m_child;
+    std::unique_ptr<ChildProcess> m_child;  // also what makes a runner non-copyable
 };
