@@ -1,5 +1,5 @@
-// The backlog judge as a table, then `vtest backlog` end to end: every form and state, JSON read back by a
-// parser, /var/local in a private mount namespace, --interval cut short by a signal, the simulator's replicas.
+// The backlog judge as a table, then `vtest backlog` end to end: every form and state, /var/local in a private
+// mount namespace, --interval cut short by a signal, the simulator's replicas.
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <sched.h>
@@ -8,9 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstring>
 #include <filesystem>
+#include <regex>
 
 #include "Backlog.h"
 #include "fixed_paths.h"
@@ -20,34 +19,31 @@
 
 namespace {
 
-// The unit is at 1000; before -1: no earlier reading. The plain thresholds are in the end-to-end table.
+// The unit is at 1000; before -1: no earlier reading. The plain thresholds, a peer level with the unit and a
+// time in the future are in the end-to-end table.
 TEST(BacklogJudge, TakesTheFirstStateThatAppliesAndRoundsAgesDown)
 {
     const timespec now = {1000000, 0};
+    const BacklogLimits stale = {{}, {}, 3600}, warn = {10, {}, {}};
     const struct {
         const char* label; uint64_t peer; long long before; double elapsed; BacklogLimits limits; long long age;
-        PeerState state; BacklogStatus status;
+        std::string result;
     } cases[] = {
-        {"lagging, no thresholds", 1, -1, 0, {}, 99999, PeerState::kOk, kBacklogOk},
-        {"unchanged for --stale", 999, -1, 0, {{}, {}, 3600}, 3600, PeerState::kStale, kBacklogCritical},
-        {"a second short of --stale", 999, -1, 0, {{}, {}, 3600}, 3599, PeerState::kOk, kBacklogOk},
-        {"level is never stale", 1000, -1, 0, {{}, {}, 1}, 99999, PeerState::kOk, kBacklogOk},
-        {"future time counts as 0", 999, -1, 0, {{}, {}, 1}, -5, PeerState::kOk, kBacklogOk},
-        {"stalled, no --warn", 900, 900, 1, {}, 0, PeerState::kStalled, kBacklogWarning},
-        {"stalled at --warn", 990, 990, 1, {10, {}, {}}, 0, PeerState::kStalled, kBacklogWarning},
-        {"went back", 900, 950, 1, {}, 0, PeerState::kStalled, kBacklogWarning},
-        {"moving above --crit alone", 800, 790, 1, {{}, 100, {}}, 0, PeerState::kMoving, kBacklogWarning},
-        {"advancing within --warn", 995, 990, 1, {10, {}, {}}, 0, PeerState::kOk, kBacklogOk},
-        {"advanced: never stale", 995, 990, 1, {{}, {}, 60}, 99999, PeerState::kOk, kBacklogOk},
-        {"too short to rate", 989, 989, 0.09, {10, {}, {}}, 0, PeerState::kBehind, kBacklogWarning},
-        {"new since the first reading", 989, -1, 1, {10, {}, {}}, 0, PeerState::kBehind, kBacklogWarning},
+        {"unchanged for --stale", 999, -1, 0, stale, 3600, "stale CRITICAL"},
+        {"a second short of --stale", 999, -1, 0, stale, 3599, "ok OK"},
+        {"stalled at --warn", 990, 990, 1, warn, 0, "stalled WARNING"},
+        {"went back", 900, 950, 1, {}, 0, "stalled WARNING"},
+        {"moving above --crit alone", 800, 790, 1, {{}, 100, {}}, 0, "moving WARNING"},
+        {"advancing within --warn", 995, 990, 1, warn, 0, "ok OK"},
+        {"advanced: never stale", 995, 990, 1, {{}, {}, 60}, 99999, "ok OK"},
+        {"too short to rate", 989, 989, 0.09, warn, 0, "behind WARNING"},
+        {"new since the first reading", 989, -1, 1, warn, 0, "behind WARNING"},
     };
     for (const auto& c : cases) {
         PeerReading peer{1, 0, Version(c.peer), {static_cast<time_t>(now.tv_sec - c.age), 0}};
         PeerReading before{1, 0, Version(static_cast<uint64_t>(c.before)), {}};
         PeerReport r = backlog_judge(Version(1000), peer, c.before < 0 ? nullptr : &before, c.elapsed, c.limits, now);
-        EXPECT_STREQ(backlog_state_word(r.state), backlog_state_word(c.state)) << c.label;
-        EXPECT_EQ(r.status, c.status) << c.label;
+        EXPECT_EQ(backlog_state_word(r.state) + std::string(" ") + backlog_status_word(r.status), c.result) << c.label;
     }
     PeerReading later{1, 0, Version(990), now}, earlier{1, 0, Version(980), now};
     PeerReport rated = backlog_judge(Version(1000), later, &earlier, 2, {}, now);
@@ -57,40 +53,30 @@ TEST(BacklogJudge, TakesTheFirstStateThatAppliesAndRoundsAgesDown)
     for (const auto& [seconds, text] : ages) EXPECT_EQ(backlog_age_text(seconds), text) << seconds;
 }
 
+// The JSON's ages, file times and a moving peer's rate and time to go change from run to run.
+std::string Masked(const std::string& out)
+{
+    static const std::regex kVaried("\"(age)\":[0-9]+,\"mtime\":[0-9]+|\"(rate)\":[0-9.]+,\"eta\":[0-9]+");
+    return std::regex_replace(out, kVaried, "\"$1$2\":*");
+}
+
 struct File { std::string name, content; long ageSeconds = 1800; };  // content "<dir>" and "<fifo>" make those
 
-void MakeFiles(const std::string& dir, const std::vector<File>& files)
-{
-    for (const File& f : files) {
-        std::string path = dir + "/" + f.name;
-        if (f.content == "<dir>") ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
-        else if (f.content == "<fifo>") ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
-        else ASSERT_TRUE(WriteFile(path, f.content));
-        timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) - f.ageSeconds, 0}};
-        ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
-    }
-}
-
-// Numbers as a JSON parser reads them: exact up to 2^64 - 1.
-std::string ParseJson(const std::string& json)
-{
-    const char* script = "import json, sys\nd = json.load(sys.stdin)\n"
-                         "print(d['status'], d.get('reason'), d.get('unit', {}).get('version'), [(p['peer'], "
-                         "p['version'], p['backlog'], p['state'], p['reason'], p.get('rate', '')) "
-                         "for p in d.get('peers', [])])\n";
-    RunResult r = RunProgram({"/usr/bin/python3", "-c", script}, json);
-    return r.out + r.err;
-}
-
-class BacklogRun : public ::testing::Test {
-protected:
-    void TearDown() override { std::filesystem::remove_all(m_dir); }
+struct BacklogRun : ::testing::Test {
+    ~BacklogRun() override { std::filesystem::remove_all(m_dir); }
     // Empties the directory, then makes `files` there.
     void Files(const std::vector<File>& files) const
     {
         std::filesystem::remove_all(m_dir);
         ASSERT_EQ(mkdir(m_dir.c_str(), 0700), 0);
-        MakeFiles(m_dir, files);
+        for (const File& f : files) {
+            const std::string path = m_dir + "/" + f.name;
+            if (f.content == "<dir>") ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
+            else if (f.content == "<fifo>") ASSERT_EQ(mkfifo(path.c_str(), 0644), 0);
+            else ASSERT_TRUE(WriteFile(path, f.content));
+            timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) - f.ageSeconds, 0}};
+            ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+        }
     }
     const std::string m_dir = MakeTempDir();
 };
@@ -101,12 +87,12 @@ TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
     const std::string missing = m_dir + "/vantor.ver: missing";
     const std::string synopsis = std::string("Usage: ") + VTEST_BINARY + " backlog [--warn=N] [--crit=N] "
                                  "[--stale=SECONDS] [--interval=SECONDS] [--json | --summary] [--dir=DIR]\n";
-    const struct {  // --json output as ParseJson reads it
+    const struct {
         const char* label; std::vector<File> files; std::vector<std::string> args; std::string out, err; int status;
     } cases[] = {
         {"no peers", {unit}, {}, "unit 1200 updated 30m ago\nno peers\n", "", 0},
         {"every state, odd names",
-         {unit, {"vantor.ver.1", "1200"}, {"vantor.ver.2", "1300"}, {"vantor.ver.3", "1190\r\n"},
+         {unit, {"vantor.ver.1", "1200", 7200}, {"vantor.ver.2", "1300"}, {"vantor.ver.3", "1190\r\n", -3600},
           {"vantor.ver.4", "1189"}, {"vantor.ver.5", "1100"}, {"vantor.ver.6", "1099"}, {"vantor.ver.7", "1195", 7200},
           {"vantor.ver.8", "<dir>"}, {"vantor.ver.9", "12x"}, {"vantor.ver.10", "<fifo>"},
           {"vantor.ver.2147483647", "1200"}, {"vantor.ver.2147483648", "1"}, {"vantor.ver.007", "1"},
@@ -114,18 +100,18 @@ TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
           {"quill.conf", ""}},
          {"--crit=100", "--stale=3600", "--warn=10"},
          "unit 1200 updated 30m ago\n"
-         "peer        version  backlog  age  state\n"
-         "1           1200     0        30m  ok\n"
-         "2           1300     0        30m  ahead\n"
-         "3           1190     10       30m  ok\n"
-         "4           1189     11       30m  behind\n"
-         "5           1100     100      30m  behind\n"
-         "6           1099     101      30m  critical\n"
-         "7           1195     5        2h   stale\n"
-         "8           -        -        -    malformed (a directory)\n"
-         "9           -        -        -    malformed (not a version number)\n"
-         "10          -        -        -    malformed (not a regular file)\n"
-         "2147483647  1200     0        30m  ok\n",
+         "peer        version  backlog  age     state\n"
+         "1           1200     0        2h      ok\n"
+         "2           1300     0        30m     ahead\n"
+         "3           1190     10       future  ok\n"
+         "4           1189     11       30m     behind\n"
+         "5           1100     100      30m     behind\n"
+         "6           1099     101      30m     critical\n"
+         "7           1195     5        2h      stale\n"
+         "8           -        -        -       malformed (a directory)\n"
+         "9           -        -        -       malformed (not a version number)\n"
+         "10          -        -        -       malformed (not a regular file)\n"
+         "2147483647  1200     0        30m     ok\n",
          "ignoring files that are not peers: vantor.ver.\\x0a, vantor.ver.-1, vantor.ver.007, vantor.ver.2147483648, "
          "vantor.ver.tmp\n",
          2},
@@ -136,13 +122,15 @@ TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
          "1 malformed, 1 critical, 1 ahead | peer4=U;3;9;0 peer5=0;3;9;0 peer6=1102;3;9;0\n", "", 2},
         {"summary, no peers", {unit}, {"--summary"}, "BACKLOG OK - no peers\n", "", 0},
         {"summary, unit missing", {}, {"--summary"}, "BACKLOG UNKNOWN - " + missing + "\n", missing + "\n", 3},
-        {"json, as a parser reads it",
+        {"json, numbers up to 2^64 - 1",
          {{"vantor.ver", "18446744073709551615"}, {"vantor.ver.1", "0"}, {"vantor.ver.2", "<dir>"}},
-         {"--json", "--warn=5"}, "WARNING None 18446744073709551615 [(1, 0, 18446744073709551615, 'behind', None, ''), "
-         "(2, None, None, 'malformed', 'a directory', '')]\n", "", 1},
+         {"--json", "--warn=5"}, R"({"status":"WARNING","unit":{"version":18446744073709551615,"age":*},"peers":[)"
+         R"({"peer":1,"version":0,"backlog":18446744073709551615,"age":*,"state":"behind","reason":null},{"peer":2,)"
+         R"("version":null,"backlog":null,"age":null,"mtime":null,"state":"malformed","reason":"a directory"}]})" "\n",
+         "", 1},
         {"json, a later --dir not UTF-8", {}, {"--json", "--dir=" + m_dir + "/\xff"},
-         "UNKNOWN " + m_dir + "/\ufffd/vantor.ver: missing None []\n", m_dir + "/\xff/vantor.ver: missing\n", 3},
-        {"unit malformed", {{"vantor.ver", "-5\n"}}, {}, "", m_dir + "/vantor.ver: not a version number\n", 3},
+         R"({"status":"UNKNOWN","reason":")" + m_dir + R"(/\ufffd/vantor.ver: missing"})" "\n",
+         m_dir + "/\xff/vantor.ver: missing\n", 3},
         {"--crit below --warn", {unit}, {"--warn=10", "--crit=9"}, "", "Error: --crit is below --warn.\n", 255},
         {"--json with --summary", {unit}, {"--json", "--summary"}, "",
          "Error: --json and --summary exclude each other.\n", 255},
@@ -155,8 +143,7 @@ TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
         std::vector<std::string> args = c.args;
         args.insert(args.begin(), {"backlog", "--dir=" + m_dir});
         RunResult r = RunVtest(args);
-        bool json = c.status != 255 && std::find(c.args.begin(), c.args.end(), "--json") != c.args.end();
-        EXPECT_EQ(json ? ParseJson(r.out) : r.out, c.out) << c.label;
+        EXPECT_EQ(Masked(r.out), c.out) << c.label;
         EXPECT_EQ(r.err, c.err + (c.status == 255 ? synopsis : "")) << c.label;
         EXPECT_EQ(r.status, c.status) << c.label;
     }
@@ -165,11 +152,11 @@ TEST_F(BacklogRun, PrintsEachFormWithItsStatus)
 // In /var/local of a private mount namespace (a tmpfs, where 4097 files are made quickly).
 TEST(BacklogFixedPath, ReadsVarLocalByDefaultAndAtMost4096Peers)
 {
-    std::string reason = NamespacesUnavailableReason(CLONE_NEWNS);
-    if (!reason.empty()) GTEST_SKIP() << reason;
+    if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
     std::string seen = RunInMountNamespace([] {
-        MakeFiles("/var/local", {{"vantor.ver", "20\n"}, {"vantor.ver.3", "8\n"}});
-        for (int id = 4; id <= 4098; id++) WriteFile("/var/local/vantor.ver." + std::to_string(id), "20");
+        WriteFile("/var/local/vantor.ver", "20\n");
+        for (int id = 3; id <= 4098; id++)
+            WriteFile("/var/local/vantor.ver." + std::to_string(id), id == 3 ? "8" : "20");
         RunResult r = RunVtest({"backlog", "--summary"});
         std::string seen = r.out.substr(0, r.out.find(" |")) + r.err + std::to_string(r.status) + "\n";
         WriteFile("/var/local/vantor.ver.1", "20");
@@ -181,34 +168,28 @@ TEST(BacklogFixedPath, ReadsVarLocalByDefaultAndAtMost4096Peers)
 }
 
 // One peer advances and one stalls between the readings; the signal ends an hour's wait at once, and rates
-// use the time that really passed. inotify tells when the first reading is done.
+// use the time that really passed. inotify tells when the first reading has read the last peer.
 TEST_F(BacklogRun, IntervalEndsEarlyOnSignalWithRates)
 {
     for (int signal : {SIGINT, SIGTERM}) {
         Files({{"vantor.ver", "100"}, {"vantor.ver.1", "90"}, {"vantor.ver.2", "80"}});
-        int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-        ASSERT_GE(inotify_add_watch(watch, m_dir.c_str(), IN_CLOSE_NOWRITE), 0);
+        const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        ASSERT_GE(inotify_add_watch(watch, (m_dir + "/vantor.ver.2").c_str(), IN_CLOSE_NOWRITE), 0);
         ChildProcess child(
             TargetArgv(VTEST_BINARY, {"backlog", "--dir=" + m_dir, "--interval=3600", "--warn=5", "--json"}));
-        alignas(inotify_event) char buf[4096];
-        ASSERT_TRUE(WaitUntil([&] {  // the highest peer is read last
-            const inotify_event* e;
-            for (ssize_t at = 0, n = read(watch, buf, sizeof buf); at < n; at += sizeof *e + e->len)
-                if ((e = reinterpret_cast<const inotify_event*>(buf + at))->len > 0 && !strcmp(e->name, "vantor.ver.2"))
-                    return true;
-            return false;
-        }, ScaledMs(10000)));
+        alignas(inotify_event) char event[4096];
+        ASSERT_TRUE(WaitUntil([&] { return read(watch, event, sizeof event) > 0; }, ScaledMs(10000)));
         close(watch);
-        auto firstReading = std::chrono::steady_clock::now();
+        const auto firstReading = std::chrono::steady_clock::now();
         ASSERT_EQ(Version(93).WriteFile((m_dir + "/vantor.ver.1").c_str()), 0);
-        WaitUntil([&] { return MsSince(firstReading) >= 200; }, 1000);
+        WaitUntil([&] { return MsSince(firstReading) >= 200; }, 1000);  // long enough to be rated
         ASSERT_TRUE(child.Signal(signal));
         EXPECT_TRUE(child.WaitForOutput("]}\n", 10000)) << signal;
         EXPECT_EQ(child.Wait(10000), 2) << signal;
-        std::string parsed = ParseJson(child.Output());
-        EXPECT_EQ(parsed.substr(0, parsed.find(" [")), "CRITICAL None 100") << parsed;
-        EXPECT_TRUE(parsed.find("(1, 93, 7, 'moving', None, ") != std::string::npos) << parsed;
-        EXPECT_TRUE(parsed.find("(2, 80, 20, 'stalled', None, 0.0)") != std::string::npos) << parsed;
+        EXPECT_EQ(Masked(child.Output()),
+                  R"({"status":"CRITICAL","unit":{"version":100,"age":*},"peers":[{"peer":1,"version":93,"backlog":7,)"
+                  R"("age":*,"state":"moving","reason":null,"rate":*},{"peer":2,"version":80,"backlog":20,"age":*,)"
+                  R"("state":"stalled","reason":null,"rate":0.000,"eta":null}]})" "\n") << signal;
     }
 }
 

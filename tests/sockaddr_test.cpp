@@ -1,7 +1,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -25,15 +24,10 @@ SockAddr Parsed(sa_family_t family, const char* text)
 }
 
 // The family's own lookup where it has one (its errno result), else Parse.
-int Lookup(SockAddr& a, sa_family_t family, const char* text)
+int Lookup(SockAddr& a, sa_family_t f, const char* text)
 {
-    switch (family) {
-    case AF_INET: return a.GetIPv4(text);
-    case AF_INET6: return a.GetIPv6(text);
-    case AF_MAC: return a.GetMAC(text);
-    case AF_RS485: return a.GetSerial(text);
-    default: return a.Parse(family, text) ? 0 : -EINVAL;
-    }
+    return f == AF_INET ? a.GetIPv4(text) : f == AF_INET6 ? a.GetIPv6(text) : f == AF_MAC ? a.GetMAC(text)
+           : f == AF_RS485 ? a.GetSerial(text) : a.Parse(f, text) ? 0 : -EINVAL;
 }
 
 // Accepted text prints as `printed`, which reads back the same; refused text leaves an invalid address.
@@ -42,118 +36,91 @@ TEST(SockAddr, TextOfEveryFamilyParsesOrIsRefused)
 {
     SockAddr::SetDefaultSerial({AF_RS485, "ttyUSB0", 19200, 7, ODD, 2, 99});  // the index 99 is never taken
     const std::string longPath = "/tmp/" + std::string(110, 'p');
-    struct Case { sa_family_t family; const char* text; int rv; const char* printed; } cases[] = {
-        {AF_INET, "10.0.0.1", 0, "10.0.0.1:0"}, {AF_INET, "10.0.0.1:3000", 0, "10.0.0.1:3000"},
-        {AF_INET, "300.1.1.1", 0, "44.1.1.1:0"}, {AF_INET, "2.256.0.1", 0, "3.0.0.1:0"},  // cut to 8 bits, spilling
-        {AF_INET, "1.2.3.-1", 0, "255.255.255.255:0"},     // a negative octet sets every bit
-        {AF_INET, "localhost:3543", 0, "127.0.0.1:3543"},  // not literal: the resolver
-        {AF_INET, "localhost:nosuchservice", -ENODATA, nullptr}, {AF_INET, nullptr, -EINVAL, nullptr},
-        {AF_INET6, "fe80::1|80", 0, "fe80::0001|80"},
-        {AF_INET6, "fe80::1:80", 0, "fe80::0001:0080|0"},  // ':' is never the port separator
-        {AF_INET6, "0000:0000:0000:0000:0000:0000:0000:0001|65535000000000", -EINVAL, nullptr},  // over 50
+    struct Case { sa_family_t family; const char* text; int rv; const char* printed; } cases[] = {  // "": refused
+        {AF_INET, "10.0.0.1:3000", 0, "10.0.0.1:3000"}, {AF_INET, "localhost:3543", 0, "127.0.0.1:3543"},  // resolver
+        {AF_INET, "localhost:nosuchservice", -ENODATA, ""}, {AF_INET, nullptr, -EINVAL, ""}, {AF_NAME, "", -EINVAL, ""},
+        // Octets unchecked: cut to 8 bits, spilling into the one before; a negative one sets every bit.
+        {AF_INET, "300.1.1.1", 0, "44.1.1.1:0"}, {AF_INET, "2.256.0.1", 0, "3.0.0.1:0"},
+        {AF_INET, "1.2.3.-1", 0, "255.255.255.255:0"}, {AF_INET6, "fe80::1:80", 0, "fe80::0001:0080|0"},  // not ':'
+        {AF_INET6, "0000:0000:0000:0000:0000:0000:0000:0001|65535000000000", -EINVAL, ""},  // over 50
         {AF_INET6, "2001:db8:1:2:3:4:5:6", 0, "2001:0db8:0001:0002:0003:0004:0005:0006|0"},
         {AF_INET6, "1:0:3:0:0:0:0:7", 0, "0001::0003:0000:0000:0000:0000:0007|0"},  // the first zero run only
         {AF_INET6, "::3:4:5:6:7:8", 0, "::0003:0004:0005:0006:0007:0008|0"}, {AF_INET6, "::", 0, "::|0"},
         {AF_INET6, "1:2:3:4:5:6:7:0|443", 0, "0001:0002:0003:0004:0005:0006:0007::|443"},
-        {AF_UNIX, longPath.c_str(), -EINVAL, nullptr},  // too long for sun_path: refused, not cut
-        {AF_UNIX, "/tmp/x.sock", 0, "/tmp/x.sock"}, {AF_NAME, "eth0", 0, "eth0"}, {AF_NAME, "", -EINVAL, nullptr},
-        {AF_MAC, "00:1A:2b:3c:4d:5e", 0, "00:1a:2b:3c:4d:5e"}, {AF_MAC, "00:11:22:33:44", -EINVAL, nullptr},
-        {0, "x", -EINVAL, nullptr}, {7, "x", -EINVAL, nullptr}, {36, "x", -EINVAL, nullptr},
-        {AF_UNIX, nullptr, -EINVAL, nullptr},
+        {AF_UNIX, longPath.c_str(), -EINVAL, ""}, {AF_UNIX, nullptr, -EINVAL, ""},  // too long: refused, not cut
+        {AF_UNIX, "/tmp/x.sock", 0, "/tmp/x.sock"}, {AF_NAME, "eth0", 0, "eth0"}, {AF_RS485, "-2@ttyS1", -EINVAL, ""},
+        {AF_MAC, "00:1A:2b:3c:4d:5e", 0, "00:1a:2b:3c:4d:5e"}, {AF_MAC, "00:11:22:33:44", -EINVAL, ""},
+        {0, "x", -EINVAL, ""}, {7, "x", -EINVAL, ""}, {36, "x", -EINVAL, ""}, {AF_RS485, "0", -EINVAL, ""},
         {AF_RS485, "7", 0, "7@ttyUSB0!19200/7/o/2"}, {AF_RS485, "3@ttyS1", 0, "3@ttyS1!19200/7/o/2"},
-        {AF_RS485, "2@ttyS1!9600/8/e/1", 0, "2@ttyS1!9600/8/e/1"},
-        {AF_RS485, "ttyS2!4800/8/n/1", 0, "ttyS2!4800/8/n/1"},
+        {AF_RS485, "2@ttyS1!9600/8/e/1", 0, "2@ttyS1!9600/8/e/1"}, {AF_RS485, "ttyS2!48/8/n/1", 0, "ttyS2!48/8/n/1"},
         {AF_RS485, "x5@ttyS3", 0, "ttyS3!19200/7/o/2"},  // '@' later in the text: index from the start
-        {AF_RS485, "4@ttyS1!9600/8/q/1", 0, "4@ttyS1!9600/8/n/1"},
+        {AF_RS485, "4@ttyS1!9600/8/q/1", 0, "4@ttyS1!9600/8/n/1"}, {AF_RS485, "1@ttyS1!9600/x/n/1", -EINVAL, ""},
         {AF_RS485, "1@ttyS123456789AB!9600/8/n/1", 0, "1@ttyS123456789AB!9600/8/n/1"},  // 15 characters fit
-        {AF_RS485, "1@ttyS1234567890AB!9600/8/n/1", -ENOSPC, nullptr},  // 16 characters
-        {AF_RS485, "1@ttyS1234567890AB", -ENOSPC, nullptr},
-        {AF_RS485, "0", -EINVAL, nullptr}, {AF_RS485, "-2@ttyS1", -EINVAL, nullptr},
-        {AF_RS485, "1@ttyS1!9600/8", -EINVAL, nullptr}, {AF_RS485, "1@ttyS1!9600/x/n/1", -EINVAL, nullptr},
-        {AF_RS485, "a!b@ttyS1", -EINVAL, nullptr},  // "!" only before the device part
-        {AF_RS485, "99999999999999999999", -EINVAL, nullptr},
+        {AF_RS485, "1@ttyS1234567890AB!9600/8/n/1", -ENOSPC, ""}, {AF_RS485, "99999999999999999999", -EINVAL, ""},
+        {AF_RS485, "a!b@ttyS1", -EINVAL, ""},  // "!" only before the device part
     };
     for (const Case& c : cases) {
         const std::string label = std::string(SockAddr::Type(c.family)) + " " + (c.text ? c.text : "(null)");
         SockAddr a(AF_INET, 0x7f000001u, 1);  // a failed lookup leaves nothing of it
         EXPECT_EQ(Lookup(a, c.family, c.text), c.rv) << label;
-        EXPECT_EQ(Text(a), c.printed ? c.printed : "unknown") << label;
-        if (c.printed) { EXPECT_EQ(Text(Parsed(c.family, c.printed)), c.printed) << label; }
+        EXPECT_EQ(Text(a), *c.printed ? c.printed : "unknown") << label;
+        if (*c.printed) { EXPECT_EQ(Text(Parsed(c.family, c.printed)), c.printed) << label; }
     }
     SockAddr::SetDefaultSerial(sockaddr_serial{});
     EXPECT_EQ(Text(Parsed(AF_RS485, "7")), "7");
     EXPECT_EQ(Text(SockAddr(AF_RS485, "ttyS0", 0x10005)), "5@ttyS0");  // the index keeps 16 bits
 }
 
-// Odd corners: unknown names, a failed MAC, the crossed hostent constructor, sockets' own addresses.
-TEST(SockAddr, NamesFailedTextHostentSocknameAndRecvFrom)
+// Odd corners: a name's case, a failed MAC, the crossed hostent constructor, a failed socket name.
+TEST(SockAddr, NamesFailedTextHostentAndSockname)
 {
     EXPECT_EQ(SockAddr::Type("IPV4"), 0);  // names are case-sensitive
-    EXPECT_STREQ(SockAddr::Type(7), "none");
     EXPECT_STREQ(SockAddr::Parity2a(static_cast<Parity>(5)), "x");
     SockAddr a(AF_MAC, "02:11:22:33:44:55");
-    EXPECT_EQ(a.GetMAC("02:11:22:zz:44:55"), -EINVAL);
-    const unsigned char* raw = reinterpret_cast<const unsigned char*>(&a.Get());
-    EXPECT_EQ(std::string(raw, raw + 8), std::string(8, '\0'));
+    const char* raw = reinterpret_cast<const char*>(&a.Get());
+    EXPECT_TRUE(a.GetMAC("02:11:22:zz:44:55") == -EINVAL && std::string(raw, 8) == std::string(8, '\0'));
     EXPECT_EQ(SockAddr(AF_UNIX, "/tmp/x").GetAF(), 0);  // this constructor takes names and MACs only
     EXPECT_EQ(a.GetIP("localhost", 12345), -EINVAL);
     char addr[4] = {10, 0, 0, 1};
     char* list[2] = {addr, nullptr};
     hostent h = {nullptr, nullptr, AF_INET, 4, list};
     SockAddr crossed(&h);
-    EXPECT_EQ(crossed.GetAF(), AF_INET);
-    EXPECT_EQ(memcmp(&crossed.Get().in6.sin6_addr, &h.h_addr_list, 4), 0);  // the pointer's bytes, not the address
-    EXPECT_EQ(crossed.Get().in4.sin_addr.s_addr, 0u);
-    int rx = socket(AF_INET, SOCK_DGRAM, 0), tx = socket(AF_INET, SOCK_DGRAM, 0);
-    SockAddr local = Parsed(AF_INET, "127.0.0.1"), from, sender;
-    ASSERT_EQ(bind(rx, &local.Get().addr, sizeof(sockaddr_in)), 0);
-    ASSERT_EQ(local.GetSockname(rx), 0);
-    ASSERT_EQ(sendto(tx, "hi", 2, 0, &local.Get().addr, sizeof(sockaddr_in)), 2);
-    char buf[8];
-    EXPECT_EQ(from.RecvFrom(rx, buf, sizeof buf, 0), 2);
-    ASSERT_EQ(sender.GetSockname(tx), 0);
-    EXPECT_EQ(Text(from), "127.0.0.1:" + std::to_string(sender.GetPort()));
-    for (int fd : {rx, tx}) close(fd);
-    EXPECT_TRUE(from.GetSockname(-1) == -EBADF && from.GetAF() == 0);
+    // The pointer's bytes, not the address, and in the IPv6 field.
+    EXPECT_TRUE(crossed.GetAF() == AF_INET && memcmp(&crossed.Get().in6.sin6_addr, &h.h_addr_list, 4) == 0 &&
+                crossed.Get().in4.sin_addr.s_addr == 0u);
+    EXPECT_TRUE(crossed.GetSockname(-1) == -EBADF && crossed.GetAF() == 0);
 }
 
 // Equality ignores what is not the endpoint (scope, line settings, a name's port); ordering is decided
 // by the first differing byte when it is exactly one apart, else falls through to the port.
+// Relations as "a==b a<b b<a", e.g. "!<." for a before b.
 TEST(SockAddr, EqualityAndOrdering)
 {
-    const bool littleEndian = htonl(1) != 1;
     const unsigned char one[16] = {0, 1};
     SockAddr ported(AF_NAME, "eth0");
     ported.GetPrivate().name.port = 5;
-    struct Case { SockAddr a, b; bool equal, aLess, bLess; } cases[] = {
-        {Parsed(AF_INET6, "fe80::1|80"), Parsed(AF_INET6, "fe80::1%lo|80"), true, false, false},
-        {Parsed(AF_INET6, "fe80::1|80"), Parsed(AF_INET6, "fe80::1|81"), false, true, false},
-        {SockAddr(AF_INET6, one, 9), Parsed(AF_INET6, "2::|1"), false, true, false},
-        {SockAddr(AF_INET6, one, 9), Parsed(AF_INET6, "3::|1"), false, false, true},
-        {SockAddr(AF_NAME, "eth0"), ported, true, true, false},
-        {Parsed(AF_RS485, "3@ttyS1!9600/8/n/1"), Parsed(AF_RS485, "3@ttyS1!4800/7/e/2"), true, false, false},
-        {SockAddr(AF_RS485, "ttyS3", 1), SockAddr(AF_RS485, "ttyS1", 9), false, true, false},
+    auto v4 = [](const char* t) { return Parsed(AF_INET, t); };
+    auto v6 = [](const char* t) { return Parsed(AF_INET6, t); };
+    struct Case { SockAddr a, b; std::string rel; } cases[] = {
+        {v6("fe80::1|80"), v6("fe80::1%lo|80"), "=.."}, {v6("fe80::1|80"), v6("fe80::1|81"), "!<."},
+        {SockAddr(AF_INET6, one, 9), v6("2::|1"), "!<."}, {SockAddr(AF_INET6, one, 9), v6("3::|1"), "!.>"},
+        {SockAddr(AF_NAME, "eth0"), ported, "=<."}, {SockAddr(), SockAddr(AF_NAME, "a"), "!<."},  // family 0 before 33
+        {Parsed(AF_RS485, "3@ttyS1!9600/8/n/1"), Parsed(AF_RS485, "3@ttyS1!4800/7/e/2"), "=.."},
+        {SockAddr(AF_RS485, "ttyS3", 1), SockAddr(AF_RS485, "ttyS1", 9), "!<."}, {SockAddr(), SockAddr(), "!.."},
         // IPv4 compares the raw word: on a little-endian host the last octet weighs most.
-        {Parsed(AF_INET, "1.0.0.2"), Parsed(AF_INET, "2.0.0.1"), false, !littleEndian, littleEndian},
-        {Parsed(AF_INET, "1.2.3.4:5"), Parsed(AF_INET, "1.2.3.4:6"), false, true, false},
-        {Parsed(AF_INET, "9.9.9.9"), SockAddr(AF_NAME, "a"), false, true, false},  // family 2 before 33
-        {SockAddr(), SockAddr(AF_NAME, "a"), false, true, false},
-        {SockAddr(), SockAddr(), false, false, false},
-        {SockAddr(AF_MAC, "00:00:00:00:00:01"), SockAddr(AF_MAC, "00:00:00:00:00:05"), false, true, false},
-        {Parsed(AF_UNIX, "/a"), Parsed(AF_UNIX, "/b"), false, true, false},
+        {v4("1.0.0.2"), v4("2.0.0.1"), htonl(1) != 1 ? "!.>" : "!<."}, {v4("1.2.3.4:5"), v4("1.2.3.4:6"), "!<."},
+        {SockAddr(sockaddr_in{AF_INET, htons(6), {htonl(0x01020304)}, {}}), v4("1.2.3.4:6"), "=.."},
+        {SockAddr(AF_MAC, "00:00:00:00:00:01"), SockAddr(AF_MAC, "00:00:00:00:00:05"), "!<."},
+        {Parsed(AF_UNIX, "/a"), Parsed(AF_UNIX, "/b"), "!<."},
     };
     for (const Case& c : cases) {
-        const std::string label = Text(c.a) + " " + Text(c.b);
-        EXPECT_EQ(c.a == c.b, c.equal) << label;
-        EXPECT_EQ(c.a != c.b, !c.equal) << label;
-        EXPECT_EQ(c.a < c.b, c.aLess) << label;
-        EXPECT_EQ(c.b < c.a, c.bLess) << label;
-        EXPECT_TRUE(c.a == c.a) << label;  // even an invalid value equals itself
+        const std::string rel = {c.a == c.b ? '=' : '!', c.a < c.b ? '<' : '.', c.b < c.a ? '>' : '.'};
+        EXPECT_EQ(rel, c.rel) << Text(c.a) << " " << Text(c.b);
+        EXPECT_TRUE((c.a != c.b) != (c.a == c.b) && c.a == c.a) << Text(c.a);  // even an invalid value equals itself
     }
     // SetPort takes a host-order port (a line's unit index); a name has none.
     std::string texts;
-    for (SockAddr a : {Parsed(AF_INET, "1.2.3.4:5"), Parsed(AF_INET6, "::1|80"), Parsed(AF_RS485, "3@ttyS1"),
-                       SockAddr(AF_NAME, "eth0")})
+    for (SockAddr a : {v4("1.2.3.4:5"), v6("::1|80"), Parsed(AF_RS485, "3@ttyS1"), SockAddr(AF_NAME, "eth0")})
         a.SetPort(9), texts += Text(a) + " " + std::to_string(a.GetPort()) + ";";
     EXPECT_EQ(texts, "1.2.3.4:9 9;::0001|9 9;9@ttyS1 9;eth0 0;");
 }
@@ -168,14 +135,11 @@ int InterfaceChecks()
                " ip link set v0 up && ip link set v1 up") != 0)
         return 2;
     SockAddr a;
-    CHILD_CHECK(a.GetName(0) == 0 && Text(a) == "lo");
     CHILD_CHECK(a.GetName(1) == 0 && Text(a) == "v0" && a.GetAF() == AF_NAME);
-    CHILD_CHECK(a.GetName(2) == -ENOENT && a.GetAF() == 0);
-    CHILD_CHECK(a.GetIPv4(0) == -EINVAL && a.GetAF() == 0);
+    CHILD_CHECK(a.GetName(2) == -ENOENT && a.GetAF() == 0 && a.GetIPv4(0) == -EINVAL && a.GetAF() == 0);
     CHILD_CHECK(a.GetIPv4(-1) == 0 && Text(a) == "10.1.2.3:0");  // -1: lo refused, so interface 1
     CHILD_CHECK(a.GetMAC(-1) == 0 && Text(a) == "02:11:22:33:44:55");
     CHILD_CHECK(a.GetIPv6(-1) == 0 && Text(a) == "fd00::0005|0");
-    CHILD_CHECK(a.GetIPv6(7) == -ENOENT);
     bool lo = false, v0 = true, none = true;
     CHILD_CHECK(SockAddr::IsLoopback(0u, lo) == 0 && SockAddr::IsLoopback("v0", v0) == 0 && lo && !v0);
     CHILD_CHECK(SockAddr::IsLoopback("nosuch0", none) == -ENODEV && none);
@@ -185,8 +149,7 @@ int InterfaceChecks()
 
 TEST(SockAddr, InterfaceEnumerationInANamespace)
 {
-    std::string why = NamespacesUnavailableReason(CLONE_NEWNET);
-    if (!why.empty()) GTEST_SKIP() << why;
+    if (std::string why = NamespacesUnavailableReason(CLONE_NEWNET); !why.empty()) GTEST_SKIP() << why;
     EXPECT_EQ(RunInNamespaces(CLONE_NEWNET, InterfaceChecks, ScaledMs(20000)), 0);
 }
 
