@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdio>
@@ -7,6 +9,8 @@
 #include <thread>
 
 #include "Config.h"
+#include "ControllerConf.h"
+#include "QuillSsl.h"
 #include "fixed_paths.h"
 #include "process.h"
 
@@ -36,15 +40,14 @@ protected:
     std::string m_path;
 };
 
-// Valid keys: 0 any, 1 the list a, b, c; 2 the array a, "", c, which ends at
-// its empty string. Rows with valid keys load over kDefaults.
+// Valid keys: 0 any, 1 the list a, b, c; 2 the array a, "", c (ends at ""). Rows with valid keys load kDefaults.
 TEST_F(ConfigFile, LinesGiveThesePairsAndMessages)
 {
     const char* const array[] = {"a", "", "c", nullptr};
     const std::string longValue(1017, 'v');
     struct Case { int valid; std::string text; Pairs pairs; std::string log; } cases[] = {  // "@": the path
         {0, "key=value", {{"key", "value"}}, ""}, {0, "k\t=\t =x\n", {{"k", "x"}}, ""},
-        {0, "=a b\n", {{"=a", "b"}}, ""}, {0, "  \t x y\n", {{"x", "y"}}, ""},  // the first character is the key's
+        {0, "=a b\n  \t x y\n", {{"=a", "b"}, {"x", "y"}}, ""},  // the first character after blanks is the key's
         {0, "a 1\nb 2\na 3\n", {{"a", "3"}, {"b", "2"}}, ""},
         {0, "v = inner  blanks # \"kept\" \t\r\n", {{"v", "inner  blanks # \"kept\" \t\r"}}, ""},
         {0, "\n \t\n==\nkey\nkey = \nk\t\n", {},  // blank lines count in the numbering
@@ -58,12 +61,10 @@ TEST_F(ConfigFile, LinesGiveThesePairsAndMessages)
     };
     for (const Case& c : cases) {
         ASSERT_TRUE(WriteFile(m_path, c.text));
+        const std::list<std::string> list = c.valid ? std::list<std::string>{"a", "b", "c"} : std::list<std::string>{};
         StderrCapture capture;
-        const Config::DefaultEntry* defaults = c.valid ? kDefaults : nullptr;
-        auto cfg = c.valid == 2 ? std::make_unique<Config>(m_path.c_str(), defaults, array)
-                                : std::make_unique<Config>(m_path.c_str(), defaults,
-                                                           c.valid ? std::list<std::string>{"a", "b", "c"}
-                                                                   : std::list<std::string>{});
+        auto cfg = c.valid == 2 ? std::make_unique<Config>(m_path.c_str(), kDefaults, array)
+                                : std::make_unique<Config>(m_path.c_str(), c.valid ? kDefaults : nullptr, list);
         EXPECT_EQ(LogLines(capture.Take()), WithPath(c.log)) << c.text;
         StderrCapture again;
         EXPECT_EQ(cfg->Reload(), c.log.rfind("err", 0) != 0) << c.text;
@@ -74,12 +75,10 @@ TEST_F(ConfigFile, LinesGiveThesePairsAndMessages)
 TEST_F(ConfigFile, MissingFileOrNoPathGivesDefaultsAndNewDefaultsWaitForReload)
 {
     StderrCapture capture;
-    Config missing(m_path.c_str(), kDefaults, nullptr);
-    Config none(nullptr, kDefaults, nullptr);
+    Config missing(m_path.c_str(), kDefaults, nullptr), none(nullptr, kDefaults, nullptr);
     EXPECT_EQ(LogLines(capture.Take()), WithPath("info No configuration file \"@\", using defaults.\n"
                                                  "info No configuration file, using defaults.\n"));
-    EXPECT_EQ(All(none), (Pairs{{"a", "0"}, {"d", "dv"}}));
-    EXPECT_EQ(All(missing), All(none));
+    EXPECT_EQ(All(missing), (Pairs{{"a", "0"}, {"d", "dv"}}));
     ASSERT_TRUE(WriteFile(m_path, "x 1\n"));
     const Config::DefaultEntry other[] = {{"o", "1"}, {nullptr, nullptr}};
     missing.Defaults(other);
@@ -94,8 +93,7 @@ TEST_F(ConfigFile, MissingFileOrNoPathGivesDefaultsAndNewDefaultsWaitForReload)
 // Opened read-write on purpose: a file this process may not write is missing.
 TEST_F(ConfigFile, ReadOnlyFileCountsAsMissing)
 {
-    std::string reason = NamespacesUnavailableReason(CLONE_NEWNS);
-    if (!reason.empty()) GTEST_SKIP() << reason;
+    if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
     ASSERT_TRUE(WriteFile(m_path, "a 1\n"));
     std::string report = RunInMountNamespace([&] {
         int rv = BindReadOnly(m_path.c_str());
@@ -106,19 +104,16 @@ TEST_F(ConfigFile, ReadOnlyFileCountsAsMissing)
     EXPECT_EQ(report, WithPath("0 0 info No configuration file \"@\", using defaults.\n"));
 }
 
-// Readers take whole-board copies while the file flips between two contents
-// and is reloaded; each copy must be all of one file.
+// Readers copy the whole board while reloads flip the file between two contents.
 TEST_F(ConfigFile, ReadersNeverSeeHalfALoadedFile)
 {
     std::string files[2];
-    const Pairs defaults{{"a", "0"}, {"d", "dv"}};
-    Pairs expected[2] = {defaults, defaults};
-    for (int k = 0; k < 20; k++)
-        for (int f = 0; f < 2; f++) {
-            std::string key = "k" + std::to_string(k), value = f ? "two" : "one";
-            files[f] += key + " " + value + "\n";
-            expected[f][key] = value;
-        }
+    Pairs expected[2] = {{{"a", "0"}, {"d", "dv"}}, {{"a", "0"}, {"d", "dv"}}};
+    for (int k = 0; k < 40; k++) {
+        std::string key = "k" + std::to_string(k / 2), value = k % 2 ? "two" : "one";
+        files[k % 2] += key + " " + value + "\n";
+        expected[k % 2][key] = value;
+    }
     ASSERT_TRUE(WriteFile(m_path, files[0]));
     Config cfg(m_path.c_str(), kDefaults, nullptr);
     std::atomic<bool> stop{false};
@@ -134,9 +129,91 @@ TEST_F(ConfigFile, ReadersNeverSeeHalfALoadedFile)
         reloaded = WriteFile(staged, files[i % 2]) && rename(staged.c_str(), m_path.c_str()) == 0 && cfg.Reload();
     stop = true;
     for (std::thread& t : readers) t.join();
-    EXPECT_TRUE(reloaded);
-    EXPECT_EQ(torn, 0);
-    EXPECT_GT(copies, 0);
+    EXPECT_TRUE(reloaded && torn == 0 && copies > 0) << reloaded << ", " << torn << " torn of " << copies;
+}
+
+// The key ends at the blanks before the first "=" unless it is among the first two characters; old files rely on it.
+TEST_F(ConfigFile, ControllerConfLinesGiveThesePairs)
+{
+    const std::string x194(194, 'x');
+    const std::pair<std::string, Pairs> cases[] = {
+        {"a  =   v\n", {{"a", "v"}}}, {"key=value\n", {{"key=value", "value"}}},
+        {"key\t = value\n", {{"key\t", "value"}}}, {" = v\n", {{" = v", "v"}}}, {"   = v\n", {}}, {"#a = b\n", {}},
+        {" # = x\n", {{" #", "x"}}}, {"no separator\n", {}}, {"k = \tv \r\n", {{"k", "\tv \r"}}},
+        {"k = v = w", {{"k", "v = w"}}}, {"k = \n", {{"k", ""}}}, {"k = 1\nk = 2\n", {{"k", "2"}}},
+        {"k = " + x194 + "rest = 1\n", {{"k", x194}, {"rest", "1"}}},  // a long line reads in two parts
+    };
+    for (const auto& [text, pairs] : cases) {
+        ASSERT_TRUE(WriteFile(m_path, text));
+        Pairs read{{"stale", "x"}};
+        EXPECT_TRUE(controller_conf_read_file(m_path.c_str(), read)) << text;
+        EXPECT_EQ(read, pairs) << text;
+    }
+}
+
+// On the fixed file in a private mount namespace: a setup (0 when it worked), a write, its log and a read back.
+TEST(ControllerConfFile, WriteKeepsABackupAndReportsFailures)
+{
+    if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
+    const std::string conf = quillConfigFile, old = conf + ".old";
+    const std::string updated = " written info Updated /var/local/quill.conf.\n";
+    const std::string failed = " failed warn Failed to update /var/local/quill.conf.\n";
+    struct Case { const char* label; std::function<int()> setup; Pairs pairs; std::string report; } cases[] = {
+        {"no file yet: nothing to read, no backup",
+         [] { Pairs read{{"untouched", "1"}}; return ControllerConfRead(read) || !read.empty(); },
+         {{"b", "2"}, {"a", "one word"}}, updated + "a = one word\nb = 2\n|<missing>|ok a=one word;b=2;"},
+        {"previous file becomes the backup", [&] { return !WriteFile(old, "stale\n") || !WriteFile(conf, "x=1\n"); },
+         {}, updated + "|x=1\n|ok "},
+        {"directory read-only: cannot create",
+         [&] { return WriteFile(conf, "k = v\n") ? BindReadOnly("/var/local") : 1; },
+         {{"a", "1"}}, failed + "k = v\n|<missing>|ok k=v;"},
+        {"out of space after the backup",
+         [&] { return mount("tmpfs", "/var/local", "tmpfs", 0, "size=4k") || !WriteFile(conf, "k = v\n"); },
+         {{"big", std::string(10000, 'b')}}, failed + "|k = v\n|ok "},
+    };
+    for (const Case& c : cases) {
+        std::string report = RunInMountNamespace([&] {
+            StderrCapture capture;
+            std::string text = std::to_string(c.setup());
+            text += ControllerConfWrite(c.pairs) ? " written " : " failed ";
+            text += LogLines(capture.Take());
+            Pairs read{{"untouched", "1"}};
+            text += ReadFile(conf) + "|" + ReadFile(old) + (ControllerConfRead(read) ? "|ok " : "|failed ");
+            for (const auto& [key, value] : read) text += key + "=" + value + ";";
+            return text;
+        });
+        EXPECT_EQ(report, "0" + c.report) << c.label;
+    }
+}
+
+// Each "-altbase" takes the next word, even "-altbase"; the last one wins.
+TEST(QuillSsl, AltbaseScanLastOneWins)
+{
+    const std::pair<std::vector<const char*>, const char*> cases[] = {
+        {{"-altbase", "/a"}, "/a"}, {{"-altbase", "/a", "-altbase", "/b"}, "/b"}, {{"x", "-altbase", "/a", "y"}, "/a"},
+        {{"-altbase", "/a", "-altbase"}, "/a"}, {{"-altbase", "-altbase", "/b"}, "-altbase"},
+        {{"-Altbase", "/a", "altbase", "/b"}, "/etc/ssl"},
+    };
+    for (const auto& [args, baseDir] : cases) {
+        Bbs cfg("ssl");
+        cfg.Set("Ssl.BaseDir", "/etc/ssl");
+        ssl_scan_args(cfg, static_cast<int>(args.size()), const_cast<char* const*>(args.data()));
+        EXPECT_STREQ(cfg.GetStr("Ssl.BaseDir", "<none>"), baseDir) << args.size() << " words, first " << args[0];
+    }
+}
+
+// sslinit reads the fixed file (its absence only noted) and ends with status 0, whatever its arguments.
+TEST(SslInit, RunsOnTheFixedFileAndAlwaysExitsZero)
+{
+    if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
+    std::string report = RunInMountNamespace([] {
+        std::string report = unlink("/etc/vantor.conf") == 0 || errno == ENOENT ? "" : "cannot remove ";
+        RunResult r = RunVtest({"sslinit", "x", "-altbase", "/a", "-altbase"});
+        return report + std::to_string(r.status) + "|" + r.out + "|" + LogLines(r.err);
+    });
+    EXPECT_EQ(report, "0||info No configuration file \"/etc/vantor.conf\", using defaults.\n"
+                      "info SSL: Support not included.\n"
+                      "info SSL: #################### Init check passed ####################\n");
 }
 
 }  // namespace

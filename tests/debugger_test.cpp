@@ -2,7 +2,6 @@
 #include <glob.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <spawn.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -13,7 +12,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <regex>
 #include <vector>
 
@@ -25,61 +23,51 @@
 
 namespace {
 
-std::string CaptureLog(int level, const char* text)
-{
-    testing::internal::CaptureStderr();
-    syslog_safe(level, "%s", text);
-    return testing::internal::GetCapturedStderr();
-}
-
+// Each piece of a message is a line with the same prefix; levels past the named ones read "unk ".
 TEST(SyslogSafe, SplitsLinesSkipsEmptyPiecesAndNamesLevels)
 {
-    std::string out = CaptureLog(6, "a\n\nb");
-    std::smatch m;
-    const std::regex twoLines(R"((\d\d\.\d{6} \[(\d+)\] )info a\n(\d\d\.\d{6} \[\d+\] )info b\n)");
-    ASSERT_TRUE(std::regex_match(out, m, twoLines)) << out;
-    EXPECT_EQ(m[1], m[3]);
-    EXPECT_EQ(m[2], std::to_string(dbg_gettid()));
+    testing::internal::CaptureStderr();
+    syslog_safe(6, "%s", "a\n\nb");
+    const std::string out = testing::internal::GetCapturedStderr();
+    const std::regex twoLines("(\\d\\d\\.\\d{6} \\[" + std::to_string(dbg_gettid()) + "\\] )info a\n\\1info b\n");
+    EXPECT_TRUE(std::regex_match(out, twoLines)) << out;
     for (const auto& [level, name] : {std::pair<int, std::string>{0, "emrg"}, {3, "err "}, {4, "warn"}, {7, "dbg "},
-                                      {8, "unk "}, {12, "unk "}})
-        EXPECT_NE(CaptureLog(level, "x").find(name + " x\n"), std::string::npos) << level;
-}
-
-// In a private mount namespace whose /dev is a tmpfs holding only our own
-// /dev/log, so the daemon path's syslog records can be read back.
-int CheckDaemonChunks()
-{
-    CHILD_CHECK(mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0);
-    int server = socket(AF_UNIX, SOCK_DGRAM, 0);
-    sockaddr_un addr = {AF_UNIX, "/dev/log"};
-    CHILD_CHECK(bind(server, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0);
-    openlog("t", LOG_NDELAY, LOG_LOCAL5);
-    daemon_is_on = true;
-    syslog_safe(6, "%s", std::string(450, 'm').c_str());
-    daemon_is_on = false;
-    // Each record: "<pri>timestamp t: PREFIX[...]chunk"; 200 bytes but the last, the later ones marked.
-    const std::regex record(R"(t: (\d\d\.\d{6} \[\d+\] )(\.\.\.)?(m+)$)");
-    char buf[1024];
-    size_t total = 0, i = 0;
-    for (ssize_t n; (n = recv(server, buf, sizeof buf, MSG_DONTWAIT)) > 0; i++) {
-        std::string text(buf, n);
-        std::smatch m;
-        CHILD_CHECK(std::regex_search(text, m, record) && m[2].matched == (i > 0));
-        CHILD_CHECK(i == 2 || m[3].length() == 200 - m[1].length());
-        total += m[3].length();
+                                      {8, "unk "}, {12, "unk "}}) {
+        StderrCapture capture;
+        syslog_safe(level, "x");
+        EXPECT_EQ(LogLines(capture.Take()), name + " x\n") << level;
     }
-    return i == 3 && total == 450 ? 0 : 16;
 }
 
+// In a private mount namespace whose /dev holds only our own /dev/log, to read the daemon path's records back.
 TEST(SyslogSafe, DaemonModeSendsChunksMarkedAsContinued)
 {
-    std::string why = NamespacesUnavailableReason(CLONE_NEWNS);
-    if (!why.empty()) GTEST_SKIP() << why;
-    EXPECT_EQ(RunInNamespaces(CLONE_NEWNS, CheckDaemonChunks), 0);
+    if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
+    EXPECT_EQ(RunInNamespaces(CLONE_NEWNS, [] {
+        CHILD_CHECK(mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0);
+        int server = socket(AF_UNIX, SOCK_DGRAM, 0);
+        sockaddr_un addr = {AF_UNIX, "/dev/log"};
+        CHILD_CHECK(bind(server, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0);
+        openlog("t", LOG_NDELAY, LOG_LOCAL5);
+        daemon_is_on = true;
+        syslog_safe(6, "%s", std::string(450, 'm').c_str());
+        daemon_is_on = false;
+        // Each record: "<pri>timestamp t: PREFIX[...]chunk"; 200 bytes but the last, the later ones marked.
+        const std::regex record(R"(t: (\d\d\.\d{6} \[\d+\] )(\.\.\.)?(m+)$)");
+        char buf[1024];
+        size_t total = 0, i = 0;
+        for (ssize_t n; (n = recv(server, buf, sizeof buf, MSG_DONTWAIT)) > 0; i++) {
+            std::string text(buf, n);
+            std::smatch m;
+            CHILD_CHECK(std::regex_search(text, m, record) && m[2].matched == (i > 0));
+            CHILD_CHECK(i == 2 || m[3].length() == 200 - m[1].length());
+            total += m[3].length();
+        }
+        return i == 3 && total == 450 ? 0 : 16;
+    }), 0);
 }
 
-// The dump test sees the common names, the code-0 cause and a demangled frame;
-// these are the edges: the general cause table ends every search, odd frames stay.
+// The edges the dump test does not see: the general cause table ends every search, odd frames stay.
 TEST(CrashHandler, SignalNamesCauseTextAndDemangling)
 {
     for (const auto& [sig, name] : {std::pair<int, const char*>{0, "UNKNOWN"}, {31, "SIGSYS"}, {32, "UNKNOWN"},
@@ -98,103 +86,87 @@ TEST(CrashHandler, AddFileSplitsAtLineEndsAndCutsLongLines)
 {
     std::string dir = MakeTempDir(), path = dir + "/in";
     ASSERT_TRUE(WriteFile(path, "one\r\ntwo\vthree\n" + std::string(300, 'x') + "\n"));
-    char* written = nullptr;
-    size_t size = 0;
-    FILE* dump = open_memstream(&written, &size);
+    FILE* dump = tmpfile();
     StderrCapture capture;
     EXPECT_EQ(dbg_add_file(path.c_str(), dump, 1), 0);
     EXPECT_EQ(dbg_add_file((dir + "/missing").c_str(), dump, 1), -1);
     std::string log = LogLines(capture.Take());
+    fflush(dump);
+    EXPECT_EQ(ReadFd(fileno(dump)), "\n" + path + "\n-----------------------------------------\none\ntwo\nthree\n" +
+                                       std::string(255, 'x') + "\n" + std::string(45, 'x') + "\n");
     fclose(dump);
-    EXPECT_EQ(written, "\n" + path + "\n-----------------------------------------\none\ntwo\nthree\n" +
-                           std::string(255, 'x') + "\n" + std::string(45, 'x') + "\n");
-    free(written);
     EXPECT_NE(log.find("! ----------------------------------------------------\n"), std::string::npos);
     EXPECT_NE(log.find("err  Unable to open " + dir + "/missing (2).\n"), std::string::npos) << log;
     RunProgram({"/bin/rm", "-rf", dir});
 }
 
-// Starts a vtest blocked opening a FIFO for writing, with its crash handler in
-// place: SIGSTKFLT, the last signal it installs and one no sanitizer runtime
-// catches, shows in the caught-signal mask; under qemu the mask shows the
-// emulator's own handlers from the start, so it must also block in the open.
-pid_t StartBlockedVtest(const std::string& dir)
+// "how it ended pid <pid>", "<dump files> <first>", log and dump of a vtest sent `sig` while blocked opening a FIFO.
+// Its handlers are in place once SIGSTKFLT (the last one installed; no sanitizer catches it) shows in the caught
+// mask; under qemu, whose own handlers show from the start, once it also blocks in the open.
+std::string CrashReport(int sig)
 {
-    std::string fifo = dir + "/hub";
-    if (mkfifo(fifo.c_str(), 0600) != 0) return -1;
-    rlimit noCore = {0, 0};  // this is a RunInNamespaces child: the limit stays in it
-    setrlimit(RLIMIT_CORE, &noCore);
-    std::vector<std::string> argv = TargetArgv(VTEST_BINARY, {"usb", "reset", fifo});
-    std::vector<char*> args;
-    for (std::string& a : argv) args.push_back(a.data());
-    args.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 2, (dir + "/stderr").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-    pid_t pid = -1;
-    int spawned = posix_spawn(&pid, args[0], &actions, nullptr, args.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) return -1;
-    auto ready = [&] {
-        std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-        std::string line, wchan;
-        bool caught = false;
-        while (std::getline(status, line))
-            if (line.rfind("SigCgt:", 0) == 0) caught = std::stoull(line.substr(7), nullptr, 16) >> (SIGSTKFLT - 1) & 1;
-        std::ifstream("/proc/" + std::to_string(pid) + "/wchan") >> wchan;
-        return caught && wchan == "wait_for_partner";
-    };
-    return WaitUntil(ready, ScaledMs(5000)) ? pid : -1;
+    return RunInMountNamespace([sig] {
+        const std::string dir = MakeTempDir(), errPath = dir + "/stderr", fifo = dir + "/hub";
+        std::vector<std::string> argv = TargetArgv(VTEST_BINARY, {"usb", "reset", fifo});
+        std::vector<char*> args;
+        for (std::string& a : argv) args.push_back(a.data());
+        args.push_back(nullptr);
+        rlimit noCore = {0, 0};  // this is a RunInNamespaces child: the limit stays in it
+        pid_t pid = mkfifo(fifo.c_str(), 0600) == 0 && setrlimit(RLIMIT_CORE, &noCore) == 0 ? fork() : -1;
+        if (pid == 0) {
+            int err = open(errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            if (dup2(err, 2) == 2) execv(args[0], args.data());
+            _exit(127);
+        }
+        if (pid < 0) return std::string("no vtest");  // never kill(-1) or waitpid(-1)
+        const std::string proc = "/proc/" + std::to_string(pid);
+        auto blocked = [&] {
+            std::string status = ReadFile(proc + "/status");
+            size_t at = status.find("SigCgt:");
+            return at != std::string::npos && std::stoull(status.substr(at + 7), nullptr, 16) >> (SIGSTKFLT - 1) & 1 &&
+                   ReadFile(proc + "/wchan") == "wait_for_partner";
+        };
+        auto stored = [&] { return ReadFile(errPath).find("Debug info stored") != std::string::npos; };
+        int reader = -1, status = 0;
+        if (!WaitUntil(blocked, ScaledMs(5000)) || kill(pid, sig) != 0) kill(pid, SIGKILL);
+        else if (sig == SIGUSR1)  // a run that never stores its dump would block in its open for good
+            WaitUntil(stored, ScaledMs(5000)) ? reader = open(fifo.c_str(), O_RDONLY) : kill(pid, SIGKILL);
+        waitpid(pid, &status, 0);
+        close(reader);
+        glob_t dumps{};
+        std::string path = glob("/var/local/vtest-*.dbg", 0, nullptr, &dumps) == 0 ? dumps.gl_pathv[0] : "";
+        std::string report = (WIFEXITED(status) ? "exit " + std::to_string(WEXITSTATUS(status))
+                                                : "signal " + std::to_string(WTERMSIG(status))) +
+                             " pid " + std::to_string(pid) + "\n" + std::to_string(dumps.gl_pathc) + " " + path +
+                             "\n" + ReadFile(errPath) + ReadFile(path);
+        globfree(&dumps);
+        RunProgram({"/bin/rm", "-rf", dir});
+        return report;
+    });
 }
 
-// Sends `sig` to a blocked vtest and checks the log and the dump file; a
-// SIGUSR1 run must go on once its open finishes.
-int CheckDump(int sig, const std::string& name)
-{
-    std::string dir = MakeTempDir(), errPath = dir + "/stderr";
-    pid_t pid = StartBlockedVtest(dir);
-    CHILD_CHECK(pid > 0);
-    kill(pid, sig);
-    int reader = -1, status = 0;
-    if (sig == SIGUSR1) {
-        WaitUntil([&] { return ReadFile(errPath).find("Debug info stored") != std::string::npos; }, ScaledMs(5000));
-        reader = open((dir + "/hub").c_str(), O_RDONLY);
-    }
-    waitpid(pid, &status, 0);
-    close(reader);
-    bool wentOn = WIFEXITED(status) && WEXITSTATUS(status) == 1;
-    CHILD_CHECK(sig == SIGUSR1 ? wentOn : WIFSIGNALED(status) && WTERMSIG(status) == sig);
-    std::string err = ReadFile(errPath);
-    RunProgram({"/bin/rm", "-rf", dir});
-    const std::vector<std::string> logLines = {
-        "err  ! vtest ", "info ! Fatal signal received: " + name + "\n", "info ! Backtrace (PID ",
-        "info ! Signal code: 0 - kill(2) or raise(3)\n", "main_usb(int, char**)", "info ! /proc/self/maps\n",
-        "info ! Debug info stored to /var/local/vtest-"};
-    for (const std::string& line : logLines)
-        CHILD_CHECK(err.find(line) != std::string::npos);
-    CHILD_CHECK(sig != SIGUSR1 || err.find("Error in ioctl: Inappropriate ioctl for device\n") != std::string::npos);
-    glob_t dumps;
-    CHILD_CHECK(glob("/var/local/vtest-*.dbg", 0, nullptr, &dumps) == 0 && dumps.gl_pathc == 1);
-    const std::string path = dumps.gl_pathv[0], dump = ReadFile(path);
-    globfree(&dumps);
-    CHILD_CHECK(std::regex_match(path, std::regex("/var/local/vtest-" + std::to_string(pid) +
-                                                  R"(-\d{4}-\d\d-\d\d-\d{6}\.dbg)")));
-    const std::string fault = sig == SIGSEGV ? "Fault address: 0x" : "\nBacktrace";  // only fault signals have one
-    const std::string head = "Signal code: 0 - kill(2) or raise(3)Fatal signal received: " + name + "\n" + fault;
-    CHILD_CHECK(dump.rfind(head, 0) == 0);
-    for (const char* section : {"\nBacktrace (PID ", "\n/proc/self/limits\n-----", "\n/proc/self/status\n-----",
-                                "\n/proc/self/maps\n-----", "\n/proc/self/net/tcp\n-----",
-                                "\n/proc/self/net/udp\n-----"})
-        CHILD_CHECK(dump.find(section) != std::string::npos);
-    return 0;
-}
-
+// Only fault signals have a fault address; a SIGUSR1 run goes on and fails its ioctl on the FIFO.
 TEST(CrashHandler, FatalSignalLeavesLogAndDumpFileAndUsr1DumpsAndGoesOn)
 {
-    std::string why = NamespacesUnavailableReason(CLONE_NEWNS);
-    if (!why.empty()) GTEST_SKIP() << why;
-    EXPECT_EQ(RunInNamespaces(CLONE_NEWNS, [] { return CheckDump(SIGSEGV, "SIGSEGV(11)"); }), 0);
-    EXPECT_EQ(RunInNamespaces(CLONE_NEWNS, [] { return CheckDump(SIGUSR1, "SIGUSR1(10)"); }), 0);
+    if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
+    const struct { int sig; std::string ended, name, afterHead, more; } rows[] = {
+        {SIGSEGV, "signal 11", "SIGSEGV(11)", "Fault address: 0x", "Debug info stored to /var/local/vtest-"},
+        {SIGUSR1, "exit 1", "SIGUSR1(10)", "\nBacktrace", "Error in ioctl: Inappropriate ioctl for device\n"},
+    };
+    for (const auto& row : rows) {
+        const std::string report = CrashReport(row.sig);
+        // One dump file, named after the process and the time.
+        const std::regex head(row.ended + R"( pid (\d+)\n1 /var/local/vtest-\1-\d{4}-\d\d-\d\d-\d{6}\.dbg\n)");
+        EXPECT_TRUE(std::regex_search(report, head, std::regex_constants::match_continuous)) << report.substr(0, 300);
+        const std::vector<std::string> pieces = {
+            "err  ! vtest ", "info ! Fatal signal received: " + row.name + "\n", "info ! Backtrace (PID ",
+            "info ! Signal code: 0 - kill(2) or raise(3)\n", "main_usb(int, char**)", "info ! /proc/self/maps\n",
+            row.more, "Signal code: 0 - kill(2) or raise(3)Fatal signal received: " + row.name + "\n" + row.afterHead,
+            "\nBacktrace (PID ", "\n/proc/self/limits\n-----", "\n/proc/self/status\n-----", "\n/proc/self/maps\n-----",
+            "\n/proc/self/net/tcp\n-----", "\n/proc/self/net/udp\n-----"};
+        for (const std::string& piece : pieces)
+            EXPECT_NE(report.find(piece), std::string::npos) << row.name << ": " << piece;
+    }
 }
 
 }  // namespace

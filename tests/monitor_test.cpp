@@ -1,15 +1,11 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "process.h"
 #include "recording_monitor.h"
 #include "sim_runner.h"
 #include "sql_script.h"
-#include "wait.h"
 
 namespace {
 
@@ -19,38 +15,21 @@ Script Subscribed(const std::string& pushed, const std::string& request = "monit
     return Then(Greeting("SQL monitor"), {Expect(request), Send("#> "), Send(pushed)});
 }
 
-// A monitor of `server`, started; the unique pointer lets a test time its stop.
-std::unique_ptr<RecordingMonitor> Started(const ScriptedServer& server, unsigned operations = 0, int setupSeconds = 0)
-{
-    auto monitor = std::make_unique<RecordingMonitor>(server.Addr(), operations);
-    monitor->Bounds(setupSeconds, setupSeconds, 0);
-    EXPECT_TRUE(monitor->InitOK());
-    return monitor;
-}
-
-// Event lines lose their six-character prefix and the '!'; error lines are skipped; a lost connection or a bare
-// marker is a loss, then a resubscription a second later; nothing is called back before the first subscription.
-// A refused subscription is handed over and tried again, never a change; with bounds set, a silent greeting or
-// subscription is dropped and retried. Whatever the server does, the stop (ENTER in the command) is prompt.
+// Events lose their six-byte prefix and the '!'; a loss, a refusal or a silent set-up is retried a second later;
+// whatever the server does, the stop (ENTER in the command) is prompt.
 TEST(MonitorTest, EventsAndLossesAsTheServerSendsThem)
 {
-    const Script refused = Then(Greeting("SQL monitor"), {Expect("monitor Events\r\n"),
-                                                          Send("\vError: no such table: Events\n\v#> \n")});
-    const Script unanswered = Then(Greeting("SQL monitor"), {Expect("monitor Events\r\n")});
-    struct Case {
-        const char* label;
-        std::vector<Script> scripts;
-        std::vector<std::string> log;
-        int setupSeconds = 0;
-        unsigned operations = 0;
-    } cases[] = {
+    const Script asked = Then(Greeting("SQL monitor"), {Expect("monitor Events\r\n")});
+    const Script refused = Then(asked, {Send("\vError: no such table: Events\n\v#> \n")});
+    struct Case { const char* label; std::vector<Script> scripts; std::vector<std::string> log; int setupSeconds = 0;
+                  unsigned operations = 0; } cases[] = {
         {"events", {Then(Subscribed("123456first!\nsecond!\nx\n"), {Close()}), Subscribed("abcdefthird!\n")},
          {"up", "event:first", "event:second", "event:", "down", "up", "event:third"}},
         {"marker", {Subscribed("\vError: oops\n\v\nabcdefone!\n\v\n"), Subscribed("abcdeftwo!\n")},
          {"up", "event:one", "down", "up", "event:two"}},
         {"before the first", {{Close()}, {Close()}, Subscribed("abcdefhello!\n")}, {"up", "event:hello"}},
         {"refused", {refused, Subscribed("abcdefone!\n")}, {"refused:Error: no such table: Events", "up", "event:one"}},
-        {"bounded", {{Send("banner\n")}, unanswered, Subscribed("abcdefone!\n")}, {"up", "event:one"}, 1},
+        {"bounded", {{Send("banner\n")}, asked, Subscribed("abcdefone!\n")}, {"up", "event:one"}, 1},
         {"operations in order", {Subscribed("abcdefone!\n", "monitor Events select insert update delete\r\n")},
          {"up", "event:one"}, 0, MonitorWrapper::OPERATION_ALL},
         {"waiting for a prompt", {{Send("banner\n")}}, {}},
@@ -58,14 +37,14 @@ TEST(MonitorTest, EventsAndLossesAsTheServerSendsThem)
     };
     for (Case& c : cases) {
         ScriptedServer server(std::move(c.scripts));
-        auto monitor = Started(server, c.operations, c.setupSeconds);
-        ASSERT_TRUE(monitor->WaitForEntries(c.log.size())) << c.label;
-        ASSERT_TRUE(WaitUntil([&] { return server.Accepted() >= 1; }, ScaledMs(5000))) << c.label;
+        auto monitor = std::make_unique<RecordingMonitor>(server.Addr(), c.operations);  // its stop is timed
+        monitor->Bounds(c.setupSeconds, c.setupSeconds, 0);
+        ASSERT_TRUE(monitor->InitOK() && monitor->WaitForEntries(c.log.size()) &&
+                    WaitUntil([&] { return server.Accepted() >= 1; }, ScaledMs(5000))) << c.label;
         EXPECT_EQ(monitor->Log(), c.log) << c.label;
         auto times = server.AcceptTimes();
         for (size_t i = 1; i < times.size(); i++)
-            EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(times[i] - times[i - 1]).count(), 900)
-                << c.label;
+            EXPECT_GE(times[i] - times[i - 1], std::chrono::milliseconds(900)) << c.label << ": a second apart";
         auto start = std::chrono::steady_clock::now();
         monitor.reset();
         EXPECT_LT(MsSince(start), ScaledMs(3000)) << c.label;
@@ -78,17 +57,14 @@ TEST(MonitorTest, StartsOnceAndCallsNothingBackAfterItsStop)
     std::string flood;
     for (int i = 0; i < 5000; i++) flood += "abcdefline" + std::to_string(i) + "!\n";
     ScriptedServer server({Subscribed(flood)});
-    auto monitor = Started(server);
-    EXPECT_TRUE(!monitor->Start() && monitor->InitOK()) << "started once, by the first InitOK";
-    ASSERT_TRUE(monitor->WaitForEntries(100));
-    EXPECT_TRUE(monitor->Stop());
-    size_t seen = monitor->Log().size();
-    EXPECT_FALSE(WaitUntil([&] { return monitor->Log().size() != seen; }, ScaledMs(200)));
-    EXPECT_NE(monitor->Log().back(), "down") << "a stop is no lost connection";
+    RecordingMonitor monitor(server.Addr(), 0);
+    EXPECT_TRUE(monitor.InitOK() && !monitor.Start() && monitor.InitOK()) << "started once, by the first InitOK";
+    ASSERT_TRUE(monitor.WaitForEntries(100) && monitor.Stop());
+    EXPECT_FALSE(WaitUntil([&, seen = monitor.Log().size()] { return monitor.Log().size() != seen; }, ScaledMs(200)));
+    EXPECT_NE(monitor.Log().back(), "down") << "a stop is no lost connection";
 }
 
-// State to standard error once per change (retries log their first failure only), changes to standard output;
-// ENTER before the first connection ends it; a refused table ends it with one line and status 1.
+// State changes go to standard error once each (a retry logs its first failure only), changes to standard output.
 TEST(MonitorCommand, PrintsChangesAndItsStateAndGivesUpOnARefusedTable)
 {
     SimRunner sim;
@@ -99,24 +75,21 @@ TEST(MonitorCommand, PrintsChangesAndItsStateAndGivesUpOnARefusedTable)
         return InShell("exec \"$@\" 2>&1", TargetArgv(VTEST_BINARY, {"monitor", server, table}));
     };
     ChildProcess refused(merged("Nowhere"));
-    EXPECT_EQ(refused.Wait(10000), 1);
-    (void)refused.WaitForOutput("never printed", 500);  // the rest of the output
+    EXPECT_TRUE(!refused.WaitForOutput("never printed", 10000) && refused.Wait(5000) == 1);  // read to its end
     EXPECT_EQ(OperatorErrors(refused.Output()), start + "Cannot monitor Nowhere: Error: no such table: Nowhere.\n");
     RunResult early = RunVtest({"monitor", "--server=127.0.0.1:1", "Events"}, "\n");
     EXPECT_TRUE(early.status == 0 && early.err == "Waiting for 127.0.0.1:1 ...\n") << early.status << early.err;
-
     ChildProcess monitor(merged("Hardware"));
-    const std::string subscribed = "Monitoring Hardware on " + at + ".\n";
+    const std::string subscribed = "Monitoring Hardware on " + at + ".\n", change = "insert Hardware 99\n";
     ASSERT_TRUE(monitor.WaitForOutput(subscribed, 10000)) << monitor.Output();
     RunVtest({"sql", server, "INSERT INTO Hardware (HwID, HwName, HwType) VALUES (99, 'm', 'central');"});
-    ASSERT_TRUE(monitor.WaitForOutput("insert Hardware 99\n", 10000)) << monitor.Output();
+    ASSERT_TRUE(monitor.WaitForOutput(change, 10000)) << monitor.Output();
     sim.Stop();
     const std::string lost = "Connection to " + at + " lost; retrying every second.\n";
     ASSERT_TRUE(monitor.WaitForOutput(lost, 10000));
     EXPECT_FALSE(monitor.WaitForOutput("never printed", 2500));  // two rounds of retries
-    ASSERT_TRUE(monitor.Write("\n"));
-    EXPECT_EQ(monitor.Wait(5000), 0);
-    EXPECT_EQ(OperatorErrors(monitor.Output()), start + subscribed + "insert Hardware 99\n" + lost);
+    EXPECT_TRUE(monitor.Write("\n") && monitor.Wait(5000) == 0);
+    EXPECT_EQ(OperatorErrors(monitor.Output()), start + subscribed + change + lost);
     EXPECT_EQ(CountOf(monitor.Output(), "Unable to connect"), 1u) << monitor.Output();
     EXPECT_EQ(CountOf(monitor.Output(), "<MonitorWrapper> Connect failed: connection refused by " + at + "."), 1u);
 }

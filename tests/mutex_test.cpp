@@ -1,10 +1,8 @@
 #include <gtest/gtest.h>
 
-#include <string>
 #include <thread>
 
 #include "Debuggable.h"
-#include "Mutex.hpp"
 #include "fixed_paths.h"
 #include "process.h"
 #include "wait.h"
@@ -15,17 +13,15 @@ namespace {
 TEST(Mutex, RefusedLockIsNotHeldAndTheGuardDoesNotUnlock)
 {
     Mutex m(false);
-    pthread_mutex_t checking = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
     pthread_mutex_destroy(m.PthreadMutex());
-    *m.PthreadMutex() = checking;
+    *m.PthreadMutex() = PTHREAD_ERRORCHECK_MUTEX_INITIALIZER_NP;
     ASSERT_EQ(pthread_mutex_lock(m.PthreadMutex()), 0);
     StderrCapture err;
     EXPECT_FALSE(m.Lock("again.cpp", 1));
     { MutexGuard guard(m, "guard.cpp", 2); }
     EXPECT_TRUE(m.Recursed() == 0 && m.LockFile() == nullptr && m.LockTid() == 0);
-    EXPECT_EQ(pthread_mutex_unlock(m.PthreadMutex()), 0);
-    EXPECT_TRUE(m.Lock(nullptr, 0));
-    m.Unlock();
+    EXPECT_EQ(pthread_mutex_unlock(m.PthreadMutex()), 0);  // still ours: the guard did not unlock it
+    { MutexGuard unknown(m, nullptr, 0); }
     const std::string log = err.Take();
     EXPECT_EQ(CountOf(log, "Mutex::Lock() error: rv=35"), 2u) << log;
     EXPECT_EQ(CountOf(log, "dbg  DBG Mutex.hpp:142 Lock() Lock from unknown location.\n"), 1u) << log;
@@ -35,7 +31,9 @@ TEST(Mutex, RefusedLockIsNotHeldAndTheGuardDoesNotUnlock)
 TEST(Mutex, BlockedWaiterReportsHolderAndLatestStep)
 {
     StderrCapture err;
-    auto reported = [](const std::string& line) {  // descriptor 2 is the capture's file: read it while it grows
+    const auto reported = [](const std::string& tid, const std::string& step) {  // the capture's file, as it grows
+        const std::string line = "DBG waiter.cpp:200 Mutex::Lock() blocked ([" + tid +
+                                 "] holder.cpp:100 still holds). <--------------- [holder.cpp:" + step + "]\n";
         return WaitUntil([&] { return ReadFile("/proc/self/fd/2").find(line) != std::string::npos; }, ScaledMs(10000));
     };
     Mutex::m_reportSeconds = 1;
@@ -47,12 +45,10 @@ TEST(Mutex, BlockedWaiterReportsHolderAndLatestStep)
         m.Lock("waiter.cpp", 200);
         m.Unlock();
     });
-    const std::string report = "DBG waiter.cpp:200 Mutex::Lock() blocked ([";
-    const std::string tail = "] holder.cpp:100 still holds). <--------------- [holder.cpp:";
-    EXPECT_TRUE(reported(report + std::to_string(dbg_gettid()) + tail + "120]\n"));
+    EXPECT_TRUE(reported(std::to_string(dbg_gettid()), "120"));
     m.Unlock();
     m.Step("holder.cpp", 150);
-    EXPECT_TRUE(reported(report + "0" + tail + "150]\n"));
+    EXPECT_TRUE(reported("0", "150"));
     m.Unlock();
     waiter.join();
     Mutex::m_reportSeconds = 5;
@@ -72,27 +68,21 @@ TEST(Mutex, ChildForkedWhileLockedRecordsItsOwnId)
     held.Unlock();
 }
 
-// Debug(object, flag) ignores the flag: it takes the object out of the registry.
+// Rename cuts at 399 characters and calls the hook; Debug(object, flag) ignores the flag: it unlists the object.
 TEST(Debuggable, RenameCutsAndTheRegistryFollowsCopiesAndRemovals)
 {
-    struct Counting : Named {
-        int updates = 0;
-        void NameUpdated() override { updates++; }
-    } named;
-    named.Rename("%d-%s", 3, "x");
-    EXPECT_TRUE(named.updates == 1 && std::string(named.Name()) == "3-x");
-    named.Rename("%s", std::string(500, 'a').c_str());
-    EXPECT_EQ(std::string(named.Name()), std::string(399, 'a'));
-    const size_t before = Debuggable::Count();
+    struct Counting : Named { int updates = 0; void NameUpdated() override { updates++; } } named;
+    named.Rename("%d-%s", 3, std::string(500, 'a').c_str());
+    EXPECT_TRUE(named.updates == 1 && std::string(named.Name()) == "3-" + std::string(397, 'a')) << named.Name();
+    const size_t listed = Debuggable::Count();
     const long census = safe_mem_object_count("Debuggable");
-    Debuggable a("a%d", 1), b("b"), c("c"), copy(c);
-    EXPECT_EQ(safe_mem_object_count("Debuggable"), census + 4);
+    Debuggable a("a"), b("b"), c("c%d", 1), copy(c);
     EXPECT_TRUE(Debuggable::Debug(&b, true));
     EXPECT_FALSE(b.Debug() || Debuggable::Debug(&b, true));
-    EXPECT_EQ(Debuggable::Count(), before + 3);
+    EXPECT_TRUE(Debuggable::Count() == listed + 3 && safe_mem_object_count("Debuggable") == census + 4);
     c.Debug(true);
     a = c;
-    EXPECT_TRUE(std::string(a.Name()) == "c" && a.Debug());
+    EXPECT_TRUE(std::string(a.Name()) == "c1" && a.Debug());
 }
 
 }  // namespace

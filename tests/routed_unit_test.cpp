@@ -16,13 +16,8 @@ const char kNetworks[] =
     " && ip addr add 10.$i.0.1/24 dev r$i && ip link set r$i up && ip -n n$i addr add 10.$i.0.2/24 dev e$i"
     " && ip -n n$i link set e$i up && ip -n n$i route add default via 10.$i.0.1 || exit 1; done";
 
-bool Enter(const char* path)
-{
-    int fd = open(path, O_RDONLY | O_CLOEXEC);
-    bool ok = fd >= 0 && setns(fd, CLONE_NEWNET) == 0;
-    if (fd >= 0) close(fd);
-    return ok;
-}
+// The descriptor stays open: the child that holds it exits at the end of the checks.
+bool Enter(const char* path) { int fd = open(path, O_RDONLY | O_CLOEXEC); return fd >= 0 && !setns(fd, CLONE_NEWNET); }
 
 int RoutedChecks()
 {
@@ -40,8 +35,7 @@ int RoutedChecks()
 // A connection that kept its packets on the local subnet (don't-route) would never reach the unit.
 TEST(RoutedUnit, AnswersThroughARouter)
 {
-    std::string why = NamespacesUnavailableReason(CLONE_NEWNS | CLONE_NEWNET);
-    if (!why.empty()) GTEST_SKIP() << why;
+    if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS | CLONE_NEWNET); !why.empty()) GTEST_SKIP() << why;
     EXPECT_EQ(RunInNamespaces(CLONE_NEWNS | CLONE_NEWNET, RoutedChecks, 60000), 0);
 }
 

@@ -1,10 +1,8 @@
-// Starting children safely: statuses, what a child sees, forks while other
-// threads hold locks, and identity changes that must abort.
+// Starting children safely: statuses, what a child sees, forks under held locks, identity changes, sec-exec.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
 #include <grp.h>
-#include <pwd.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -14,14 +12,15 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "Mutex.hpp"
 #include "Secure.h"
 #include "debugger.h"
-#include "fixed_paths.h"
 #include "process.h"
 #include "utils.h"
+#include "wait.h"
 
 namespace {
 
@@ -51,22 +50,26 @@ int WaitChild(pid_t pid)
     return waitpid(pid, &status, 0) == pid && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// "status output" of /usr/bin/env started, with `vars` set, by a child in
-// which `start` returned 0 (a process given a pid waits for it).
+// What `body`, run in a child, returned, a blank and what it wrote to its standard output.
+std::string InChild(const std::function<int()>& body)
+{
+    FILE* out = tmpfile();
+    fflush(stdout);
+    int rv = RunInNamespaces(0, [&] { return out && dup2(fileno(out), 1) == 1 ? body() : 99; });
+    std::string text = std::to_string(rv) + " " + (out ? ReadFd(fileno(out)) : "");
+    if (out) fclose(out);
+    return text;
+}
+
+// /usr/bin/env as a child sees it, with `vars` set before `start` (0 in the child).
 std::string EnvSeen(const std::vector<std::pair<const char*, const char*>>& vars, const std::function<pid_t()>& start)
 {
-    std::string dir = MakeTempDir(), path = dir + "/out";
-    fflush(stdout);
-    int rv = RunInNamespaces(0, [&] {
+    return InChild([&] {
         for (const auto& [name, value] : vars) setenv(name, value, 1);
-        int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        pid_t pid = fd < 0 || dup2(fd, 1) != 1 ? -1 : start();
+        pid_t pid = start();
         if (pid == 0) execl("/usr/bin/env", "env", static_cast<char*>(nullptr));
         return pid > 0 ? WaitChild(pid) : 99;
     });
-    std::string text = std::to_string(rv) + " " + ReadFile(path);
-    RunProgram({"/bin/rm", "-rf", dir});
-    return text;
 }
 
 // Each command through system (output discarded) and through the stream form.
@@ -96,9 +99,8 @@ TEST(Secure, StatusesAndWhatTheChildSees)
     EXPECT_EQ(Secure::pclose(stdin), -1);
 }
 
-// A forked child gets the safe set and TZ; SanitizeEnvironment keeps the named
-// variables in the order named (sec-exec's test covers SafeEnvironment).
-TEST(Secure, EnvironmentIsTheSafeSetPlusWhatIsKept)
+// SanitizeEnvironment keeps named variables in the order named (sec-exec's rows cover SafeEnvironment).
+TEST(Secure, ChildEnvironmentAndDescriptors)
 {
     EXPECT_EQ(EnvSeen({{"TZ", "UTC"}, {"VTEST_SECRET", "x"}}, Secure::fork), "0 " + kSafeEnv + "TZ=UTC\n");
     auto sanitize = [] {
@@ -108,11 +110,7 @@ TEST(Secure, EnvironmentIsTheSafeSetPlusWhatIsKept)
         return 0;
     };
     EXPECT_EQ(EnvSeen({{"VTEST_B", "b=2"}, {"VTEST_A", ""}}, sanitize), "0 " + kSafeEnv + "VTEST_B=b=2\nVTEST_A=\n");
-}
-
-TEST(Secure, SanitizeFilesClosesAllButKeptAndReopensStandardOnes)
-{
-    EXPECT_EQ(0, RunInNamespaces(0, [] {
+    EXPECT_EQ("0 ", InChild([] {
         int dropped = open("/dev/null", O_RDONLY), kept = open("/dev/null", O_RDONLY), keep[] = {kept, -1};
         struct stat null, now;
         stat("/dev/null", &null);
@@ -124,8 +122,7 @@ TEST(Secure, SanitizeFilesClosesAllButKeptAndReopensStandardOnes)
     }));
 }
 
-// Children start and end from several threads at once while other threads
-// hold the allocator's and the logger's resources at the moment of fork.
+// Children start from several threads while others hold the allocator's and the logger's locks.
 TEST(Secure, ChildrenStartFromManyThreadsWhileOthersAllocateAndLog)
 {
     // This toolchain's AddressSanitizer does not hold its allocator locks across fork.
@@ -136,27 +133,22 @@ TEST(Secure, ChildrenStartFromManyThreadsWhileOthersAllocateAndLog)
     std::atomic<bool> stop{false};
     std::atomic<int> failures{0};
     std::vector<std::thread> busy, starters;
-    for (int t = 0; t < 3; t++)
-        busy.emplace_back([&stop] {
-            while (!stop) {
-                void* p = safe_mem_malloc(64, __FILE__, __LINE__);
-                Mutex census(false);
-                syslog_safe(7, "DBG %s:%d busy %p", __FILE__, __LINE__, p);
-                safe_mem_free(p, __FILE__, __LINE__);
-            }
-        });
+    auto useLocks = [] {  // the allocator's, the logger's and the object census's
+        void* p = safe_mem_malloc(64, __FILE__, __LINE__);
+        Mutex census(false);
+        syslog_safe(7, "DBG %s:%d busy %p", __FILE__, __LINE__, p);
+        safe_mem_free(p, __FILE__, __LINE__);
+    };
+    for (int t = 0; t < 3; t++) busy.emplace_back([&] { while (!stop) useLocks(); });
     for (int t = 0; t < 4; t++)
-        starters.emplace_back([t, &failures] {
+        starters.emplace_back([t, &failures, &useLocks] {
             for (int i = 0; i < 12 && failures == 0; i++) {
                 std::string expected = std::to_string(t) + "-" + std::to_string(i);
                 bool echoed = StreamOutput(("/bin/echo " + expected).c_str()) == expected + "\n|0";
-                int rv = RunInNamespaces(0, [] {  // the forked child logs, allocates and counts an object itself
+                int rv = RunInNamespaces(0, [&] {  // the forked child takes the same locks itself
                     pid_t pid = Secure::fork();
-                    if (pid != 0) return WaitChild(pid);
-                    syslog_safe(7, "DBG %s:%d in the child", __FILE__, __LINE__);
-                    safe_mem_free(safe_mem_malloc(16, __FILE__, __LINE__), __FILE__, __LINE__);
-                    Mutex census(true);
-                    _exit(0);
+                    if (pid == 0) useLocks(), _exit(0);
+                    return WaitChild(pid);
                 }, 20000);
                 if (!echoed || rv != 0 || Secure::system("/nonexistent") != 127) failures++;
             }
@@ -170,63 +162,107 @@ TEST(Secure, ChildrenStartFromManyThreadsWhileOthersAllocateAndLog)
     EXPECT_EQ(failures, 0);
 }
 
-struct Ids { uid_t uid; gid_t gid; };
+const uid_t kNobody = 65534;
 
-// Runs body in a child shaped like a set-user-id program: real ids `real`,
-// effective and saved ids `owner`.
-int RunShaped(Ids real, Ids owner, const std::function<int()>& body)
+// `body` in a child shaped like a set-user-id program of `owner` (uid = gid) that nobody runs.
+std::string AsSetId(uid_t owner, const std::function<int()>& body)
 {
-    return RunInNamespaces(0, [&] {
-        if (setgroups(0, nullptr) != 0 || setresgid(real.gid, owner.gid, owner.gid) != 0 ||
-            setresuid(real.uid, owner.uid, owner.uid) != 0)
-            return 90;
-        return body();
+    return InChild([&] {
+        bool shaped = setgroups(0, nullptr) == 0 && setresgid(kNobody, owner, owner) == 0 &&
+                      setresuid(kNobody, owner, owner) == 0;
+        return shaped ? body() : 90;
     });
 }
 
-// For a root-owned and an ordinary owner: a permanent drop leaves no way back;
-// a temporary drop is undone from a record filled before; a restore that
-// cannot be done aborts.
+// Root and ordinary owners; a temporary drop is undone from a record filled before (root's groups too).
 TEST(SecurePrivileges, DropsArePermanentOrRestoredAndImpossibleRestoresAbort)
 {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to take set-user-id shapes with setresuid";
-    auto ids = [](const char* name) {  // getpwnam's record is overwritten by the next call
-        const passwd* entry = getpwnam(name);
-        return entry ? Ids{entry->pw_uid, entry->pw_gid} : Ids{0, 0};
-    };
-    const Ids nobody = ids("nobody"), daemon = ids("daemon");
-    if (nobody.uid == 0 || daemon.uid == 0) GTEST_SKIP() << "needs the users nobody and daemon";
-    for (Ids owner : {Ids{0, 0}, daemon}) {
-        EXPECT_EQ(0, RunShaped(nobody, owner, [&] {
+    for (uid_t owner : {0u, 1u}) {
+        EXPECT_EQ(AsSetId(owner, [owner] {
             auto saved = std::make_unique<Secure::PRIVILEGES>();
             Secure::DropPrivileges(saved.get());
-            CHILD_CHECK(saved->uid == owner.uid && saved->gid == owner.gid);
-            CHILD_CHECK(getuid() == nobody.uid && geteuid() == nobody.uid && getegid() == nobody.gid);
-            return seteuid(owner.uid) == 0 || setegid(owner.gid) == 0 ? 3 : 0;
-        })) << "permanent, owner uid " << owner.uid;
-        EXPECT_EQ(0, RunShaped(nobody, owner, [&] {
+            CHILD_CHECK(saved->uid == owner && saved->gid == owner);
+            CHILD_CHECK(getuid() == kNobody && geteuid() == kNobody && getegid() == kNobody);
+            return seteuid(owner) == 0 || setegid(owner) == 0 ? 3 : 0;
+        }), "0 ") << "permanent, owner " << owner;
+        EXPECT_EQ(AsSetId(owner, [owner] {
             gid_t groups[8] = {4, 7};
-            if (owner.uid == 0 && setgroups(2, groups) != 0) return 91;
             auto saved = std::make_unique<Secure::PRIVILEGES>();
+            if (owner == 0 && setgroups(2, groups) != 0) return 91;
             saved->uid = geteuid();
             saved->gid = getegid();
             saved->ngroups = getgroups(65536, saved->groups);
             Secure::DropPrivileges(nullptr);
-            CHILD_CHECK(geteuid() == nobody.uid && getegid() == nobody.gid);
+            CHILD_CHECK(geteuid() == kNobody && getegid() == kNobody);
             Secure::RestorePrivileges(*saved);
-            CHILD_CHECK(geteuid() == owner.uid && getegid() == owner.gid);
             int n = getgroups(8, groups);
-            return owner.uid == 0 && (n != 2 || groups[0] != 4 || groups[1] != 7) ? 3 : 0;
-        })) << "temporary, owner uid " << owner.uid;
+            CHILD_CHECK(owner != 0 || (n == 2 && groups[0] == 4 && groups[1] == 7));
+            return geteuid() == owner && getegid() == owner ? 0 : 3;
+        }), "0 ") << "temporary, owner " << owner;
     }
-    for (Ids target : {Ids{0, 0}, Ids{nobody.uid, 0}})
-        EXPECT_EQ(128 + SIGABRT, RunShaped(nobody, nobody, [target] {
-            auto saved = std::make_unique<Secure::PRIVILEGES>();
-            saved->uid = target.uid;  // no groups to restore: make_unique zeroed the record
-            saved->gid = target.gid;
+    for (uid_t uid : {0u, kNobody})
+        EXPECT_EQ(AsSetId(kNobody, [uid] {
+            auto saved = std::make_unique<Secure::PRIVILEGES>();  // zeroed: gid 0, no groups
+            saved->uid = uid;
             Secure::RestorePrivileges(*saved);
             return 0;
-        })) << "restoring uid " << target.uid << " gid " << target.gid;
+        }), std::to_string(128 + SIGABRT) + " ") << "restoring uid " << uid << " gid 0";
+}
+
+const std::string kUsage =
+    std::string("Usage: ") + VTEST_BINARY + " sec-exec [--keep-env=<name>]... <command> [<argument>]...\n";
+const std::string kNoPath = " (no PATH search: give the full path).\n";
+
+// Words are joined, then split again like the daemon's; each stream carries far more than a pipe holds.
+TEST(SecExec, StatusesWordsStreamsEnvironmentAndUsage)
+{
+    std::string lines;
+    for (int i = 0; i < 30000; i++) lines += std::to_string(i) + "\n";
+    const std::string script = "'i=0; while [ $i -lt 30000 ]; do echo $i; echo $i >&2; i=$((i+1)); done'";
+    const std::pair<const char*, const char*> vars[] = {
+        {"TZ", "Europe/Oslo"}, {"VTEST_KEEP", "kept value"}, {"VTEST_DROP", "x"}};
+    for (const auto& [name, value] : vars) setenv(name, value, 1);
+    // A kept name holds its first place; PATH, when kept, its safe one.
+    const std::string keptEnv =
+        "IFS= \t\n\nPATH=" + std::string(getenv("PATH")) + "\nTZ=Europe/Oslo\nVTEST_KEEP=kept value\n";
+    const struct { std::vector<std::string> words; int status; std::string out, err, input = ""; } rows[] = {
+        {{"/bin/sh", "-c", "'exit 1'"}, 1, "", ""},
+        {{"/nonexistent"}, 127, "", "sec-exec: cannot execute /nonexistent: No such file or directory" + kNoPath},
+        {{"/etc"}, 127, "", "sec-exec: cannot execute /etc: Is a directory" + kNoPath},
+        {{"/bin/sh", "-c", "'kill -TERM $$'"}, 143, "", "sec-exec: /bin/sh killed by signal 15 (Terminated).\n"},
+        {{"/bin/echo", "'a  b'", "c\"d e\""}, 0, "a  b c d e\n", ""}, {{"/bin/pwd"}, 0, "/tmp\n", ""},
+        {{"--", "/bin/true"}, 0, "", ""}, {{}, 255, "", kUsage},
+        {{"--keep-env=", "/bin/true"}, 255, "", "sec-exec: unknown option '--keep-env='.\n" + kUsage},
+        {{"--bogus", "/bin/true"}, 255, "", "sec-exec: unknown option '--bogus'.\n" + kUsage},
+        {{"--keep-env=VTEST_KEEP", "--keep-env=VTEST_UNSET", "--keep-env=PATH", "--keep-env=VTEST_KEEP",
+          "/usr/bin/env"}, 0, keptEnv, ""},
+        {{"/bin/sh", "-c", script}, 0, lines, lines}, {{"/bin/cat"}, 0, lines, "", lines},
+        {{"/bin/echo", "done"}, 0, "done\n", "", lines},  // a child that never reads its input still ends
+    };
+    for (const auto& row : rows) {
+        std::vector<std::string> args{"sec-exec"};
+        args.insert(args.end(), row.words.begin(), row.words.end());
+        RunResult r = RunVtest(args, row.input);
+        const std::string label = row.words.empty() ? "" : row.words.front() + " " + row.words.back().substr(0, 40);
+        EXPECT_EQ(std::tie(r.timedOut, r.status, r.out, r.err), std::make_tuple(false, row.status, row.out, row.err))
+            << label;
+    }
+    for (const auto& [name, value] : vars) unsetenv(name);
+}
+
+TEST(SecExec, InstalledSetIdGivesUpItsIdsForGood)
+{
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to install a set-user-id copy and run it as nobody";
+    SKIP_IF_EMULATED(EmulationGap::SetIdPrograms);
+    std::string dir = MakeTempDir(), copy = dir + "/vtest";
+    ASSERT_EQ(system(("cp " VTEST_BINARY " " + copy + " && chown 1:1 " + copy + " && chmod 6755 " + copy +
+                      " && chmod 755 " + dir).c_str()), 0);
+    RunResult r = RunProgram({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", copy,
+                              "sec-exec", "/bin/grep", "^[UG]id:", "/proc/self/status"});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "Uid:\t65534\t65534\t65534\t65534\nGid:\t65534\t65534\t65534\t65534\n");
+    EXPECT_EQ(system(("rm -rf " + dir).c_str()), 0);
 }
 
 }  // namespace

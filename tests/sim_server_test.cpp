@@ -1,40 +1,16 @@
-// vantor-sim over real sockets; a clean stop (status 0) also means no sanitizer report and no thread left.
+// vantor-sim over real sockets, read by the system's own clients; a clean stop (status 0) also means no sanitizer
+// report and no thread left.
 #include <gtest/gtest.h>
 
-#include <sys/socket.h>
-
-#include <algorithm>
 #include <atomic>
-#include <memory>
 #include <thread>
 
-#include "process.h"
+#include "recording_monitor.h"
 #include "shell_client.h"
-#include "sim_runner.h"
-#include "wait.h"
 
 namespace {
 
-using Lines = std::vector<std::string>;
-
-struct Client {
-    explicit Client(const SimRunner& sim, int waitMs = 15000) : link(sim.Connect(), waitMs), reads(link) {}
-    bool Prepare() { return link.Fd() >= 0 && reads.Greet() && reads.Setup() && link.Quiet(); }
-    Lines Run(const std::string& statement)
-    {
-        Lines lines;
-        EXPECT_EQ(0, reads.Exec(statement, lines)) << statement << ": " << reads.LastError();
-        return lines;
-    }
-    bool Closed()
-    {
-        char c;
-        return link.Get(c) == -1;
-    }
-
-    FdShellTransport link;
-    ScriptedShellClient reads;
-};
+using Rows = std::vector<std::string>;
 
 // A silent client is dropped after --idle-timeout, freeing its place; a subscriber, silent too, stays.
 TEST(SimServer, LimitAndIdleTimeOutSpareSubscribers)
@@ -42,24 +18,20 @@ TEST(SimServer, LimitAndIdleTimeOutSpareSubscribers)
     {  // the limit on its own simulator: with an idle time-out a slow machine could free a place first
         SimRunner full({false, 0, 0, {"--max-clients=2"}});
         ASSERT_TRUE(full.Running()) << full.Log();
-        Client first(full), second(full);
-        ASSERT_TRUE(first.Prepare() && second.Prepare());
-        EXPECT_TRUE(Client(full).Closed());
+        EXPECT_TRUE(SimShell(full)->Reconnect() && SimShell(full)->Reconnect() && !SimShell(full)->Reconnect());
     }
     SimRunner sim({false, 0, 0, {"--max-clients=2", "--idle-timeout=1"}});
     ASSERT_TRUE(sim.Running()) << sim.Log();
-    Client silent(sim), watcher(sim);
-    ASSERT_TRUE(silent.reads.Greet() && watcher.reads.Greet("[pid=2] SQL monitor") && watcher.reads.Subscribe("Events"));
-    EXPECT_TRUE(WaitUntil([&] { return silent.Closed(); }, ScaledMs(5000)));
-    std::unique_ptr<Client> writer;
-    ASSERT_TRUE(WaitUntil([&] { return (writer = std::make_unique<Client>(sim))->Prepare(); }, ScaledMs(3000)));
-    writer->Run("INSERT INTO Events (EvntDscID) VALUES (1); DELETE FROM Events WHERE EvntID = 11;");
-    std::string event;
-    for (const char* expected : {"insert Events 11", "delete Events 11"})
-        EXPECT_TRUE(watcher.reads.NextEvent(event) && event == expected) << event;
-    EXPECT_TRUE(watcher.link.Quiet());
-    writer.reset();  // a client's own close frees its place too
-    EXPECT_TRUE(WaitUntil([&] { return Client(sim).Prepare(); }, ScaledMs(3000)));
+    RecordingMonitor watcher(SimAddr(sim), 0);
+    ASSERT_TRUE(watcher.InitOK() && watcher.WaitForEntries(1));
+    auto silent = SimShell(sim);  // greeted after the subscription: once it is dropped, the watcher was as silent
+    ASSERT_TRUE(silent->Connect());
+    EXPECT_TRUE(WaitUntil([&] { return silent->Pending() == -EPIPE; }, ScaledMs(5000)));
+    const std::string change = "INSERT INTO Events (EvntDscID) VALUES (1); DELETE FROM Events WHERE EvntID = 11;";
+    EXPECT_TRUE(WaitUntil([&] { return SimRun(*SimShell(sim), change) == Rows{}; }, ScaledMs(3000)));
+    EXPECT_TRUE(WaitUntil([&] { return SimShell(sim)->Reconnect(); }, ScaledMs(3000)));  // the writer's close freed it
+    ASSERT_TRUE(watcher.WaitForEntries(3));
+    EXPECT_EQ((Rows{"up", "event:insert Events 11", "event:delete Events 11"}), watcher.Log());
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 
@@ -72,67 +44,45 @@ TEST(SimServer, ManyConcurrentClientsLoseNothing)
     std::vector<std::thread> threads;
     for (int t = 0; t < clients; ++t)
         threads.emplace_back([&, t] {
-            Client c(sim);
-            failures += !c.Prepare();
+            auto shell = SimShell(sim);
             for (int i = 0; i < rows && failures == 0; ++i) {
                 const std::string data = std::to_string(t) + "-" + std::to_string(i);
-                Lines lines;
-                failures += c.reads.Exec("INSERT INTO Events (EvntData) VALUES ('" + data + "'); SELECT EvntData "
-                                         "FROM Events WHERE EvntID = last_insert_rowid();", lines) != 0 ||
-                            lines != Lines{"EvntData", data};
+                failures += SimRun(*shell, "INSERT INTO Events (EvntData) VALUES ('" + data + "'); SELECT EvntData "
+                                           "FROM Events WHERE EvntID = last_insert_rowid();") != Rows{"EvntData", data};
             }
         });
     for (auto& t : threads) t.join();
     EXPECT_EQ(0, failures.load());
-    Client counter(sim);
-    ASSERT_TRUE(counter.Prepare());
-    EXPECT_EQ((Lines{"n", std::to_string(10 + clients * rows)}), counter.Run("SELECT count(*) AS n FROM Events;"));
+    const Rows count{"n", std::to_string(10 + clients * rows)};
+    EXPECT_EQ(count, SimRun(*SimShell(sim), "SELECT count(*) AS n FROM Events;"));
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 
-// A full 100,000-row stream still arrives whole, and the stop is clean, while the rude ones are connected.
-TEST(SimServer, GarbageLongLinesAndAbruptClientsDoNotDisturbOthers)
+// A full 100,000-row stream still arrives whole, and the stop is clean, while the rude ones are connected; a
+// subscriber that never reads is cut off alone.
+TEST(SimServer, GarbageAbruptAndNeverReadingClientsDoNotDisturbOthers)
 {
     SimRunner sim({false, 100000, 0, {}});
     ASSERT_TRUE(sim.Running()) << sim.Log();
-    Client steady(sim), watcher(sim), sleeper(sim), longLine(sim);
-    ASSERT_TRUE(steady.Prepare() && watcher.reads.Greet() && watcher.reads.Subscribe("Events"));
     std::string garbage;
     for (int i = 0; i < 20000; ++i) garbage.push_back(static_cast<char>((i * 7919) & 0xff));
     for (const std::string& junk : {garbage, std::string(70000, 'x') + "\n", std::string("\v\0\r\n", 4)})
-        EXPECT_TRUE(Client(sim).link.Send(junk));
-    std::string answer;
-    ASSERT_TRUE(longLine.reads.Greet() && longLine.link.Send(std::string(70000, 'y') + "\r\n"));
-    EXPECT_TRUE(longLine.link.ReadUntil("\vError: line longer than 65535 bytes\n\v#> \n", answer, 3000)) << answer;
-    {  // asks for 100,000 rows and leaves at once
-        Client quitter(sim);
-        ASSERT_TRUE(quitter.Prepare() && quitter.link.Send("SELECT * FROM Events;\r\n"));
-    }
-    ASSERT_TRUE(sleeper.Prepare() && sleeper.link.Send("SELECT * FROM Events;\r\n"));  // asks and never reads
-    EXPECT_EQ((Lines{"n", "100010"}), steady.Run("SELECT count(*) AS n FROM Events;"));
-    steady.Run("INSERT INTO Events (EvntData) VALUES ('still here');");
-    ASSERT_TRUE(steady.link.Send("SELECT * FROM Events LIMIT 100000;\r\n"));
-    std::string all;
-    ASSERT_TRUE(steady.link.ReadUntil("\v#> \n", all, 30000));
-    EXPECT_EQ(100000 + 2, std::count(all.begin(), all.end(), '\n'));  // header, rows, the end marker's line
-    EXPECT_EQ(0, sim.Stop()) << sim.Log();
-}
-
-TEST(SimServer, SubscriberThatNeverReadsIsCutOffAlone)
-{
-    SimRunner sim;
-    ASSERT_TRUE(sim.Running()) << sim.Log();
-    Client hoarder(sim), writer(sim, 60000);
+        EXPECT_TRUE(RawLink(sim.Connect()).Send(junk));
+    RawLink hoarder(sim.Connect());
     int small = 4096;
-    ASSERT_EQ(0, setsockopt(hoarder.link.Fd(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small));
-    ASSERT_TRUE(writer.Prepare());
+    ASSERT_EQ(0, setsockopt(hoarder.fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small));
+    auto sleeper = SimShell(sim), steady = SimShell(sim);
     const std::string table = "T" + std::string(200, 'x');  // 60,000 change lines of it far outgrow every buffer
-    writer.Run("CREATE TABLE " + table + " (v);");
-    ASSERT_TRUE(hoarder.reads.Greet() && hoarder.reads.Subscribe(table));
-    writer.Run("WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n WHERE x < 60000) "
-               "INSERT INTO " + table + " SELECT x FROM n;");
-    EXPECT_TRUE(WaitUntil([&] { return sim.Log().find("unread, disconnecting") != std::string::npos; }, ScaledMs(10000)));
-    EXPECT_EQ((Lines{"n", "60000"}), writer.Run("SELECT count(*) AS n FROM " + table + ";"));
+    EXPECT_EQ(Rows{}, SimRun(*steady, "CREATE TABLE " + table + " (v);"));
+    ASSERT_TRUE(hoarder.Send("comment\n" + std::string(70000, 'y') + "\nmonitor " + table + "\r\n") &&
+                hoarder.ReadUntil("#> \vError: line longer than 65535 bytes\n\v#> \n#> "));  // it survived a long line
+    // One asks for 100,000 rows and leaves at once, the sleeper asks and never reads on.
+    ASSERT_TRUE(SimShell(sim)->Exec("SELECT * FROM Events;") && sleeper->Exec("SELECT * FROM Events;"));
+    EXPECT_EQ(Rows{}, SimRun(*steady, "WITH RECURSIVE n(x) AS (SELECT 1 UNION ALL SELECT x + 1 FROM n WHERE x < 60000) "
+                                      "INSERT INTO " + table + " SELECT x FROM n;"));
+    const auto cutOff = [&] { return sim.Log().find("unread, disconnecting") != std::string::npos; };
+    EXPECT_TRUE(WaitUntil(cutOff, ScaledMs(10000)));
+    EXPECT_EQ(100000u + 1, SimRun(*steady, "SELECT EvntID FROM Events LIMIT 100000;").size());
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
 }
 

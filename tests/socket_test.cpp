@@ -16,22 +16,11 @@
 
 namespace {
 
-SockAddr Addr(sa_family_t family, const std::string& text)
-{
-    SockAddr a;
-    EXPECT_TRUE(a.Parse(family, text.c_str())) << text;
-    return a;
-}
+SockAddr Addr(sa_family_t af, const std::string& t) { SockAddr a; EXPECT_TRUE(a.Parse(af, t.c_str())) << t; return a; }
 
 // A Socket on each end of a Unix socket pair: `s` under test, `peer` written and read raw.
 struct Pair {
     void Send(const std::string& b) { EXPECT_EQ(write(peer.Fd(), b.data(), b.size()), ssize_t(b.size())) << b; }
-    std::string Take(size_t n)
-    {
-        std::string got;
-        while (got.size() < n && ReadWithin(peer.Fd(), got, ScaledMs(5000)) > 0) {}
-        return got;
-    }
     int fds[2] = {-1, -1}, made = socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds);
     Socket s{fds[0], Addr(AF_UNIX, "/s")}, peer{fds[1], Addr(AF_UNIX, "/peer")};
 };
@@ -53,35 +42,31 @@ TEST(Socket, AcceptsAndExchangesLinesInEveryFamily)
         SockAddr remote = at;
         EXPECT_TRUE(isUnix || remote.GetSockname(server.Fd()) == 0);
         Socket client(remote);
-        ASSERT_TRUE(client.Connect());
-        fd_set set;
+        fd_set set = {};
         int maxFd = -1;
-        FD_ZERO(&set);
-        // The connection is made, so the accept waits for nothing.
-        ASSERT_TRUE(server.AcceptListAdd(set, maxFd) && maxFd == server.Fd());
-        std::unique_ptr<Sock> accepted(server.AcceptListCheck(set));
+        ASSERT_TRUE(client.Connect() && server.AcceptListAdd(set, maxFd) && maxFd == server.Fd());
+        std::unique_ptr<Sock> accepted(server.AcceptListCheck(set));  // connected, so it waits for nothing
         ASSERT_TRUE(accepted);
         EXPECT_TRUE(accepted->Remote().GetAF() == at.GetAF() && accepted->Local().GetPort() == remote.GetPort());
         EXPECT_TRUE(client.printf("hello %d\r\n", 1) == 9 && accepted->printf("world\n") == 6 && client.TxBytes() == 9);
         EXPECT_EQ(Line(*accepted) + Line(client), "hello 1world");
         // Both ends: keep-alive, 5/5/5 on TCP; never don't-route, which would never reach a unit behind a router.
-        for (auto [level, name, value] : {std::tuple{SOL_SOCKET, SO_KEEPALIVE, 1}, {SOL_SOCKET, SO_DONTROUTE, 0},
-                                          {IPPROTO_TCP, TCP_KEEPIDLE, 5}, {IPPROTO_TCP, TCP_KEEPINTVL, 5},
-                                          {IPPROTO_TCP, TCP_KEEPCNT, 5}})
-            for (int fd : {client.Fd(), accepted->Fd()}) {
-                int got = -1;
-                socklen_t len = sizeof got;
-                if (isUnix && level == IPPROTO_TCP) continue;
-                EXPECT_TRUE(getsockopt(fd, level, name, &got, &len) == 0 && got == value) << name << " " << fd;
-            }
+        int got = -1;
+        socklen_t len = sizeof got;
+        for (auto [level, opt, want] : {std::tuple{SOL_SOCKET, SO_KEEPALIVE, 1}, {SOL_SOCKET, SO_DONTROUTE, 0},
+                                        {IPPROTO_TCP, TCP_KEEPIDLE, 5}, {IPPROTO_TCP, TCP_KEEPINTVL, 5},
+                                        {IPPROTO_TCP, TCP_KEEPCNT, 5}})
+            for (int fd : {client.Fd(), accepted->Fd()})
+                EXPECT_TRUE((isUnix && level != SOL_SOCKET) || (!getsockopt(fd, level, opt, &got, &len) && got == want))
+                    << opt << " " << fd;
         timeval tv = {};
         socklen_t tvLen = sizeof tv;
         // An accepted end's blocked read wakes every 5 s to check the link.
         EXPECT_TRUE(getsockopt(accepted->Fd(), SOL_SOCKET, SO_RCVTIMEO, &tv, &tvLen) == 0 && tv.tv_sec == 5);
         accepted->Disconnect();
         if (!isUnix) continue;
-        EXPECT_TRUE(std::filesystem::exists(path));
-        EXPECT_TRUE(client.printf("x\n") == -EPIPE && !client.IsConnected());  // a Unix peer's close shows at once
+        // A Unix peer's close shows at once.
+        EXPECT_TRUE(std::filesystem::exists(path) && client.printf("x\n") == -EPIPE && !client.IsConnected());
         server.Disconnect();
         EXPECT_FALSE(std::filesystem::exists(path));
     }
@@ -103,24 +88,24 @@ TEST(Socket, SendsWithinTheBufferAndChecksumsLines)
         StderrCapture log;
         EXPECT_EQ(p.s.printf("%s", c.text.c_str()), c.rv) << c.text.size();
         EXPECT_EQ(LogLines(log.Take()), c.rv < 0 ? "warn </s> Trying to send too much data.\n" : "") << c.text.size();
-        EXPECT_EQ(p.Take(c.wire.size()), c.wire) << c.text.size();  // bytes a refusal leaked show in the next row
+        std::string wire;  // bytes a refusal leaked show in the next row
+        while (wire.size() < c.wire.size() && ReadWithin(p.peer.Fd(), wire, ScaledMs(5000)) > 0) {}
+        EXPECT_EQ(wire, c.wire) << c.text.size();
     }
-    const struct { const char* wire; int rv; const char* text; } reads[] = {
-        {"+0214 hello\n", 5, "hello"}, {"+0215 hello\n", -EINVAL, nullptr}, {"+zz hello\n", -EINVAL, nullptr},
-        {"+0214\n", -EINVAL, nullptr}, {"+0000 \n", 0, ""},
-        {"plain +0214\n", 11, "plain +0214"}, {"+00000214 hello\n", 5, "hello"}, {wide.c_str(), 600, nullptr},
-    };
+    const struct { const char* wire; int rv; const char* text; } reads[] = {{"+0214 hello\n", 5, "hello"},
+        {"+0215 hello\n", -EINVAL, nullptr}, {"+zz hello\n", -EINVAL, nullptr}, {"+0214\n", -EINVAL, nullptr},
+        {"+0000 \n", 0, ""}, {"plain +0214\n", 11, "plain +0214"}, {"+00000214 hello\n", 5, "hello"},
+        {wide.c_str(), 600, nullptr}};
     for (const auto& c : reads) {
         p.Send(c.wire);
         bool complete = false;
         EXPECT_TRUE(p.s.ReadLine(complete) == c.rv && complete) << c.wire;
         if (c.text) { EXPECT_STREQ(p.s.RxBuffer(), c.text) << c.wire; }
     }
-    char line[] = "+0215 hello";
+    char line[] = "+0215 hello";  // refused, its length set to the result
     size_t len = sizeof line - 1;
     EXPECT_TRUE(Socket::CheckChecksum(line, len) == -EINVAL && len == size_t(-22));
-    p.s.Checksum(false);
-    p.s.SendFlags(1);  // wait for room first
+    p.s.Checksum(false), p.s.SendFlags(1);  // plain lines, each waiting for room first
     EXPECT_EQ(p.s.printf("ok\n"), 3);
     std::string block(65536, 'f');
     while (send(p.s.Fd(), block.data(), block.size(), MSG_DONTWAIT) > 0) {}
@@ -136,23 +121,21 @@ TEST(Socket, SendsWithinTheBufferAndChecksumsLines)
 TEST(Socket, ReadAheadIsInvisibleToCallers)
 {
     Pair p;
-    Socket& s = p.s;
     bool ready = false;
     p.Send("a\nbc\n");
-    EXPECT_TRUE(Line(s) == "a" && s.RxBytes() == 2u + 1u);
-    EXPECT_TRUE(s.RSelect(ready, 0, 0) && ready);
+    EXPECT_TRUE(Line(p.s) == "a" && p.s.RxBytes() == 2u + 1u);
+    EXPECT_TRUE(p.s.RSelect(ready, 0, 0) && ready);
     StderrCapture log;
-    EXPECT_EQ(s.File(), nullptr);  // would miss "bc\n"
+    EXPECT_EQ(p.s.File(), nullptr);  // would miss "bc\n"
     std::string lines = LogLines(log.Take());
     EXPECT_EQ(lines.find("warn Can't get FILE for /s, 3 bytes read ahead, socket 0x"), 0u) << lines;
     char buf[4] = {};
-    EXPECT_TRUE(s.read(buf, 2, MSG_PEEK) == 2 && s.read(buf, 3, MSG_DONTWAIT) == 3);
-    EXPECT_STREQ(buf, "bc\n");
-    EXPECT_TRUE(s.RSelect(ready, 0, 0) && !ready);
-    FILE* f = s.File();
-    ASSERT_TRUE(f && s.File() == f);
+    EXPECT_TRUE(p.s.read(buf, 2, MSG_PEEK) == 2 && p.s.read(buf, 3, MSG_DONTWAIT) == 3 && buf == std::string("bc\n"));
+    EXPECT_TRUE(p.s.RSelect(ready, 0, 0) && !ready);
+    FILE* f = p.s.File();
+    ASSERT_TRUE(f && p.s.File() == f);
     p.Send("d\n");
-    EXPECT_EQ(Line(s), "d");  // a byte per read now, so the FILE view misses nothing
+    EXPECT_EQ(Line(p.s), "d");  // a byte per read now, so the FILE view misses nothing
     p.Send("e\n");
     char line[8];
     EXPECT_STREQ(fgets(line, sizeof line, f), "e\n");
@@ -171,28 +154,23 @@ TEST(Socket, ReadAheadIsInvisibleToCallers)
 // Each wait of a read or write is bounded on its own and leaves the link up, unless it is dead; Pending() never waits.
 TEST(Socket, WaitsEndWithoutDroppingTheLinkUnlessItIsDead)
 {
-    Pair p, q;
+    Pair p, q;  // q's peer takes nothing (closing a peer with bytes unread would reset the link)
     char c[2];
-    p.s.WaitTimeout(150);
+    p.s.WaitTimeout(150), q.s.WaitTimeout(150);
     p.Send("ab");
-    EXPECT_EQ(p.s.Pending(), 2);
-    EXPECT_TRUE(p.s.read(c, 2, 0) == 2 && p.s.Pending() == 0);  // the bytes looked at are still read
+    EXPECT_TRUE(p.s.Pending() == 2 && p.s.read(c, 2, 0) == 2 && p.s.Pending() == 0);  // looked at, still read
     EXPECT_EQ(p.s.read(c, 1, 0), -ETIMEDOUT);
     p.Send("c");
     EXPECT_TRUE(p.s.read(c, 1, 0) == 1 && c[0] == 'c');  // the link stays usable
     p.peer.Disconnect();
     EXPECT_EQ(p.s.Pending(), -EPIPE);
-    q.s.WaitTimeout(150);
     std::string big(64 << 20, 'x');
-    EXPECT_EQ(q.s.write(big.data(), big.size()), -ETIMEDOUT);  // the peer takes nothing
-    Pair silent;  // the link-dead check runs when a read meets EAGAIN; its clock starts here
-    ASSERT_TRUE(silent.s.NonBlocking(true));
-    EXPECT_EQ(silent.s.read(c, 1, MSG_DONTWAIT), 0);
-    silent.s.LinkDeadTimeout(0);  // dead after more than 0 whole seconds
+    EXPECT_EQ(q.s.write(big.data(), big.size()), -ETIMEDOUT);
+    Pair quiet;  // a read that meets EAGAIN checks the link: dead after more than 0 whole seconds without a byte
+    quiet.s.LinkDeadTimeout(0);
     auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(silent.s.read(c, 1, 0), -EPIPE);
-    EXPECT_GE(MsSince(start), 1000);
-    EXPECT_EQ(silent.s.ReadLine(), -ESPIPE);
+    EXPECT_TRUE(quiet.s.NonBlocking(true) && quiet.s.read(c, 1, MSG_DONTWAIT) == 0 && quiet.s.read(c, 1, 0) == -EPIPE);
+    EXPECT_TRUE(MsSince(start) >= 1000 && quiet.s.ReadLine() == -ESPIPE);
 }
 
 TEST(Socket, FailuresAreRefusedAndLogged)
@@ -202,7 +180,7 @@ TEST(Socket, FailuresAreRefusedAndLogged)
     Socket slow(hole.Addr());
     slow.ConnectTimeout(ScaledMs(300));
     bool ready = true;
-    fd_set set;
+    fd_set set = {};
     int maxFd = -1;
     EXPECT_FALSE(closed.NonBlocking(true) || closed.RSelect(ready, 0, 0) || ready || closed.WSelect(ready, 0, 0) ||
                  closed.AcceptListAdd(set, maxFd));
@@ -212,11 +190,11 @@ TEST(Socket, FailuresAreRefusedAndLogged)
     EXPECT_FALSE(name.Create() || name.Connect() || refused.Connect() || refused.IsConnected());
     EXPECT_TRUE(!slow.Connect() && slow.ConnectErrno() == ETIMEDOUT && !slow.IsConnected());
     std::string lines = LogLines(log.Take());
-    EXPECT_EQ(lines.find("warn Can't get FILE for 127.0.0.1:1, no FD, socket 0x"), 0u) << lines;
-    EXPECT_NE(lines.find("Socket.cpp:"), std::string::npos) << lines;
-    EXPECT_NE(lines.find(" virtual bool Socket::Create() Address family 33 not supported.\nerr  <" +
-                         std::string(refused.Addr()) + "> Unable to connect (111).\nerr  <" + slow.Addr() +
-                         "> Unable to connect (110).\n"), std::string::npos) << lines;
+    EXPECT_TRUE(lines.find("warn Can't get FILE for 127.0.0.1:1, no FD, socket 0x") == 0 &&
+                lines.find("Socket.cpp:") != std::string::npos &&
+                lines.find(" virtual bool Socket::Create() Address family 33 not supported.\nerr  <" +
+                           std::string(refused.Addr()) + "> Unable to connect (111).\nerr  <" + slow.Addr() +
+                           "> Unable to connect (110).\n") != std::string::npos) << lines;
 }
 
 // A reader blocked in ReadLine on its own thread while others list the connections and connections

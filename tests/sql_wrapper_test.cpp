@@ -1,75 +1,57 @@
 #include <gtest/gtest.h>
 #include <sys/un.h>
 
-#include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <future>
-#include <map>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "fixed_paths.h"
 #include "process.h"
 #include "sim_runner.h"
-#include "sql_params.h"
 #include "sql_script.h"
 #include "sql_wrapper.h"
 #include "wait.h"
 
 namespace {
 
-using Map = std::map<std::string, std::string>;
-
-// The clients go before their scripted server, so the server sees their connections close.
-class ClientTest : public ::testing::Test {
-protected:
-    void Serve(std::vector<Script> scripts)
-    {
-        Finish();
-        m_server = std::make_unique<ScriptedServer>(std::move(scripts));
-        m_addr = m_server->Addr();
-    }
-    void Finish()
-    {
-        m_sql.reset();
-        if (m_server)
-            for (const std::string& failure : m_server->Failures()) ADD_FAILURE() << failure;
-    }
-    void TearDown() override { Finish(); }
-    // A client of one prepared connection answering each statement in turn.
-    SqlWrapper& Answering(const std::vector<std::pair<std::string, std::string>>& answers)
-    {
-        Script script = Prepared();
-        for (const auto& [statement, answer] : answers) script = Then(script, Answer(statement, answer));
-        Serve({script});
-        return Sql();
-    }
-    SqlWrapper& Sql(int retries = 0, int maxLineLen = 2048)
-    {
-        m_sql = std::make_unique<SqlWrapper>(&m_addr, nullptr, maxLineLen, retries);
-        return *m_sql;
-    }
-
-    std::unique_ptr<ScriptedServer> m_server;
-    SockAddr m_addr;
-    std::unique_ptr<SqlWrapper> m_sql;
+// A scripted server and its client; the client closes first, so the server sees its connection end.
+struct Client {
+    explicit Client(std::vector<Script> scripts, int retries = 0, int maxLineLen = 2048)
+        : server(std::move(scripts)), addr(server.Addr()), sql(&addr, nullptr, maxLineLen, retries) {}
+    ~Client() { sql.Close(); for (const std::string& failure : server.Failures()) ADD_FAILURE() << failure; }
+    ScriptedServer server;
+    SockAddr addr;
+    SqlWrapper sql;
 };
 
-// Banner lines (short, empty, CR-ended, a partial prompt) are skipped; a missing comment is "Unknown connection".
-TEST_F(ClientTest, ConnectSkipsTheBannerAndAnnouncesItselfOnce)
+// Banner lines are skipped up to the prompt; a long read comes in pieces; only the bare marker ends a result.
+TEST(SqlClient, ConnectAndLinesAgainstTheLineLimitAndTheMarker)
 {
     const std::vector<std::pair<const char*, std::string>> cases = {
         {"tester", ""}, {"tester", "a\n\nbc\r\n"}, {"tester", "#>x\n"}, {"", ""}, {nullptr, ""}};
+    const std::string shorter(39, 'y'), sent = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVW\n12345678\n"
+        "123456789\n1234567890\n\v\n\vError: no such table: T\nconsumed\nafter\r";
     std::vector<Script> scripts;
     for (auto& [comment, banner] : cases) scripts.push_back(Greeting(comment ? comment : "Unknown connection", banner));
-    Serve(scripts);
+    scripts.push_back(Then(Greeting("t"), {Expect(shorter), Send(sent)}));
+    Client c(scripts);
     for (const auto& [comment, banner] : cases) {
-        PrivateConnection connection(&m_addr, 2048, comment);
+        PrivateConnection connection(&c.addr, 2048, comment);
         EXPECT_TRUE(connection.Connect() && connection.Eof() && !connection.Connect()) << banner << ": twice, once";
     }
-    EXPECT_TRUE(m_server->WaitScriptsDone(ScaledMs(5000)));
+    PrivateConnection connection(&c.addr, 40, "t");
+    ASSERT_TRUE(connection.Connect());
+    EXPECT_EQ(connection.Print("%s", std::string(40, 'x').c_str()), -ENOSPC);
+    EXPECT_EQ(connection.Print("%s", shorter.c_str()), 39);
+    const std::vector<std::pair<int, const char*>> lines = {
+        {39, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLM"}, {10, "NOPQRSTUVW"}, {8, "12345678"}, {9, "123456789"},
+        {10, "1234567890"}, {0, ""}, {-EIO, ""}, {5, "after"}};
+    for (auto [result, text] : lines) {
+        int n = connection.ReadLine();
+        EXPECT_TRUE(n == result && connection.Eof() == !n && std::string(connection.Line(), std::max(n, 0)) == text)
+            << text << ": " << n;
+    }
+    EXPECT_EQ(connection.LastError(), "Error: no such table: T");
+    EXPECT_EQ(c.server.Received(cases.size()), CommentLine("t") + shorter);
     SimRunner sim({true, 0, 0, {}});  // on a Unix socket, with its real banner
     sockaddr_un un = {AF_UNIX, {}};
     strncpy(un.sun_path, sim.Address().c_str(), sizeof un.sun_path - 1);
@@ -79,61 +61,35 @@ TEST_F(ClientTest, ConnectSkipsTheBannerAndAnnouncesItselfOnce)
     EXPECT_TRUE(foreign.ReadLine() == -EINVAL && foreign.Print("x") == -EINVAL) << "no link";
 }
 
-// A full print is refused; a long read comes in pieces; only the bare marker ends a result; an error line is consumed.
-TEST_F(ClientTest, LinesAgainstTheLineLimitAndTheMarker)
-{
-    const std::string shorter(39, 'y');
-    const std::string sent = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVW\n12345678\n123456789\n1234567890\n"
-                             "\v\n\vError: no such table: T\nconsumed\nafter\r";
-    Serve({Then(Greeting("t"), {Expect(shorter), Send(sent)})});
-    PrivateConnection connection(&m_addr, 40, "t");
-    ASSERT_TRUE(connection.Connect());
-    EXPECT_EQ(connection.Print("%s", std::string(40, 'x').c_str()), -ENOSPC);
-    EXPECT_EQ(connection.Print("%s", shorter.c_str()), 39);
-    const std::vector<std::pair<int, const char*>> lines = {
-        {39, "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLM"}, {10, "NOPQRSTUVW"}, {8, "12345678"}, {9, "123456789"},
-        {10, "1234567890"}, {0, ""}, {-EIO, ""}, {5, "after"}};
-    for (auto [result, text] : lines) {
-        int n = connection.ReadLine();
-        ASSERT_EQ(n, result) << text;
-        EXPECT_EQ(connection.Eof(), n == 0) << n;
-        EXPECT_EQ(std::string(connection.Line(), n > 0 ? static_cast<size_t>(n) : 0), text);
-    }
-    EXPECT_EQ(connection.LastError(), "Error: no such table: T");
-    EXPECT_EQ(m_server->Received(0), CommentLine("t") + shorter);
-}
-
-// Connect failures and "not ready" answers share the retry count: 0 and 1 make one attempt, 2 make two, a
-// second apart, with the retry message before each further one and the final one once.
-TEST_F(ClientTest, RetriesCountConnectFailuresAndNotReadyAnswers)
+// Failed connects and "not ready" answers share one retry count (the second between attempts is the monitor's test).
+TEST(SqlClient, RetriesCountConnectFailuresAndNotReadyAnswers)
 {
     const Script notReady = Then(Greeting("SQL Wrapper"), {Expect("shell \\ |\r\n"), Send("DB not ready\n")});
+    const std::string why[] = {"connect failed", "DB not yet ready"}, last[] = {"Connect failed.", "DB not ready."};
     for (bool ready : {false, true})
-        for (auto [count, attempts] : std::vector<std::pair<int, size_t>>{{0, 1}, {1, 1}, {2, 2}}) {
+        for (int count : {0, 1, 2}) {
+            const int attempts = count == 2 ? 2 : 1;
             StderrCapture err;
-            Serve(std::vector<Script>(ready ? attempts : 0, notReady));
+            Client c(std::vector<Script>(ready ? attempts : 0, notReady), count);
             auto start = std::chrono::steady_clock::now();
-            EXPECT_FALSE(Sql(count).Reconnect());
-            EXPECT_TRUE(count || MsSince(start) < 1000) << "no sleep at count 0";
-            auto times = m_server->AcceptTimes();
-            EXPECT_EQ(times.size(), attempts) << count;
-            for (size_t i = 1; i < times.size(); i++)
-                EXPECT_GE(std::chrono::duration_cast<std::chrono::milliseconds>(times[i] - times[i - 1]).count(), 900);
-            std::string expected, why = ready ? "DB not yet ready" : "connect failed";
-            for (size_t i = 1; i < attempts; i++) expected += "warn <SqlWrapper> Retrying (" + why + ")...\n";
-            expected += ready ? "err  <SqlWrapper> DB not ready.\n" : "err  <SqlWrapper> Connect failed.\n";
-            EXPECT_EQ(LogLines(err.Take()), expected) << count << ready;
+            EXPECT_TRUE(!c.sql.Reconnect() && (count || MsSince(start) < 1000)) << "no sleep at count 0";
+            EXPECT_EQ(c.server.Accepted(), attempts) << count;
+            EXPECT_EQ(LogLines(err.Take()), (count == 2 ? "warn <SqlWrapper> Retrying (" + why[ready] + ")...\n" : "") +
+                                                "err  <SqlWrapper> " + last[ready] + "\n") << count << ready;
         }
-    Serve({});
-    PrivateConnection connection(&m_addr, 2048, "x");
-    connection.Retries(2);
-    EXPECT_FALSE(connection.Reconnect());
-    EXPECT_EQ(m_server->Accepted(), 2) << "the base class keeps its own loop";
+    Client c({});
+    PrivateConnection base(&c.addr, 2048, "x");
+    base.Retries(2);
+    EXPECT_TRUE(!base.Reconnect() && c.server.Accepted() == 2) << "the base class keeps its own loop";
+    Client longer({Prepared(), Prepared()}, 1, 40);
+    EXPECT_TRUE(!longer.sql.Exec("SELECT 'a statement longer than the line';") &&
+                longer.sql.FailureReason() == "statement longer than 37 bytes");
+    EXPECT_EQ(longer.server.Received(1), CommentLine("SQL Wrapper") + "shell \\ |\r\n.header on\r\n");
 }
 
-// Vector rows stop at 30 columns unless asked for more; map rows drop values without a name; the end leaves either
-// untouched. In place, escapes are removed and columns split also past the caller's capacity.
-TEST_F(ClientTest, RowsAsVectorsMapsAndInPlace)
+// A statement without its ";" never reaches the server (the script would see it in place of the next). The first
+// statement has no rows: a later one would still show the headers of the result before.
+TEST(SqlClient, RowsAndStatements)
 {
     std::string header = "c1", row = "1";
     for (int i = 2; i <= 35; i++) header += "|c" + std::to_string(i), row += "|" + std::to_string(i);
@@ -142,104 +98,67 @@ TEST_F(ClientTest, RowsAsVectorsMapsAndInPlace)
         {"a\\\\b|c", {"a\\b", "c"}}, {"ab\\", {"ab"}},        {"", {}}};
     std::string parsed = "h\n";
     for (const auto& row : rows) parsed += row.first + "\n";
-    SqlWrapper& sql = Answering({{"SELECT *;", header + "\n" + row + "\n" + row + "\n"},
-                                 {"SELECT m;", "id|name\n1|x|2\n"}, {"SELECT h;", parsed + "a|b\\|c|d\\|e\n"}});
-    ASSERT_TRUE(sql.Exec("SELECT *;"));
+    StderrCapture err;
+    Script script = Prepared();
+    for (const auto& [statement, answer] : std::vector<std::pair<std::string, std::string>>{
+             {"INSERT 1;", ""}, {"SELECT bad;", "Error: near \"bad\": syntax error\n"},
+             {"SELECT T;", "\vError: no such table: T\n"}, {"SELECT a;", "a\n1\n2\n3\n"}, {"SELECT 2;", "v\n2\n"},
+             {"SELECT *;", header + "\n" + row + "\n" + row + "\n"}, {"SELECT m;", "id|name\n1|x|2\n"},
+             {"SELECT h;", parsed + "a|b\\|c|d\\|e\n"}})
+        script = Then(script, Answer(statement, answer));
+    Client c({script});
+    SqlWrapper& sql = c.sql;
+    EXPECT_FALSE(sql.Exec("SELECT 1") || sql.Exec(""));
+    EXPECT_TRUE(sql.Exec("INSERT 1;") && sql.Eof() && sql.GetHeaders().empty());
+    EXPECT_TRUE(!sql.Exec("SELECT bad;") && sql.LastError() == "Error: near \"bad\": syntax error");
+    EXPECT_TRUE(!sql.Exec("SELECT T;") && sql.FailureReason() == "Error: no such table: T");
+    EXPECT_EQ(LogLines(err.Take()), "warn <SqlWrapper> \"SELECT 1\" missing semicolon.\n"
+                                    "warn <SqlWrapper> \"\" missing semicolon.\nerr  <SqlWrapper> Got prompt.\n");
+    ASSERT_TRUE(sql.Exec("SELECT a;") && sql.Next() && sql.Exec("SELECT 2;") && sql.Next());
+    EXPECT_STREQ(sql.Line(), "2") << "the rest of the last result flushed";
     std::vector<std::string> columns;
-    ASSERT_TRUE(sql.Next(columns));
-    EXPECT_EQ(columns.size(), 30u);
-    ASSERT_TRUE(sql.Next(columns, 35));
-    EXPECT_EQ(columns.size(), 35u);
-    EXPECT_FALSE(sql.Next(columns));
-    EXPECT_EQ(columns.size(), 35u);
-    Map map;
-    ASSERT_TRUE(sql.Exec("SELECT m;") && sql.Next(map));
-    EXPECT_EQ(map, (Map{{"id", "1"}, {"name", "x"}}));
-    EXPECT_FALSE(sql.Next(map));
-    EXPECT_EQ(map.size(), 2u);
+    EXPECT_TRUE(sql.Exec("SELECT *;") && sql.Next(columns) && columns.size() == 30u) << "30 unless asked for more";
+    EXPECT_TRUE(sql.Next(columns, 35) && !sql.Next(columns) && columns.size() == 35u) << "35 asked for, kept";
+    std::map<std::string, std::string> map;
+    ASSERT_TRUE(sql.Exec("SELECT m;") && sql.Next(map) && !sql.Next(map));
+    EXPECT_EQ(map, (std::map<std::string, std::string>{{"id", "1"}, {"name", "x"}}));
     ASSERT_TRUE(sql.Exec("SELECT h;"));
     for (const auto& [line, want] : rows) {
-        char* columns[8];
+        char* at[8];
         int count = 8;
-        ASSERT_TRUE(sql.NextParsed(columns, count)) << line;
-        EXPECT_EQ(std::vector<std::string>(columns, columns + count), want) << line;
+        EXPECT_TRUE(sql.NextParsed(at, count) && std::vector<std::string>(at, at + count) == want) << line;
     }
     char* first[1];
     int count = 1;
-    ASSERT_TRUE(sql.NextParsed(first, count));
-    EXPECT_EQ(count, 3);
-    EXPECT_EQ(std::string(first[0] + 3), "b|c") << "the second column, moved over its escape";
+    EXPECT_TRUE(sql.NextParsed(first, count) && count == 3 && std::string(first[0] + 3) == "b|c")
+        << "the second column, moved over its escape";
+    EXPECT_EQ(c.server.Accepted(), 1);
 }
 
-// A statement without its final ";" never reaches the server (the script would see it in place of the next).
-TEST_F(ClientTest, StatementsWithoutSemicolonsRowsOrSuccessAndUndrainedResults)
+// Each interrupt runs `work` on another thread and stops it once `ready` holds; the stop must end it.
+TEST(SqlClient, StopEndsThePromptWaitTheRetrySleepAndAReadAsCloseDoes)
 {
-    StderrCapture err;
-    SqlWrapper& sql = Answering({{"INSERT 1;", ""}, {"SELECT bad;", "Error: near \"bad\": syntax error\n"},
-                                 {"SELECT T;", "\vError: no such table: T\n"}, {"SELECT a;", "a\n1\n2\n3\n"},
-                                 {"SELECT 2;", "v\n2\n"}});
-    EXPECT_FALSE(sql.Exec("SELECT 1") || sql.Exec(""));
-    ASSERT_TRUE(sql.Exec("INSERT 1;"));
-    EXPECT_TRUE(sql.Eof() && sql.GetHeaders().empty());
-    EXPECT_FALSE(sql.Exec("SELECT bad;"));
-    EXPECT_EQ(sql.LastError(), "Error: near \"bad\": syntax error");
-    EXPECT_FALSE(sql.Exec("SELECT T;"));
-    EXPECT_EQ(sql.FailureReason(), "Error: no such table: T");
-    EXPECT_EQ(LogLines(err.Take()), "warn <SqlWrapper> \"SELECT 1\" missing semicolon.\n"
-                                    "warn <SqlWrapper> \"\" missing semicolon.\nerr  <SqlWrapper> Got prompt.\n");
-    ASSERT_TRUE(sql.Exec("SELECT a;") && sql.Next());
-    EXPECT_STREQ(sql.Line(), "1");
-    ASSERT_TRUE(sql.Exec("SELECT 2;") && sql.Next());
-    EXPECT_STREQ(sql.Line(), "2") << "the rest of the last result flushed";
-    EXPECT_EQ(m_server->Accepted(), 1);
-}
-
-// A lost result reconnects once and ends; an over-long statement is retried with reconnects until the count ends.
-TEST_F(ClientTest, LostResultsAndOverlongStatements)
-{
-    Serve({Prepared({Expect("SELECT a;\r\n"), Send("a\n1\n"), Close()}), Prepared()});
-    ASSERT_TRUE(Sql().Exec("SELECT a;") && m_sql->Next());
-    EXPECT_STREQ(m_sql->Line(), "1");
-    EXPECT_FALSE(m_sql->Next() || m_sql->Next()) << "the loss ends the result";
-    EXPECT_EQ(m_server->Accepted(), 2) << "with one reconnect";
-    Serve({Prepared(), Prepared()});
-    EXPECT_FALSE(Sql(1, 40).Exec("SELECT 'a statement longer than the line';"));
-    EXPECT_EQ(m_sql->FailureReason(), "statement longer than 37 bytes");
-    EXPECT_TRUE(m_server->WaitScriptsDone(ScaledMs(5000)));
-    EXPECT_EQ(m_server->Received(1), CommentLine("SQL Wrapper") + "shell \\ |\r\n.header on\r\n");
-}
-
-// Runs `work` on another thread and stops it once `ready` holds; the stop must end it.
-template <class Stopper, class Work, class Ready>
-bool InterruptDuring(Stopper stop, Work work, Ready ready)
-{
-    auto result = std::async(std::launch::async, work);
-    EXPECT_TRUE(WaitUntil(ready, ScaledMs(5000)));
-    stop();
-    EXPECT_EQ(result.wait_for(std::chrono::milliseconds(ScaledMs(5000))), std::future_status::ready);
-    return result.get();
-}
-
-TEST_F(ClientTest, StopEndsThePromptWaitTheRetrySleepAndAReadAsCloseDoes)
-{
-    auto accepted = [&] { return m_server->Accepted() == 1; };
-    Serve({{Send("banner without prompt\n")}});
-    PrivateConnection connection(&m_addr, 2048, "x");
-    EXPECT_TRUE(InterruptDuring([&] { connection.Stop(); }, [&] { return connection.Connect(); }, accepted));
-    Serve({});
-    SqlWrapper& retrying = Sql(PrivateConnection::INFINITE_RETRY);
-    EXPECT_FALSE(InterruptDuring([&] { retrying.Stop(); }, [&] { return retrying.Exec("SELECT 1;"); }, accepted));
-    EXPECT_EQ(m_server->Accepted(), 1);
+    auto InterruptDuring = [](auto stop, auto work, auto ready) {
+        auto result = std::async(std::launch::async, work);
+        EXPECT_TRUE(WaitUntil(ready, ScaledMs(5000)));
+        stop();
+        EXPECT_EQ(result.wait_for(std::chrono::milliseconds(ScaledMs(5000))), std::future_status::ready);
+        return result.get();
+    };
+    Client silent({{Send("banner without prompt\n")}}), none({}, PrivateConnection::INFINITE_RETRY);
+    auto accepted = [](const Client& c) { return [&c] { return c.server.Accepted() == 1; }; };
+    PrivateConnection connection(&silent.addr, 2048, "x");
+    EXPECT_TRUE(InterruptDuring([&] { connection.Stop(); }, [&] { return connection.Connect(); }, accepted(silent)));
+    EXPECT_FALSE(InterruptDuring([&] { none.sql.Stop(); }, [&] { return none.sql.Exec("SELECT 1;"); }, accepted(none)));
+    EXPECT_EQ(none.server.Accepted(), 1) << "the retry sleep ended";
     for (bool close : {false, true}) {
-        Serve({Prepared({Expect("SELECT a;\r\n"), Send("a\n")})});
-        SqlWrapper& sql = Sql(PrivateConnection::INFINITE_RETRY);
-        ASSERT_TRUE(sql.Exec("SELECT a;"));
-        auto start = std::chrono::steady_clock::now();
-        // Nothing to poll for a blocked read: give it a moment to block.
-        EXPECT_FALSE(InterruptDuring([&] { close ? sql.Close() : sql.Stop(); }, [&] { return sql.Next(); },
+        Client c({Prepared({Expect("SELECT a;\r\n"), Send("a\n")})}, PrivateConnection::INFINITE_RETRY);
+        ASSERT_TRUE(c.sql.Exec("SELECT a;"));
+        auto start = std::chrono::steady_clock::now();  // nothing to poll for a blocked read: it gets a moment
+        EXPECT_FALSE(InterruptDuring([&] { close ? c.sql.Close() : c.sql.Stop(); }, [&] { return c.sql.Next(); },
                                      [&] { return MsSince(start) > 100; }));
-        EXPECT_TRUE(close ? !sql.Connected() : sql.GetRV()) << close;
-        EXPECT_EQ(m_server->Accepted(), 1) << "a stopped read reconnects not";
+        EXPECT_TRUE((close ? !c.sql.Connected() : c.sql.GetRV()) && c.server.Accepted() == 1)
+            << close << ": a stopped read makes no new connection";
     }
 }
 
@@ -247,12 +166,7 @@ TEST_F(ClientTest, StopEndsThePromptWaitTheRetrySleepAndAReadAsCloseDoes)
 TEST(SqlParams, ReplacesReferencesInEachForm)
 {
     enum Form { FIRST, STRING, ALL_BARE, ALL_QUOTED };
-    const struct {
-        Form form;
-        const char *query, *name, *value;
-        bool replaced;
-        const char* result;
-    } cases[] = {
+    const struct { Form form; const char *query, *name, *value; bool replaced; const char* result; } cases[] = {
         {FIRST, "a=:Hw OR b=:Hw;", "Hw", "7", true, "a=7 OR b=:Hw;"}, {FIRST, "a=:Hw;", "Usr", "7", false, "a=:Hw;"},
         {FIRST, "y=:EvntData;", "Evnt", "1", true, "y=1Data;"}, {FIRST, "'a:b';", "b", "2", true, "'a2';"},
         {STRING, "v=:S;", "S", "12\"x'\\\t", true, "v=\"12\"\"x'\\\t\";"},
@@ -266,8 +180,7 @@ TEST(SqlParams, ReplacesReferencesInEachForm)
         bool replaced = c.form == FIRST    ? sql_param_replace(query, c.name, c.value)
                         : c.form == STRING ? sql_param_replace_str(query, c.name, c.value)
                                            : sql_param_replace_all(query, c.name, c.value, c.form == ALL_QUOTED);
-        EXPECT_EQ(replaced, c.replaced) << c.query << " " << c.name;
-        EXPECT_EQ(query, c.result) << c.query << " " << c.name;
+        EXPECT_EQ(query + (replaced ? "" : " (kept)"), c.result + std::string(c.replaced ? "" : " (kept)")) << c.query;
     }
     EXPECT_EQ(LogLines(err.Take()), "warn <SqlWrapper> Value of \":v\" holds its own reference.\n");
 }

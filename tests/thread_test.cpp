@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 #include <sys/times.h>
-#include <unistd.h>
 
 #include <climits>
 
 #include "Thread.h"
 #include "fixed_paths.h"
 #include "process.h"
-#include "utils.h"
 #include "wait.h"
 
 namespace {
@@ -31,27 +29,20 @@ TEST(Thread, StartsOnceAndStopsSilentlyUntilAThreadOutstaysTheWait)
 {
     LoopThread thread("worker"), stubborn("stubborn", false), detached("detached");
     ASSERT_TRUE(thread.Start());
-    EXPECT_TRUE(thread.IsRunning()) << "running when Start returns";
-    EXPECT_FALSE(thread.Start(true)) << "a running thread";
-    EXPECT_TRUE(thread.Stop() && !thread.IsRunning());
-    EXPECT_FALSE(thread.Start()) << "an ended thread";
+    EXPECT_TRUE(thread.IsRunning() && !thread.Start(true)) << "running when Start returns, and started once";
+    EXPECT_TRUE(thread.Stop() && !thread.IsRunning() && !thread.Start()) << "joined, and never started again";
     StderrCapture err;
-    EXPECT_TRUE(thread.Stop()) << "a second stop after the join";
-    EXPECT_TRUE(LoopThread("idle").Stop()) << "an unstarted thread";
+    EXPECT_TRUE(thread.Stop() && LoopThread("idle").Stop()) << "a second stop after the join, an unstarted thread";
     ASSERT_TRUE(detached.Start());
     detached.Detach();
     detached.Detach();
     EXPECT_TRUE(detached.Stop() && WaitUntil([&] { return !detached.IsRunning(); }, ScaledMs(5000)));
-    ASSERT_TRUE(stubborn.Start(true));
-    EXPECT_FALSE(stubborn.Start()) << "a no-wait start counts as started";
+    ASSERT_TRUE(stubborn.Start(true) && !stubborn.Start()) << "a no-wait start counts as started";
     EXPECT_TRUE(stubborn.Stop(true) && stubborn.ShouldStop()) << "a no-wait stop returns at once";
     EXPECT_TRUE(WaitUntil([&] { return stubborn.IsRunning(); }, ScaledMs(5000)));
-    for (int seconds : {0, 2}) {
-        stubborn.MaxWaitTime(seconds);
-        EXPECT_FALSE(stubborn.Stop()) << seconds;
-    }
-    EXPECT_EQ(LogLines(err.Take()), "err  Unable to stop thread within 0 seconds.\n"
-                                    "warn Still waiting for thread 'stubborn' (1/2).\n"
+    stubborn.MaxWaitTime(2);
+    EXPECT_FALSE(stubborn.Stop());
+    EXPECT_EQ(LogLines(err.Take()), "warn Still waiting for thread 'stubborn' (1/2).\n"
                                     "warn Still waiting for thread 'stubborn' (2/2).\n"
                                     "err  Unable to stop thread within 2 seconds.\n");
     stubborn.release = true;
@@ -62,17 +53,15 @@ TEST(Thread, StartsOnceAndStopsSilentlyUntilAThreadOutstaysTheWait)
 // A self-deleting thread is not joined; Fini stops every thread, then names those whose objects are still alive.
 TEST(Thread, SelfDeletingThreadsLeaveAndFiniReportsThoseStillListed)
 {
-    const long objects = safe_mem_object_count("Thread");
+    const long left = safe_mem_object_count("Thread");
     for (bool byFini : {false, true}) {
         auto* thread = new LoopThread("self");
         thread->Delete();
         ASSERT_TRUE(thread->Start());
         EXPECT_TRUE(byFini ? Thread::Fini() : thread->Stop(true));
         // The thread deletes itself under the list lock: once the count is back under it too, it is done.
-        EXPECT_TRUE(WaitUntil([&] {
-            MUTEX_GUARD(Thread::m_objListLock);
-            return safe_mem_object_count("Thread") == objects;
-        }, ScaledMs(5000))) << byFini;
+        const auto gone = [&] { MUTEX_GUARD(Thread::m_objListLock); return safe_mem_object_count("Thread") == left; };
+        EXPECT_TRUE(WaitUntil(gone, ScaledMs(5000))) << byFini;
     }
     StderrCapture err;
     LoopThread a("lingering"), b("other");
@@ -88,8 +77,7 @@ TEST(Thread, KernelNameRunningTimeAndPriority)
 {
     LoopThread thread("a) 1 2 3 456789XYZ");
     long kernel = 9, user = 9;
-    thread.RunningTime(kernel, user);
-    EXPECT_TRUE(kernel == 0 && user == 0) << "zero before the start";
+    EXPECT_TRUE((thread.RunningTime(kernel, user), kernel == 0 && user == 0)) << "zero before the start";
     thread.spin = true;
     ASSERT_TRUE(thread.Start());
     const std::string comm = "/proc/self/task/" + std::to_string(thread.Tid()) + "/comm";
@@ -103,9 +91,7 @@ TEST(Thread, KernelNameRunningTimeAndPriority)
     if (pthread_setschedparam(thread.ThreadId(), SCHED_RR, &param) != 0) GTEST_SKIP() << "no real-time rights";
     for (auto [level, priority] : {std::pair<int, int>{5, 50}, {INT_MAX, 99}, {INT_MIN, 1}}) {
         thread.SetPriority(level);
-        int policy;
-        pthread_getschedparam(thread.ThreadId(), &policy, &param);
-        EXPECT_EQ(std::make_pair(policy, param.sched_priority), std::make_pair(SCHED_RR, priority)) << level;
+        EXPECT_TRUE(sched_getparam(thread.Tid(), &param) == 0 && param.sched_priority == priority) << level;
     }
 }
 
