@@ -190,7 +190,7 @@ inline std::string NamespacesUnavailableReason(int flags)
     } while (0)
 
 // What user-mode emulation (qemu-user runs the armhf build's tests; see docs/arm.md) may not give a test.
-enum class EmulationGap { Namespaces, PacketSockets, Ptrace, SetIdPrograms, ProcSelfExe, Transparent };
+enum class EmulationGap { Namespaces, PacketSockets, SetIdPrograms, ProcSelfExe, Transparent };
 
 // Why a test needing `gap` cannot run emulated, empty natively. Sockets are probed (qemu passes them through).
 inline std::string EmulationSkipReason([[maybe_unused]] EmulationGap gap)
@@ -206,7 +206,6 @@ inline std::string EmulationSkipReason([[maybe_unused]] EmulationGap gap)
     switch (gap) {
     case EmulationGap::Namespaces: why = NamespacesUnavailableReason(CLONE_NEWNS | CLONE_NEWNET); break;
     case EmulationGap::PacketSockets: probe(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL), 0); break;
-    case EmulationGap::Ptrace: why = "qemu-user does not implement ptrace(2) (ENOSYS)"; break;
     case EmulationGap::SetIdPrograms: why = "qemu-user loads an ARM program as data: no set-id"; break;
     case EmulationGap::ProcSelfExe: why = "qemu-user fakes open(2) of /proc/self/exe, not stat(2)"; break;
     case EmulationGap::Transparent: probe(AF_INET, SOCK_DGRAM, 0, IP_TRANSPARENT); break;  // units' own addresses
