@@ -53,15 +53,13 @@ TEST(GuardedAllocator, CountsBlocksAndObjectsAndLeaksAnOverrunBlock)
     ASSERT_TRUE(p && p[15] == 0);
     char* q = safe_mem_strndup("abcdef", 3, "alloc.cpp", 5);
     EXPECT_STREQ(q, "abc");
-    p = static_cast<char*>(safe_mem_realloc(p, 4000, __FILE__, __LINE__));
-    safe_mem_free(p, __FILE__, __LINE__);
+    safe_mem_free(safe_mem_realloc(p, 4000, __FILE__, __LINE__), __FILE__, __LINE__);
     safe_mem_free(nullptr, __FILE__, __LINE__);
     q[4] = 'X';
     StderrCapture capture;
     safe_mem_free(q, "caller.cpp", 77);
-    EXPECT_EQ(LogLines(capture.Take()),
-              "err  <safe_mem> caller.cpp:77: overrun past 4 bytes of block from alloc.cpp:5.\n");
-    EXPECT_EQ(safe_mem_live_blocks(), live + 1);
+    EXPECT_EQ(LogLines(capture.Take()) + std::to_string(safe_mem_live_blocks() - live),
+              "err  <safe_mem> caller.cpp:77: overrun past 4 bytes of block from alloc.cpp:5.\n1");
     q[4] = '\xFD';
     safe_mem_free(q, __FILE__, __LINE__);
     EXPECT_EQ(safe_mem_live_blocks(), live);
