@@ -70,13 +70,9 @@ TEST(GuardedAllocator, CountsBlocksAndObjectsAndLeaksAnOverrunBlock)
 }
 
 // The words, checking the terminator execv needs after the last one.
-Words WordsOf(const ArgArray& a)
-{
-    EXPECT_EQ(a.Argv()[a.Argc()], nullptr);
-    return Words(a.Argv(), a.Argv() + a.Argc());
-}
+Words WordsOf(const ArgArray& a) { EXPECT_FALSE(a.Argv()[a.Argc()]); return Words(a.Argv(), a.Argv() + a.Argc()); }
 
-TEST(ArgArray, ParsesLinesIntoWordsUpToTheCapacity)
+TEST(ArgArray, ParsesUpToTheCapacityAndCopiesDeeply)
 {
     struct Case { const char* line; int capacity; Words words; const char* log = ""; } cases[] = {
         {nullptr, 3, {}}, {"/bin/ls -l \"my dir\"", 10, {"/bin/ls", "-l", "my dir"}}, {"  a \t b  ", 10, {"a", "b"}},
@@ -97,10 +93,7 @@ TEST(ArgArray, ParsesLinesIntoWordsUpToTheCapacity)
     EXPECT_EQ(WordsOf(ArgArray(argv, 10)), (Words{"a", "b c", ""}));
     EXPECT_EQ(WordsOf(ArgArray(argv, 2)), (Words{"a", "b c"}));
     EXPECT_EQ(WordsOf(ArgArray(static_cast<const char**>(nullptr), 2)), Words{});
-}
-
-TEST(ArgArray, CopiesAreDeepIndependentAndLeakFree)
-{
+    // Copies are deep, independent and leak-free.
     size_t before = safe_mem_live_blocks();
     {
         ArgArray original(std::string("a 'b c' d"), 3);

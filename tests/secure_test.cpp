@@ -72,8 +72,8 @@ std::string EnvSeen(const std::vector<std::pair<const char*, const char*>>& vars
     });
 }
 
-// Each command through system (output discarded) and through the stream form.
-TEST(Secure, StatusesAndWhatTheChildSees)
+// Each command through system (output discarded) and through the stream form; then a child's environment and files.
+TEST(Secure, StatusesWhatTheChildSeesAndForksUnderHeldLocks)
 {
     int inherited = open("/dev/null", O_RDONLY);  // deliberately without close-on-exec; 3 is ls's own
     ASSERT_GE(inherited, 3);
@@ -90,17 +90,12 @@ TEST(Secure, StatusesAndWhatTheChildSees)
     }
     close(inherited);
     FILE* w = Secure::popen("/bin/sh -c 'read line; test \"$line\" = ping'", "w");
-    ASSERT_TRUE(w && fputs("ping\n", w) >= 0);
-    EXPECT_EQ(Secure::pclose(w), 0);
+    EXPECT_TRUE(w && fputs("ping\n", w) >= 0 && Secure::pclose(w) == 0);
     for (const char* mode : {"rw", "", "R", "r+", static_cast<const char*>(nullptr)})
         EXPECT_EQ(Secure::popen("/bin/cat", mode), nullptr) << (mode ? mode : "null");
     Secure::POPEN none = {nullptr, nullptr, nullptr, -1};
     EXPECT_TRUE(Secure::pclose(none) == -1 && Secure::pclose(stdin) == -1);
-}
-
-// SanitizeEnvironment keeps named variables in the order named (sec-exec's rows cover SafeEnvironment).
-TEST(Secure, ChildEnvironmentAndDescriptors)
-{
+    // SanitizeEnvironment keeps named variables in the order named (sec-exec's rows cover SafeEnvironment).
     EXPECT_EQ(EnvSeen({{"TZ", "UTC"}, {"VTEST_SECRET", "x"}}, Secure::fork), "0 " + kSafeEnv + "TZ=UTC\n");
     EXPECT_EQ(EnvSeen({{"VTEST_B", "b=2"}, {"VTEST_A", ""}}, [] {
         char b[] = "VTEST_B", u[] = "VTEST_UNSET", a[] = "VTEST_A", h[] = "HOME", *names[] = {b, u, a, nullptr, h};
@@ -116,12 +111,8 @@ TEST(Secure, ChildEnvironmentAndDescriptors)
         CHILD_CHECK(fstat(1, &now) == 0 && now.st_rdev == null.st_rdev && S_ISCHR(now.st_mode));
         return (fcntl(1, F_GETFL) & O_ACCMODE) == O_WRONLY ? 0 : 1;
     }));
-}
-
-// Children start from several threads while others hold the allocator's and the logger's locks.
-TEST(Secure, ChildrenStartFromManyThreadsWhileOthersAllocateAndLog)
-{
-    // This toolchain's AddressSanitizer does not hold its allocator locks across fork.
+    // Children start from several threads while others hold the allocator's and the logger's locks; this
+    // toolchain's AddressSanitizer does not hold its allocator locks across fork.
     if (kAddressSanitizer) GTEST_SKIP() << "AddressSanitizer's allocator is not fork-safe with threads here";
     secureInit();
     int savedErr = dup(2), devNull = open("/dev/null", O_WRONLY);
@@ -188,8 +179,7 @@ TEST(SecurePrivileges, DropsArePermanentOrRestoredAndImpossibleRestoresAbort)
             Secure::DropPrivileges(nullptr);
             CHILD_CHECK(geteuid() == kNobody && getegid() == kNobody);
             Secure::RestorePrivileges(*saved);
-            int n = getgroups(8, groups);
-            CHILD_CHECK(owner != 0 || (n == 2 && groups[0] == 4 && groups[1] == 7));
+            CHILD_CHECK(owner != 0 || (getgroups(8, groups) == 2 && groups[0] == 4 && groups[1] == 7));
             return geteuid() == owner && getegid() == owner ? 0 : 3;
         }), "0 ") << "temporary, owner " << owner;
     }
@@ -197,8 +187,7 @@ TEST(SecurePrivileges, DropsArePermanentOrRestoredAndImpossibleRestoresAbort)
         EXPECT_EQ(AsSetId(kNobody, [uid] {
             auto saved = std::make_unique<Secure::PRIVILEGES>();  // zeroed: gid 0, no groups
             saved->uid = uid;
-            Secure::RestorePrivileges(*saved);
-            return 0;
+            return Secure::RestorePrivileges(*saved), 0;
         }), std::to_string(128 + SIGABRT) + " ") << "restoring uid " << uid << " gid 0";
 }
 
