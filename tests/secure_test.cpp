@@ -209,6 +209,7 @@ TEST(SecExec, StatusesWordsStreamsEnvironmentAndUsage)
     const struct { std::vector<std::string> words; int status; std::string out, err, input = ""; } rows[] = {
         {{"/bin/sh", "-c", "'exit 1'"}, 1, "", ""},
         {{"/nonexistent"}, 127, "", "sec-exec: cannot execute /nonexistent: No such file or directory" + kNoPath},
+        {{"/etc"}, 127, "", "sec-exec: cannot execute /etc: Is a directory" + kNoPath},  // found by stat, not by exec
         {{"/bin/sh", "-c", "'kill -TERM $$'"}, 143, "", "sec-exec: /bin/sh killed by signal 15 (Terminated).\n"},
         {{"/bin/echo", "'a  b'", "c\"d e\""}, 0, "a  b c d e\n", ""}, {{"/bin/pwd"}, 0, "/tmp\n", ""},
         {{"--", "/bin/true"}, 0, "", ""}, {{}, 255, "", kUsage},
