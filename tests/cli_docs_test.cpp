@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <regex>
-#include <sstream>
 
 #include "fixed_paths.h"
 #include "process.h"
@@ -13,19 +12,15 @@ namespace {
 // The usage text's synopsis lines, the program path shown as "vtest".
 std::string UsageSynopses()
 {
-    std::istringstream in(RunVtest({"no-such-command"}).err);
-    std::string lines;
-    for (std::string line; std::getline(in, line);)
-        if (line.rfind(VTEST_BINARY, 0) == 0) lines += "vtest" + line.substr(strlen(VTEST_BINARY)) + "\n";
-    return lines;
+    std::string usage = std::regex_replace(RunVtest({"no-such-command"}).err, std::regex("\t[^\n]*\n"), "");
+    return std::regex_replace(usage, std::regex("(^|\n)[^ \n]+"), "$1vtest");
 }
 
 TEST(CliDocs, ManPageShowsTheUsageSynopsesAndNamesEveryCommand)
 {
     const std::string usage = UsageSynopses();
     ASSERT_EQ(CountOf(usage, "\n"), 13u);
-    std::string page = std::regex_replace(ReadFile(VTEST_MAN_PAGE), std::regex(R"(\\f[BIR])"), "");
-    page = std::regex_replace(page, std::regex(R"(\\-)"), "-");
+    std::string page = std::regex_replace(ReadFile(VTEST_MAN_PAGE), std::regex(R"(\\f[BIR]|\\(?=-))"), "");
     size_t from = page.find(".SH SYNOPSIS\n.nf\n") + 17, to = page.find(".fi\n", from);
     EXPECT_EQ(page.substr(from, to - from), usage + "vtest sslinit [-altbase <dir>]\n");
     EXPECT_NE(std::regex_replace(page, std::regex("\n"), " ")
@@ -36,16 +31,16 @@ TEST(CliDocs, ManPageShowsTheUsageSynopsesAndNamesEveryCommand)
 
 TEST(CliDocs, CompletionOffersCommandWordsAndEachCommandsOptions)
 {
-    const std::pair<const char*, const char*> cases[] = {
-        {"vtest ''", "backlog discover ipconfig sql sql_file monitor elf exec mail time sec-exec usb sslinit --server=\n"},
-        {"vtest s", "sql sql_file sec-exec sslinit\n"}, {"vtest sql --", "--pairs --server= --stdin\n"},
-        {"vtest sql_file --p", "--pairs\n"}, {"vtest monitor Hardware ''", "insert update delete\n"},
-        {"vtest exec --", "--server= --stdin --file\n"}, {"vtest mail --", "--user= --password= --debug\n"},
-        {"vtest time --", "--tz=\n"}, {"vtest usb r", "reset\n"}, {"vtest discover t", "tree\n"},
-        {"vtest sslinit -", "-altbase\n"}, {"vtest backlog --", "\n"},
+    const std::pair<const char*, const char*> cases[] = {  // the words after "vtest", what completion offers
+        {"''", "backlog discover ipconfig sql sql_file monitor elf exec mail time sec-exec usb sslinit --server=\n"},
+        {"s", "sql sql_file sec-exec sslinit\n"}, {"sql --", "--pairs --server= --stdin\n"},
+        {"sql_file --p", "--pairs\n"}, {"monitor Hardware ''", "insert update delete\n"},
+        {"exec --", "--server= --stdin --file\n"},
+        {"mail --", "--user= --password= --debug\n"}, {"time --", "--tz=\n"}, {"usb r", "reset\n"},
+        {"discover t", "tree\n"}, {"sslinit -", "-altbase\n"}, {"backlog --", "\n"},
     };
     for (const auto& [words, offered] : cases) {
-        std::string script = "source '" VTEST_COMPLETION "'; COMP_WORDS=(" + std::string(words) +
+        std::string script = "source '" VTEST_COMPLETION "'; COMP_WORDS=(vtest " + std::string(words) +
                              "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _vtest; echo \"${COMPREPLY[*]}\"";
         RunResult r = RunProgram({"/bin/bash", "-c", script});
         EXPECT_EQ(r.out + r.err, offered) << words;

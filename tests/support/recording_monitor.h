@@ -29,22 +29,11 @@ public:
     void StateChange(bool connected) override { Record(connected ? "up" : "down"); }
     void Refused(const char* text) override { Record(std::string("refused:") + text); }
 
-    std::vector<std::string> Log() const
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        return m_log;
-    }
-    bool WaitForEntries(size_t count) const
-    {
-        return WaitUntil([&] { return Log().size() >= count; }, ScaledMs(15000));
-    }
+    std::vector<std::string> Log() const { std::lock_guard<std::mutex> guard(m_lock); return m_log; }
+    bool WaitForEntries(size_t n) const { return WaitUntil([&] { return Log().size() >= n; }, ScaledMs(15000)); }
 
 private:
-    void Record(const std::string& entry)
-    {
-        std::lock_guard<std::mutex> guard(m_lock);
-        m_log.push_back(entry);
-    }
+    void Record(const std::string& entry) { std::lock_guard<std::mutex> guard(m_lock); m_log.push_back(entry); }
 
     mutable std::mutex m_lock;
     std::vector<std::string> m_log;

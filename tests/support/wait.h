@@ -12,26 +12,23 @@ template <class Condition>
 bool WaitUntil(Condition done, int timeoutMs)
 {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
+    for (; !done(); usleep(2000))
         if (std::chrono::steady_clock::now() > deadline) return false;
-        usleep(2000);
-    }
     return true;
 }
 
 inline long MsSince(std::chrono::steady_clock::time_point start)
 {
-    return static_cast<long>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
 }
 
 // Appends what `fd` gives within `waitMs`: 1, 0 when nothing came, -1 at its end.
 inline int ReadWithin(int fd, std::string& into, int waitMs)
 {
     pollfd p = {fd, POLLIN, 0};
+    char chunk[65536];
     if (fd < 0) return -1;
     if (poll(&p, 1, waitMs) <= 0) return 0;
-    char chunk[65536];
     ssize_t n = read(fd, chunk, sizeof chunk);
     if (n > 0) into.append(chunk, static_cast<size_t>(n));
     return n > 0 ? 1 : -1;
@@ -42,7 +39,6 @@ inline std::string ReadFd(int fd)
 {
     std::string text;
     char buf[4096];
-    ssize_t n;
-    for (off_t at = 0; (n = pread(fd, buf, sizeof buf, at)) > 0; at += n) text.append(buf, static_cast<size_t>(n));
+    for (ssize_t n, at = 0; (n = pread(fd, buf, sizeof buf, at)) > 0; at += n) text.append(buf, static_cast<size_t>(n));
     return text;
 }
