@@ -20,19 +20,13 @@ using Pairs = std::map<std::string, std::string>;
 
 const Config::DefaultEntry kDefaults[] = {{"a", "0"}, {"d", "dv"}, {nullptr, nullptr}};
 
-Pairs All(const Config& cfg)
-{
-    Pairs all;
-    cfg.Get(all);
-    return all;
-}
+Pairs All(const Config& cfg) { Pairs all; cfg.Get(all); return all; }
 
 class ConfigFile : public ::testing::Test {
 protected:
     void SetUp() override { m_path = MakeTempDir() + "/vantor.conf"; }
     void TearDown() override { RunProgram({"/bin/rm", "-rf", m_path.substr(0, m_path.rfind('/'))}); }
-    // "@" in a message stands for the file's path.
-    std::string WithPath(std::string text) const
+    std::string WithPath(std::string text) const  // "@" in a message stands for the file's path
     {
         for (size_t at; (at = text.find('@')) != std::string::npos;) text.replace(at, 1, m_path);
         return text;
@@ -72,36 +66,29 @@ TEST_F(ConfigFile, LinesGiveThesePairsAndMessages)
     }
 }
 
-TEST_F(ConfigFile, MissingFileOrNoPathGivesDefaultsAndNewDefaultsWaitForReload)
+TEST_F(ConfigFile, MissingReadOnlyOrNoFileGivesDefaultsAndNewDefaultsWaitForReload)
 {
     StderrCapture capture;
     Config missing(m_path.c_str(), kDefaults, nullptr), none(nullptr, kDefaults, nullptr);
     EXPECT_EQ(LogLines(capture.Take()), WithPath("info No configuration file \"@\", using defaults.\n"
                                                  "info No configuration file, using defaults.\n"));
-    EXPECT_EQ(All(missing), (Pairs{{"a", "0"}, {"d", "dv"}}));
     ASSERT_TRUE(WriteFile(m_path, "x 1\n"));
     const Config::DefaultEntry other[] = {{"o", "1"}, {nullptr, nullptr}};
     missing.Defaults(other);
     EXPECT_STREQ(missing.GetStr("d", ""), "dv");
-    EXPECT_TRUE(missing.Reload());
-    EXPECT_EQ(All(missing), (Pairs{{"o", "1"}, {"x", "1"}}));
+    auto reload = [&] { return missing.Reload() ? All(missing) : Pairs{{"reload", "failed"}}; };
+    EXPECT_EQ(reload(), (Pairs{{"o", "1"}, {"x", "1"}}));
     missing.Defaults(nullptr);
-    EXPECT_TRUE(missing.Reload());
-    EXPECT_EQ(All(missing), (Pairs{{"x", "1"}}));
-}
-
-// Opened read-write on purpose: a file this process may not write is missing.
-TEST_F(ConfigFile, ReadOnlyFileCountsAsMissing)
-{
+    EXPECT_EQ(reload(), (Pairs{{"x", "1"}}));
+    // Opened read-write on purpose: a file this process may not write is missing.
     if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
     ASSERT_TRUE(WriteFile(m_path, "a 1\n"));
-    std::string report = RunInMountNamespace([&] {
+    EXPECT_EQ(RunInMountNamespace([&] {
         int rv = BindReadOnly(m_path.c_str());
         StderrCapture capture;
         Config cfg(m_path.c_str(), kDefaults, nullptr);
         return std::to_string(rv) + " " + cfg.GetStr("a", "?") + " " + LogLines(capture.Take());
-    });
-    EXPECT_EQ(report, WithPath("0 0 info No configuration file \"@\", using defaults.\n"));
+    }), WithPath("0 0 info No configuration file \"@\", using defaults.\n"));
 }
 
 // Readers copy the whole board while reloads flip the file between two contents.
@@ -144,9 +131,8 @@ TEST_F(ConfigFile, ControllerConfLinesGiveThesePairs)
         {"k = " + x194 + "rest = 1\n", {{"k", x194}, {"rest", "1"}}},  // a long line reads in two parts
     };
     for (const auto& [text, pairs] : cases) {
-        ASSERT_TRUE(WriteFile(m_path, text));
         Pairs read{{"stale", "x"}};
-        EXPECT_TRUE(controller_conf_read_file(m_path.c_str(), read)) << text;
+        EXPECT_TRUE(WriteFile(m_path, text) && controller_conf_read_file(m_path.c_str(), read)) << text;
         EXPECT_EQ(read, pairs) << text;
     }
 }
@@ -159,35 +145,31 @@ TEST(ControllerConfFile, WriteKeepsABackupAndReportsFailures)
     const std::string updated = " written info Updated /var/local/quill.conf.\n";
     const std::string failed = " failed warn Failed to update /var/local/quill.conf.\n";
     struct Case { const char* label; std::function<int()> setup; Pairs pairs; std::string report; } cases[] = {
-        {"no file yet: nothing to read, no backup",
-         [] { Pairs read{{"untouched", "1"}}; return ControllerConfRead(read) || !read.empty(); },
+        {"no file yet", [] { Pairs read{{"untouched", "1"}}; return ControllerConfRead(read) || !read.empty(); },
          {{"b", "2"}, {"a", "one word"}}, updated + "a = one word\nb = 2\n|<missing>|ok a=one word;b=2;"},
-        {"previous file becomes the backup", [&] { return !WriteFile(old, "stale\n") || !WriteFile(conf, "x=1\n"); },
-         {}, updated + "|x=1\n|ok "},
-        {"directory read-only: cannot create",
-         [&] { return WriteFile(conf, "k = v\n") ? BindReadOnly("/var/local") : 1; },
-         {{"a", "1"}}, failed + "k = v\n|<missing>|ok k=v;"},
-        {"out of space after the backup",
-         [&] { return mount("tmpfs", "/var/local", "tmpfs", 0, "size=4k") || !WriteFile(conf, "k = v\n"); },
+        {"old file to backup", [&] { return !WriteFile(old, "stale\n") || !WriteFile(conf, "x=1\n"); }, {},
+         updated + "|x=1\n|ok "},
+        {"read-only dir", [&] { return WriteFile(conf, "k = v\n") ? BindReadOnly("/var/local") : 1; }, {{"a", "1"}},
+         failed + "k = v\n|<missing>|ok k=v;"},
+        {"no space", [&] { return mount("tmpfs", "/var/local", "tmpfs", 0, "size=4k") || !WriteFile(conf, "k = v\n"); },
          {{"big", std::string(10000, 'b')}}, failed + "|k = v\n|ok "},
     };
     for (const Case& c : cases) {
-        std::string report = RunInMountNamespace([&] {
+        EXPECT_EQ(RunInMountNamespace([&] {
             StderrCapture capture;
-            std::string text = std::to_string(c.setup());
+            std::string text = std::to_string(c.setup());  // before the write: + leaves the order open
             text += ControllerConfWrite(c.pairs) ? " written " : " failed ";
             text += LogLines(capture.Take());
             Pairs read{{"untouched", "1"}};
             text += ReadFile(conf) + "|" + ReadFile(old) + (ControllerConfRead(read) ? "|ok " : "|failed ");
             for (const auto& [key, value] : read) text += key + "=" + value + ";";
             return text;
-        });
-        EXPECT_EQ(report, "0" + c.report) << c.label;
+        }), "0" + c.report) << c.label;
     }
 }
 
 // Each "-altbase" takes the next word, even "-altbase"; the last one wins.
-TEST(QuillSsl, AltbaseScanLastOneWins)
+TEST(QuillSsl, AltbaseScanLastOneWinsAndSslinitAlwaysExitsZero)
 {
     const std::pair<std::vector<const char*>, const char*> cases[] = {
         {{"-altbase", "/a"}, "/a"}, {{"-altbase", "/a", "-altbase", "/b"}, "/b"}, {{"x", "-altbase", "/a", "y"}, "/a"},
@@ -200,20 +182,15 @@ TEST(QuillSsl, AltbaseScanLastOneWins)
         ssl_scan_args(cfg, static_cast<int>(args.size()), const_cast<char* const*>(args.data()));
         EXPECT_STREQ(cfg.GetStr("Ssl.BaseDir", "<none>"), baseDir) << args.size() << " words, first " << args[0];
     }
-}
-
-// sslinit reads the fixed file (its absence only noted) and ends with status 0, whatever its arguments.
-TEST(SslInit, RunsOnTheFixedFileAndAlwaysExitsZero)
-{
+    // sslinit reads the fixed file (its absence only noted) and ends with status 0, whatever its arguments.
     if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
-    std::string report = RunInMountNamespace([] {
+    EXPECT_EQ(RunInMountNamespace([] {
         std::string report = unlink("/etc/vantor.conf") == 0 || errno == ENOENT ? "" : "cannot remove ";
         RunResult r = RunVtest({"sslinit", "x", "-altbase", "/a", "-altbase"});
         return report + std::to_string(r.status) + "|" + r.out + "|" + LogLines(r.err);
-    });
-    EXPECT_EQ(report, "0||info No configuration file \"/etc/vantor.conf\", using defaults.\n"
-                      "info SSL: Support not included.\n"
-                      "info SSL: #################### Init check passed ####################\n");
+    }), "0||info No configuration file \"/etc/vantor.conf\", using defaults.\n"
+                   "info SSL: Support not included.\n"
+                   "info SSL: #################### Init check passed ####################\n");
 }
 
 }  // namespace

@@ -24,24 +24,16 @@
 namespace {
 
 // Each piece of a message is a line with the same prefix; levels past the named ones read "unk ".
-TEST(SyslogSafe, SplitsLinesSkipsEmptyPiecesAndNamesLevels)
+TEST(SyslogSafe, SplitsLinesNamesLevelsAndChunksForTheDaemon)
 {
-    testing::internal::CaptureStderr();
+    StderrCapture capture;
     syslog_safe(6, "%s", "a\n\nb");
-    const std::string out = testing::internal::GetCapturedStderr();
-    const std::regex twoLines("(\\d\\d\\.\\d{6} \\[" + std::to_string(dbg_gettid()) + "\\] )info a\n\\1info b\n");
-    EXPECT_TRUE(std::regex_match(out, twoLines)) << out;
-    for (const auto& [level, name] : {std::pair<int, std::string>{0, "emrg"}, {3, "err "}, {4, "warn"}, {7, "dbg "},
-                                      {8, "unk "}, {12, "unk "}}) {
-        StderrCapture capture;
-        syslog_safe(level, "x");
-        EXPECT_EQ(LogLines(capture.Take()), name + " x\n") << level;
-    }
-}
-
-// In a private mount namespace whose /dev holds only our own /dev/log, to read the daemon path's records back.
-TEST(SyslogSafe, DaemonModeSendsChunksMarkedAsContinued)
-{
+    for (int level : {0, 3, 4, 7, 8, 12}) syslog_safe(level, "x");
+    const std::string out = capture.Take(), tid = std::to_string(dbg_gettid());
+    EXPECT_EQ(LogLines(out), "info a\ninfo b\nemrg x\nerr  x\nwarn x\ndbg  x\nunk  x\nunk  x\n");
+    EXPECT_TRUE(std::regex_search(out, std::regex("^(\\d\\d\\.\\d{6} \\[" + tid + "\\] )info a\n\\1info b\n"))) << out;
+    // Daemon mode sends chunks marked as continued: read back in a private mount namespace whose /dev holds only
+    // our own /dev/log.
     if (std::string why = NamespacesUnavailableReason(CLONE_NEWNS); !why.empty()) GTEST_SKIP() << why;
     EXPECT_EQ(RunInNamespaces(CLONE_NEWNS, [] {
         CHILD_CHECK(mount("tmpfs", "/dev", "tmpfs", 0, "mode=0755") == 0);
@@ -67,50 +59,44 @@ TEST(SyslogSafe, DaemonModeSendsChunksMarkedAsContinued)
     }), 0);
 }
 
-// The edges the dump test does not see: the general cause table ends every search, odd frames stay.
-TEST(CrashHandler, SignalNamesCauseTextAndDemangling)
+// The edges the dump test does not see: the general cause table ends every search, odd frames stay, an added file
+// is split at line ends and long lines are cut.
+TEST(CrashHandler, NamesDemanglingAndAddedFiles)
 {
-    for (const auto& [sig, name] : {std::pair<int, const char*>{0, "UNKNOWN"}, {31, "SIGSYS"}, {32, "UNKNOWN"},
-                                    {6, "SIGABRT/SIGIOT"}, {29, "SIGPOLL/SIGIO"}})
-        EXPECT_STREQ(dbg_sig2str(sig), name) << sig;
-    EXPECT_STREQ(dbg_code2str(SIGSEGV, 1), "kill(2) or raise(3)");
+    std::string names = dbg_code2str(SIGSEGV, 1);
+    for (int sig : {0, 31, 32, 6, 29}) names += std::string(" ") + dbg_sig2str(sig);
+    EXPECT_EQ(names, "kill(2) or raise(3) UNKNOWN SIGSYS UNKNOWN SIGABRT/SIGIOT SIGPOLL/SIGIO");
     for (std::string kept : {"./vtest(main+0x71) [0x55]", "/lib/libc.so.6(+0x3c050) [0x7f]", "./vtest() [0x55]",
                              "no parenthesis here", "./vtest(_Zbroken+0x1) [0x1]", "./vtest(_Z1fv+0x1 [0x1]"}) {
         std::string line = kept;
         dbg_demangle(line);
         EXPECT_EQ(line, kept);
     }
-}
-
-TEST(CrashHandler, AddFileSplitsAtLineEndsAndCutsLongLines)
-{
     std::string dir = MakeTempDir(), path = dir + "/in";
     ASSERT_TRUE(WriteFile(path, "one\r\ntwo\vthree\n" + std::string(300, 'x') + "\n"));
     FILE* dump = tmpfile();
     StderrCapture capture;
-    EXPECT_EQ(dbg_add_file(path.c_str(), dump, 1), 0);
-    EXPECT_EQ(dbg_add_file((dir + "/missing").c_str(), dump, 1), -1);
+    std::string rvs = std::to_string(dbg_add_file(path.c_str(), dump, 1));
+    rvs += std::to_string(dbg_add_file((dir + "/missing").c_str(), dump, 1));
     std::string log = LogLines(capture.Take());
     fflush(dump);
-    EXPECT_EQ(ReadFd(fileno(dump)), "\n" + path + "\n-----------------------------------------\none\ntwo\nthree\n" +
-                                       std::string(255, 'x') + "\n" + std::string(45, 'x') + "\n");
+    const std::string lines = "one\ntwo\nthree\n" + std::string(255, 'x') + "\n" + std::string(45, 'x') + "\n";
+    EXPECT_EQ(rvs + ReadFd(fileno(dump)), "0-1\n" + path + "\n-----------------------------------------\n" + lines);
     fclose(dump);
-    EXPECT_NE(log.find("! ----------------------------------------------------\n"), std::string::npos);
-    EXPECT_NE(log.find("err  Unable to open " + dir + "/missing (2).\n"), std::string::npos) << log;
+    EXPECT_TRUE(log.find("! ----------------------------------------------------\n") != std::string::npos &&
+                log.find("err  Unable to open " + dir + "/missing (2).\n") != std::string::npos) << log;
     RunProgram({"/bin/rm", "-rf", dir});
 }
 
-// "how it ended pid <pid>", "<dump files> <first>", log and dump of a vtest sent `sig` while blocked opening a FIFO.
-// Its handlers are in place once SIGSTKFLT (the last one installed; no sanitizer catches it) shows in the caught
-// mask; under qemu, whose own handlers show from the start, once it also blocks in the open.
+// "how it ended pid <pid>", "<dump files> <first>", log and dump of a vtest sent `sig` while blocked opening a FIFO,
+// once SIGSTKFLT (installed last; no sanitizer catches it) is caught and, for qemu's sake, it blocks in the open.
 std::string CrashReport(int sig)
 {
     return RunInMountNamespace([sig] {
         const std::string dir = MakeTempDir(), errPath = dir + "/stderr", fifo = dir + "/hub";
         std::vector<std::string> argv = TargetArgv(VTEST_BINARY, {"usb", "reset", fifo});
-        std::vector<char*> args;
-        for (std::string& a : argv) args.push_back(a.data());
-        args.push_back(nullptr);
+        std::vector<char*> args(argv.size() + 1, nullptr);
+        for (size_t i = 0; i < argv.size(); i++) args[i] = argv[i].data();
         rlimit noCore = {0, 0};  // this is a RunInNamespaces child: the limit stays in it
         pid_t pid = mkfifo(fifo.c_str(), 0600) == 0 && setrlimit(RLIMIT_CORE, &noCore) == 0 ? fork() : -1;
         if (pid == 0) {
@@ -155,7 +141,6 @@ TEST(CrashHandler, FatalSignalLeavesLogAndDumpFileAndUsr1DumpsAndGoesOn)
     };
     for (const auto& row : rows) {
         const std::string report = CrashReport(row.sig);
-        // One dump file, named after the process and the time.
         const std::regex head(row.ended + R"( pid (\d+)\n1 /var/local/vtest-\1-\d{4}-\d\d-\d\d-\d{6}\.dbg\n)");
         EXPECT_TRUE(std::regex_search(report, head, std::regex_constants::match_continuous)) << report.substr(0, 300);
         const std::vector<std::string> pieces = {

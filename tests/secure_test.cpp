@@ -72,8 +72,8 @@ std::string EnvSeen(const std::vector<std::pair<const char*, const char*>>& vars
     });
 }
 
-// Each command through system (output discarded) and through the stream form.
-TEST(Secure, StatusesAndWhatTheChildSees)
+// Each command through system (output discarded) and through the stream form; then a child's environment and files.
+TEST(Secure, StatusesWhatTheChildSeesAndForksUnderHeldLocks)
 {
     int inherited = open("/dev/null", O_RDONLY);  // deliberately without close-on-exec; 3 is ls's own
     ASSERT_GE(inherited, 3);
@@ -90,26 +90,17 @@ TEST(Secure, StatusesAndWhatTheChildSees)
     }
     close(inherited);
     FILE* w = Secure::popen("/bin/sh -c 'read line; test \"$line\" = ping'", "w");
-    ASSERT_TRUE(w && fputs("ping\n", w) >= 0);
-    EXPECT_EQ(Secure::pclose(w), 0);
+    EXPECT_TRUE(w && fputs("ping\n", w) >= 0 && Secure::pclose(w) == 0);
     for (const char* mode : {"rw", "", "R", "r+", static_cast<const char*>(nullptr)})
         EXPECT_EQ(Secure::popen("/bin/cat", mode), nullptr) << (mode ? mode : "null");
     Secure::POPEN none = {nullptr, nullptr, nullptr, -1};
-    EXPECT_EQ(Secure::pclose(none), -1);
-    EXPECT_EQ(Secure::pclose(stdin), -1);
-}
-
-// SanitizeEnvironment keeps named variables in the order named (sec-exec's rows cover SafeEnvironment).
-TEST(Secure, ChildEnvironmentAndDescriptors)
-{
+    EXPECT_TRUE(Secure::pclose(none) == -1 && Secure::pclose(stdin) == -1);
+    // SanitizeEnvironment keeps named variables in the order named (sec-exec's rows cover SafeEnvironment).
     EXPECT_EQ(EnvSeen({{"TZ", "UTC"}, {"VTEST_SECRET", "x"}}, Secure::fork), "0 " + kSafeEnv + "TZ=UTC\n");
-    auto sanitize = [] {
-        char* names[] = {const_cast<char*>("VTEST_B"), const_cast<char*>("VTEST_UNSET"),
-                         const_cast<char*>("VTEST_A"), nullptr, const_cast<char*>("HOME")};
-        Secure::SanitizeEnvironment(5, names);
-        return 0;
-    };
-    EXPECT_EQ(EnvSeen({{"VTEST_B", "b=2"}, {"VTEST_A", ""}}, sanitize), "0 " + kSafeEnv + "VTEST_B=b=2\nVTEST_A=\n");
+    EXPECT_EQ(EnvSeen({{"VTEST_B", "b=2"}, {"VTEST_A", ""}}, [] {
+        char b[] = "VTEST_B", u[] = "VTEST_UNSET", a[] = "VTEST_A", h[] = "HOME", *names[] = {b, u, a, nullptr, h};
+        return Secure::SanitizeEnvironment(5, names), 0;
+    }), "0 " + kSafeEnv + "VTEST_B=b=2\nVTEST_A=\n");
     EXPECT_EQ("0 ", InChild([] {
         int dropped = open("/dev/null", O_RDONLY), kept = open("/dev/null", O_RDONLY), keep[] = {kept, -1};
         struct stat null, now;
@@ -120,12 +111,8 @@ TEST(Secure, ChildEnvironmentAndDescriptors)
         CHILD_CHECK(fstat(1, &now) == 0 && now.st_rdev == null.st_rdev && S_ISCHR(now.st_mode));
         return (fcntl(1, F_GETFL) & O_ACCMODE) == O_WRONLY ? 0 : 1;
     }));
-}
-
-// Children start from several threads while others hold the allocator's and the logger's locks.
-TEST(Secure, ChildrenStartFromManyThreadsWhileOthersAllocateAndLog)
-{
-    // This toolchain's AddressSanitizer does not hold its allocator locks across fork.
+    // Children start from several threads while others hold the allocator's and the logger's locks; this
+    // toolchain's AddressSanitizer does not hold its allocator locks across fork.
     if (kAddressSanitizer) GTEST_SKIP() << "AddressSanitizer's allocator is not fork-safe with threads here";
     secureInit();
     int savedErr = dup(2), devNull = open("/dev/null", O_WRONLY);
@@ -156,9 +143,7 @@ TEST(Secure, ChildrenStartFromManyThreadsWhileOthersAllocateAndLog)
     for (std::thread& t : starters) t.join();
     stop = true;
     for (std::thread& t : busy) t.join();
-    dup2(savedErr, 2);
-    close(savedErr);
-    close(devNull);
+    dup2(savedErr, 2), close(savedErr), close(devNull);
     EXPECT_EQ(failures, 0);
 }
 
@@ -190,14 +175,11 @@ TEST(SecurePrivileges, DropsArePermanentOrRestoredAndImpossibleRestoresAbort)
             gid_t groups[8] = {4, 7};
             auto saved = std::make_unique<Secure::PRIVILEGES>();
             if (owner == 0 && setgroups(2, groups) != 0) return 91;
-            saved->uid = geteuid();
-            saved->gid = getegid();
-            saved->ngroups = getgroups(65536, saved->groups);
+            saved->uid = geteuid(), saved->gid = getegid(), saved->ngroups = getgroups(65536, saved->groups);
             Secure::DropPrivileges(nullptr);
             CHILD_CHECK(geteuid() == kNobody && getegid() == kNobody);
             Secure::RestorePrivileges(*saved);
-            int n = getgroups(8, groups);
-            CHILD_CHECK(owner != 0 || (n == 2 && groups[0] == 4 && groups[1] == 7));
+            CHILD_CHECK(owner != 0 || (getgroups(8, groups) == 2 && groups[0] == 4 && groups[1] == 7));
             return geteuid() == owner && getegid() == owner ? 0 : 3;
         }), "0 ") << "temporary, owner " << owner;
     }
@@ -205,14 +187,13 @@ TEST(SecurePrivileges, DropsArePermanentOrRestoredAndImpossibleRestoresAbort)
         EXPECT_EQ(AsSetId(kNobody, [uid] {
             auto saved = std::make_unique<Secure::PRIVILEGES>();  // zeroed: gid 0, no groups
             saved->uid = uid;
-            Secure::RestorePrivileges(*saved);
-            return 0;
+            return Secure::RestorePrivileges(*saved), 0;
         }), std::to_string(128 + SIGABRT) + " ") << "restoring uid " << uid << " gid 0";
 }
 
+const std::string kNoPath = " (no PATH search: give the full path).\n";
 const std::string kUsage =
     std::string("Usage: ") + VTEST_BINARY + " sec-exec [--keep-env=<name>]... <command> [<argument>]...\n";
-const std::string kNoPath = " (no PATH search: give the full path).\n";
 
 // Words are joined, then split again like the daemon's; each stream carries far more than a pipe holds.
 TEST(SecExec, StatusesWordsStreamsEnvironmentAndUsage)
@@ -220,16 +201,15 @@ TEST(SecExec, StatusesWordsStreamsEnvironmentAndUsage)
     std::string lines;
     for (int i = 0; i < 30000; i++) lines += std::to_string(i) + "\n";
     const std::string script = "'i=0; while [ $i -lt 30000 ]; do echo $i; echo $i >&2; i=$((i+1)); done'";
-    const std::pair<const char*, const char*> vars[] = {
-        {"TZ", "Europe/Oslo"}, {"VTEST_KEEP", "kept value"}, {"VTEST_DROP", "x"}};
+    const char* const vars[][2] = {{"TZ", "Europe/Oslo"}, {"VTEST_KEEP", "a b"}, {"VTEST_DROP", "x"}};
     for (const auto& [name, value] : vars) setenv(name, value, 1);
     // A kept name holds its first place; PATH, when kept, its safe one.
     const std::string keptEnv =
-        "IFS= \t\n\nPATH=" + std::string(getenv("PATH")) + "\nTZ=Europe/Oslo\nVTEST_KEEP=kept value\n";
+        "IFS= \t\n\nPATH=" + std::string(getenv("PATH")) + "\nTZ=Europe/Oslo\nVTEST_KEEP=a b\n";
     const struct { std::vector<std::string> words; int status; std::string out, err, input = ""; } rows[] = {
         {{"/bin/sh", "-c", "'exit 1'"}, 1, "", ""},
         {{"/nonexistent"}, 127, "", "sec-exec: cannot execute /nonexistent: No such file or directory" + kNoPath},
-        {{"/etc"}, 127, "", "sec-exec: cannot execute /etc: Is a directory" + kNoPath},
+        {{"/etc"}, 127, "", "sec-exec: cannot execute /etc: Is a directory" + kNoPath},  // found by stat, not by exec
         {{"/bin/sh", "-c", "'kill -TERM $$'"}, 143, "", "sec-exec: /bin/sh killed by signal 15 (Terminated).\n"},
         {{"/bin/echo", "'a  b'", "c\"d e\""}, 0, "a  b c d e\n", ""}, {{"/bin/pwd"}, 0, "/tmp\n", ""},
         {{"--", "/bin/true"}, 0, "", ""}, {{}, 255, "", kUsage},
@@ -244,9 +224,8 @@ TEST(SecExec, StatusesWordsStreamsEnvironmentAndUsage)
         std::vector<std::string> args{"sec-exec"};
         args.insert(args.end(), row.words.begin(), row.words.end());
         RunResult r = RunVtest(args, row.input);
-        const std::string label = row.words.empty() ? "" : row.words.front() + " " + row.words.back().substr(0, 40);
         EXPECT_EQ(std::tie(r.timedOut, r.status, r.out, r.err), std::make_tuple(false, row.status, row.out, row.err))
-            << label;
+            << (row.words.empty() ? "" : row.words.front() + " " + row.words.back().substr(0, 40));
     }
     for (const auto& [name, value] : vars) unsetenv(name);
 }
@@ -260,9 +239,9 @@ TEST(SecExec, InstalledSetIdGivesUpItsIdsForGood)
                       " && chmod 755 " + dir).c_str()), 0);
     RunResult r = RunProgram({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", copy,
                               "sec-exec", "/bin/grep", "^[UG]id:", "/proc/self/status"});
-    EXPECT_EQ(r.status, 0) << r.err;
-    EXPECT_EQ(r.out, "Uid:\t65534\t65534\t65534\t65534\nGid:\t65534\t65534\t65534\t65534\n");
-    EXPECT_EQ(system(("rm -rf " + dir).c_str()), 0);
+    const std::string ids = "\t65534\t65534\t65534\t65534\n";
+    EXPECT_EQ(std::to_string(r.status) + " " + r.out, "0 Uid:" + ids + "Gid:" + ids) << r.err;
+    RunProgram({"/bin/rm", "-rf", dir});
 }
 
 }  // namespace
