@@ -39,18 +39,20 @@ TEST(SimServer, ManyConcurrentClientsLoseNothing)
     ASSERT_TRUE(sim.Running()) << sim.Log();
     const int clients = 24, rows = 40;
     std::atomic<int> failures{0};
+    std::vector<Rows> got(clients);  // each client's last answer, the failed one where it stopped
     std::vector<std::thread> threads;
     for (int t = 0; t < clients; ++t)
         threads.emplace_back([&, t] {
             auto shell = SimShell(sim);
             for (int i = 0; i < rows && failures == 0; ++i) {
                 const std::string data = std::to_string(t) + "-" + std::to_string(i);
-                failures += SimRun(*shell, "INSERT INTO Events (EvntData) VALUES ('" + data + "'); SELECT EvntData "
-                                           "FROM Events WHERE EvntID = last_insert_rowid();") != Rows{"EvntData", data};
+                got[t] = SimRun(*shell, "INSERT INTO Events (EvntData) VALUES ('" + data + "'); SELECT EvntData "
+                                        "FROM Events WHERE EvntID = last_insert_rowid();");
+                failures += got[t] != Rows{"EvntData", data};
             }
         });
     for (auto& t : threads) t.join();
-    EXPECT_EQ(0, failures.load());
+    EXPECT_EQ(0, failures.load()) << ::testing::PrintToString(got);
     const Rows count{"n", std::to_string(10 + clients * rows)};
     EXPECT_EQ(count, SimRun(*SimShell(sim), "SELECT count(*) AS n FROM Events;"));
     EXPECT_EQ(0, sim.Stop()) << sim.Log();
