@@ -113,6 +113,7 @@ TEST(TimeZoneFiles, ReadsEveryVersionLeapTablesAndTypeZeroFirst)
 TEST(TimeZoneFiles, RefusesDamagedFilesWithTheirReason)
 {
     const size_t v2 = Tzif::Berlin().Bytes().find("TZif", 4) + 20;  // where the counts of the 64-bit header start
+    const char* kAbbr = "type 2: abbreviation outside the characters or without its NUL";
     const char* kV3 = "footer needs version 3 (rule hours outside 0..24 or DST all year) in a version 2 file";
     using Edit = std::function<void(Tzif&)>;
     using Patch = std::function<void(std::string&)>;  // of the bytes, after the edit
@@ -127,8 +128,8 @@ TEST(TimeZoneFiles, RefusesDamagedFilesWithTheirReason)
         {"index", [](Tzif& z) { z.indices[1] = 3; }, nullptr, "transition 2 names a missing type"},
         {"utoff", [](Tzif& z) { z.types[0][0] = INT32_MIN; }, nullptr, "type 0: offset -2^31"},
         {"isdst", [](Tzif& z) { z.types[1][1] = 2; }, nullptr, "type 1: DST flag 2"},
-        {"abbr index", [](Tzif& z) { z.types[2][2] = 13; }, nullptr,
-         "type 2: abbreviation outside the characters or without its NUL"},
+        {"abbr index", [](Tzif& z) { z.types[2][2] = 13; }, nullptr, kAbbr},
+        {"abbr NUL", [](Tzif& z) { z.chars.pop_back(); }, nullptr, kAbbr},  // in range, but its NUL is gone
         {"isstd 2", [](Tzif& z) { z.isstd = {2, 0, 0}; }, nullptr, "bad standard/wall or UT/local indicator of type 0"},
         {"isut alone", [](Tzif& z) { z.isstd = {0, 0, 0}, z.isut = {0, 1, 0}; }, nullptr,
          "bad standard/wall or UT/local indicator of type 1"},
