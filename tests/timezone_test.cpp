@@ -200,6 +200,7 @@ std::string Glibc(int64_t t)
 
 TEST(TimeZoneRules, AgreeWithGlibcAroundEveryChange)
 {
+    const int64_t kGlibcEnd = sizeof(time_t) > 4 ? 13569465600 : INT32_MAX;
     const char* rules[] = {"IST-2IDT,M3.4.4/26,M10.5.0", "<-02>2<-01>,M3.5.0/-1,M10.5.0/0", "XXX3YYY,J60/0,J300",
                            "XXX3YYY,59/0,299", "AAA-5BBB,M3.1.0/167,M10.1.0/-167", "<-03>3<-02>,M10.1.0/0,M3.3.0/0",
                            "<+0513>-5:13:17<+0613>-6:13:17,M3.5.0/1:02:03,M10.5.0/3:04:05", "EST5EDT"};
@@ -207,10 +208,10 @@ TEST(TimeZoneRules, AgreeWithGlibcAroundEveryChange)
         TimeZone zone;
         ASSERT_TRUE(zone.LoadRule(rule)) << rule << ": " << zone.Error();
         setenv("TZ", std::string(rule) == "EST5EDT" ? "EST5EDT,M3.2.0,M11.1.0" : rule, 1), tzset();  // not its file
-        int changes = 0;  // each year's two from 1970 to 2400
-        for (int64_t t = 0, next; zone.NextTransition(t, &next) && next < 13569465600; t = next, changes++)
+        int changes = 0;  // each year's two from 1970 to 2400, or to 2038 where time_t has 32 bits (armhf)
+        for (int64_t t = 0, next; zone.NextTransition(t, &next) && next < kGlibcEnd; t = next, changes++)
             for (int64_t at : {t + (next - t) / 2, next - 1, next}) ASSERT_EQ(Show(zone, at), Glibc(at)) << rule;
-        EXPECT_EQ(changes, 860) << rule;
+        EXPECT_EQ(changes, sizeof(time_t) > 4 ? 860 : 136) << rule;
     }
     unsetenv("TZ"), tzset();
     const struct { const char* rule; int64_t t; std::string shows; } hand[] = {  // a change at t: t-1, t
